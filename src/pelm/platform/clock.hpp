@@ -1,0 +1,14 @@
+#pragma once
+
+#include <pelm/model/date.hpp>
+
+namespace pelm::platform {
+
+/// Where the library's "now" comes from. In virtual time it moves only when advanced.
+class Clock {
+public:
+    virtual ~Clock() = default;
+    virtual Date now() const = 0;
+};
+
+}  // namespace pelm::platform

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <mutex>
+
+#include <nlohmann/json.hpp>
+
+#include <pelm/platform/key_value_store.hpp>
+
+namespace pelm::platform {
+
+/// One small JSON file of text values. Every write replaces the file atomically (temp file, fsync, rename,
+/// fsync of the folder), so a crash at any moment leaves the old or the new file, never a broken one.
+/// Threads of one process are serialised by a mutex, processes by an advisory lock beside the file, so
+/// concurrent writers never lose each other's keys. Every read goes to the file: a value written by
+/// another process is seen at once.
+class FileKeyValueStore final : public KeyValueStore {
+public:
+    explicit FileKeyValueStore(std::filesystem::path file);
+
+    std::optional<std::string> get(std::string_view key) const override;
+    void set(std::string_view key, std::string_view value) override;
+    void remove(std::string_view key) override;
+
+    const std::filesystem::path& file() const { return file_; }
+    /// Every text value in the file, in file order.
+    std::vector<std::pair<std::string, std::string>> entries() const;
+
+private:
+    nlohmann::ordered_json load() const;
+    void update(const std::function<void(nlohmann::ordered_json&)>& change);
+    void replaceFile(const nlohmann::ordered_json& contents) const;
+
+    std::filesystem::path file_;
+    mutable std::mutex mutex_;
+};
+
+}  // namespace pelm::platform

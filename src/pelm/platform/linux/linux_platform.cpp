@@ -1,0 +1,55 @@
+#include <pelm/platform/linux/linux_platform.hpp>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include <pelm/platform/linux/file_key_value_store.hpp>
+#include <pelm/platform/linux/machine_identity.hpp>
+#include <pelm/platform/linux/stderr_log_sink.hpp>
+#include <pelm/platform/linux/system_clock.hpp>
+
+namespace pelm::platform {
+namespace {
+
+std::filesystem::path defaultConfigRoot() {
+    if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg != nullptr && xdg[0] == '/') {
+        return std::filesystem::path(xdg) / "pelm";
+    }
+    if (const char* home = std::getenv("HOME"); home != nullptr && home[0] != '\0') {
+        return std::filesystem::path(home) / ".config" / "pelm";
+    }
+    return std::filesystem::temp_directory_path() / "pelm";
+}
+
+// An app name becomes a file name: keep it to one harmless path component.
+std::string fileSafe(std::string name) {
+    for (char& c : name) {
+        if (c == '/' || c == '\0') c = '_';
+    }
+    if (name.empty() || name == "." || name == "..") name = "app";
+    return name;
+}
+
+}  // namespace
+
+std::string defaultAppName() { return fileSafe(program_invocation_short_name); }
+
+std::filesystem::path settingsFilePath(const LinuxPlatformOptions& options) {
+    const auto folder = options.configDirectory.value_or(defaultConfigRoot());
+    const auto app = options.appName.empty() ? defaultAppName() : fileSafe(options.appName);
+    return folder / (app + ".json");
+}
+
+std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options) {
+    if (options.appName.empty()) options.appName = defaultAppName();
+    if (options.vendorName.empty()) options.vendorName = options.appName;
+    auto platform = std::make_shared<Platform>();
+    platform->clock = std::make_shared<SystemClock>();
+    platform->store = std::make_shared<FileKeyValueStore>(settingsFilePath(options));
+    platform->identity =
+        std::make_shared<MachineIdentity>(options.vendorName, options.appVersion, options.appBuildVersion);
+    platform->log = std::make_shared<StderrLogSink>(options.appName, options.syslog);
+    return platform;
+}
+
+}  // namespace pelm::platform

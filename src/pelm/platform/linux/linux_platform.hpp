@@ -1,0 +1,34 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <pelm/platform/platform.hpp>
+
+namespace pelm::platform {
+
+/// What a host tells the Linux platform about itself. Every field has a sensible default.
+struct LinuxPlatformOptions {
+    /// Names the settings file; defaults to the running program's name.
+    std::string appName;
+    /// Folder for the settings file; defaults to $XDG_CONFIG_HOME/pelm (or ~/.config/pelm).
+    std::optional<std::filesystem::path> configDirectory;
+    /// Mixed into the device identifier, so apps of one vendor share it; defaults to the app name.
+    std::string vendorName;
+    std::string appVersion;
+    std::string appBuildVersion;
+    /// Also send log lines to syslog.
+    bool syslog = false;
+};
+
+/// The settings file a Linux host app with these options uses.
+std::filesystem::path settingsFilePath(const LinuxPlatformOptions& options);
+
+/// The running program's short name, the default app name.
+std::string defaultAppName();
+
+std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options);
+
+}  // namespace pelm::platform

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+
+#include <pelm/platform/clock.hpp>
+#include <pelm/platform/device_identity.hpp>
+#include <pelm/platform/key_value_store.hpp>
+#include <pelm/platform/log_sink.hpp>
+
+namespace pelm::platform {
+
+/// The services the library asks of the machine it runs on. A host installs one before the first use of
+/// the library; without one, the Linux platform is used. Every member must be set.
+struct Platform {
+    std::shared_ptr<Clock> clock;
+    std::shared_ptr<KeyValueStore> store;
+    std::shared_ptr<DeviceIdentity> identity;
+    std::shared_ptr<LogSink> log;
+};
+
+/// Makes `platform` the one the library uses from now on. Objects built earlier keep the services they
+/// took at construction; process-wide conveniences (the shared settings, the host snapshot) start afresh.
+void install(std::shared_ptr<const Platform> platform);
+
+/// The installed platform, or the Linux default (made on first use) when none was installed.
+std::shared_ptr<const Platform> current();
+
+}  // namespace pelm::platform

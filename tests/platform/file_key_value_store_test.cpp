@@ -1,0 +1,171 @@
+#include <pelm/model/json_text.hpp>
+#include <pelm/platform/linux/file_key_value_store.hpp>
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "support/test_platform.hpp"
+
+namespace pelm::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FileKeyValueStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/pelm-store-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        folder_ = pattern;
+        file_ = folder_ / "nested" / "hostapp.json";
+    }
+    void TearDown() override { fs::remove_all(folder_); }
+
+    std::string fileText() const {
+        std::ifstream in(file_);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    // Runs `body` in a child process and waits for it to exit normally.
+    template <class Body>
+    static void inChildProcess(Body body) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            body();
+            ::_exit(0);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+
+    pelm::testing::TestPlatform platform_;  // catches the store's own error lines
+    fs::path folder_;
+    fs::path file_;
+};
+
+TEST_F(FileKeyValueStoreTest, ValuesSurviveIntoAnotherProcess) {
+    inChildProcess([&] {
+        FileKeyValueStore writer(file_);
+        writer.set("pelm.apptoken", "from the first process");
+        writer.set("pelm.apihost", "h");
+        writer.remove("pelm.apihost");
+    });
+    FileKeyValueStore reader(file_);
+    EXPECT_EQ(reader.get("pelm.apptoken"), "from the first process");
+    EXPECT_EQ(reader.get("pelm.apihost"), std::nullopt);
+    EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
+}
+
+TEST_F(FileKeyValueStoreTest, AWriterKilledMidStreamLeavesTheOldOrTheNewFile) {
+    FileKeyValueStore(file_).set("pelm.uuid", "kept");
+    const std::regex written("round[0-9]-value-[0-9]+");
+    for (int round = 0; round < 6; ++round) {
+        const auto prefix = "round" + std::to_string(round) + "-value-";
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            FileKeyValueStore writer(file_);
+            for (long i = 0;; ++i) writer.set("pelm.apptoken", prefix + std::to_string(i));
+        }
+        // Kill only once the stream is under way, at a different moment each round.
+        FileKeyValueStore reader(file_);
+        while (reader.get("pelm.apptoken").value_or("").rfind(prefix, 0) != 0) std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(3 + 5 * round));
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+
+        const auto parsed = parseJSONText(fileText());
+        ASSERT_TRUE(parsed && parsed->is_object()) << "round " << round << ": " << fileText();
+        EXPECT_EQ(reader.get("pelm.uuid"), "kept");
+        const auto token = reader.get("pelm.apptoken");
+        ASSERT_TRUE(token);
+        EXPECT_TRUE(std::regex_match(*token, written)) << *token;
+        EXPECT_EQ(token->rfind(prefix, 0), 0u) << *token;
+    }
+    EXPECT_TRUE(platform_.lines().empty());
+}
+
+TEST_F(FileKeyValueStoreTest, EightThreadsLoseNoWrite) {
+    FileKeyValueStore store(file_);
+    constexpr int kThreads = 8;
+    constexpr int kKeys = 25;
+    std::vector<std::thread> threads;
+    std::atomic<int> misreads{0};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int k = 0; k < kKeys; ++k) {
+                const auto key = "t" + std::to_string(t) + ".k" + std::to_string(k);
+                store.set(key, key + "=v");
+                if (store.get(key) != key + "=v") ++misreads;
+                store.get("t0.k0");
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(misreads, 0);
+    FileKeyValueStore fresh(file_);
+    EXPECT_EQ(fresh.entries().size(), static_cast<std::size_t>(kThreads * kKeys));
+}
+
+TEST_F(FileKeyValueStoreTest, TwoProcessesWritingAtOnceKeepEachOthersKeys) {
+    const auto writeMany = [&](const std::string& prefix) {
+        FileKeyValueStore store(file_);
+        for (int i = 0; i < 40; ++i) store.set(prefix + std::to_string(i), "v");
+    };
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        writeMany("child.");
+        ::_exit(0);
+    }
+    writeMany("parent.");
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(FileKeyValueStore(file_).entries().size(), 80u);
+}
+
+TEST_F(FileKeyValueStoreTest, ABrokenFileReadsAsEmptyAndIsKeptAsideOnTheNextWrite) {
+    fs::create_directories(file_.parent_path());
+    std::ofstream(file_) << "{\"pelm.apptoken\": \"half";
+    FileKeyValueStore store(file_);
+    EXPECT_EQ(store.get("pelm.apptoken"), std::nullopt);
+    store.set("pelm.apihost", "h");
+    EXPECT_EQ(store.get("pelm.apihost"), "h");
+    EXPECT_TRUE(fs::exists(file_.string() + ".corrupt"));
+}
+
+TEST_F(FileKeyValueStoreTest, ValuesThatAreNotTextAreIgnoredButNotLost) {
+    fs::create_directories(file_.parent_path());
+    std::ofstream(file_) << R"({"pelm.apptoken": 42, "other": {"a": [1]}})";
+    FileKeyValueStore store(file_);
+    EXPECT_EQ(store.get("pelm.apptoken"), std::nullopt);
+    store.set("pelm.uuid", "u");
+    const auto parsed = parseJSONText(fileText());
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ((*parsed)["other"]["a"][0], 1);
+    EXPECT_EQ((*parsed)["pelm.apptoken"], 42);
+}
+
+TEST_F(FileKeyValueStoreTest, AnUnwritableFolderIsReportedNotFatal) {
+    // A regular file where the folder should be defeats even root.
+    std::ofstream(folder_ / "plainfile") << "x";
+    FileKeyValueStore store(folder_ / "plainfile" / "hostapp.json");
+    store.set("pelm.apptoken", "t");
+    EXPECT_EQ(store.get("pelm.apptoken"), std::nullopt);
+    ASSERT_EQ(platform_.lines().size(), 1u);
+    EXPECT_EQ(platform_.lines()[0].rfind("[PELM][ERROR] Unable to lock ", 0), 0u) << platform_.lines()[0];
+}
+
+}  // namespace
+}  // namespace pelm::platform
