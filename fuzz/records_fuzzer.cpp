@@ -7,7 +7,7 @@
 #include <pelm/platform/platform.hpp>
 #include <pelm/platform/sim/captured_log_sink.hpp>
 #include <pelm/platform/sim/fixed_identity.hpp>
-#include <pelm/platform/sim/manual_clock.hpp>
+#include <pelm/platform/sim/virtual_loop.hpp>
 #include <pelm/platform/sim/memory_key_value_store.hpp>
 
 #include <cstdint>
@@ -18,7 +18,7 @@ namespace {
 
 void installPlatform() {
     auto services = std::make_shared<pelm::platform::Platform>();
-    services->clock = std::make_shared<pelm::platform::ManualClock>(pelm::Date{});
+    services->mainQueue = std::make_shared<pelm::platform::VirtualLoop>();
     services->store = std::make_shared<pelm::platform::MemoryKeyValueStore>();
     services->identity = std::make_shared<pelm::platform::FixedIdentity>(std::nullopt, "", "");
     services->log = std::make_shared<pelm::platform::CapturedLogSink>();

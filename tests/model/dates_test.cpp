@@ -115,8 +115,8 @@ TEST(JSONDateTransform, StringsAlwaysGiveADateOtherTypesNone) {
     const JSON good = "2016-07-16T19:20:30.450+0200", bad = "yesterday", number = 1468689630, null;
     EXPECT_EQ(transform.transformFromJSON(&good), utc(2016, 7, 16, 17, 20, 30, 450));
     // A text that is not a date stands for the moment it was read.
-    platform.clock->set(utc(2026, 11, 22, 12, 0, 0));
-    EXPECT_EQ(transform.transformFromJSON(&bad), utc(2026, 11, 22, 12, 0, 0));
+    platform.loop->advance(hours{24 * 365});
+    EXPECT_EQ(transform.transformFromJSON(&bad), testing::kStart + hours{24 * 365});
     EXPECT_EQ(transform.transformFromJSON(&number), std::nullopt);
     EXPECT_EQ(transform.transformFromJSON(&null), std::nullopt);
     EXPECT_EQ(transform.transformFromJSON(nullptr), std::nullopt);

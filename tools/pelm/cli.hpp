@@ -1,9 +1,15 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <pelm/platform/platform.hpp>
+#include <pelm/sdk/settings_manager.hpp>
 
 namespace pelm::cli {
 
@@ -27,6 +33,17 @@ private:
     std::optional<std::string> error_;
 };
 
+/// The Linux platform for --app, --config-dir and --ca, installed, with its run loop.
+std::shared_ptr<platform::Platform> installPlatform(const Arguments& args);
+/// Runs the installed platform's loop until `done()` holds; false after `timeout`.
+bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
+/// Prints the four stored settings.
+void printSettings(const SettingsManager& settings);
+
 int settingsCommand(const Arguments& args);
+int setupCommand(const Arguments& args);
+int callCommand(const Arguments& args);
+int serveCommand(const Arguments& args);
 
 }  // namespace pelm::cli

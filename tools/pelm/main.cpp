@@ -7,12 +7,20 @@
 
 namespace {
 
+std::string command_name(const pelm::cli::Arguments& args) { return args.positional().front(); }
+
 void usage(std::FILE* out) {
     std::fprintf(out,
                  "usage: pelm <command> [options]\n"
                  "\n"
                  "commands:\n"
                  "  settings [--app NAME] [--config-dir DIR]   show what the library has stored for a host app\n"
+                 "  setup --token T --host H [--ca FILE]        fetch and store the app configuration\n"
+                 "  call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR [--ca FILE]\n"
+                 "                                             make one server call, print what came back\n"
+                 "  serve [--db FILE] [--seed FILE] [--port N] [--cert FILE --key FILE]\n"
+                 "                                             run pelm-server (demo data unless --seed)\n"
+                 "  (--app NAME and --config-dir DIR choose whose settings setup and call use)\n"
                  "\n"
                  "  --version                                  print the library version\n"
                  "  --help                                     show this text\n");
@@ -43,6 +51,18 @@ int main(int argc, char** argv) {
         }
         return pelm::cli::settingsCommand(args);
     }
+    const std::vector<std::string> common = {"app", "config-dir", "ca"};
+    const auto run = [&](std::vector<std::string> known, int (*command)(const pelm::cli::Arguments&)) {
+        known.insert(known.end(), common.begin(), common.end());
+        for (const auto& option : args.unknown(known)) {
+            std::fprintf(stderr, "pelm %s: unknown option %s\n", command_name(args).c_str(), option.c_str());
+            return 2;
+        }
+        return command(args);
+    };
+    if (command == "setup") return run({"token", "host"}, pelm::cli::setupCommand);
+    if (command == "call") return run({}, pelm::cli::callCommand);
+    if (command == "serve") return run({"db", "seed", "port", "bind", "cert", "key"}, pelm::cli::serveCommand);
     std::fprintf(stderr, "pelm: unknown command '%s'\n\n", command.c_str());
     usage(stderr);
     return 2;

@@ -100,7 +100,7 @@ std::optional<Date> JSONDateTransform::transformFromJSON(const JSON* value) cons
     if (value == nullptr || !value->is_string()) return std::nullopt;
     if (auto date = dateFromText(value->get_ref<const std::string&>())) return date;
     // A text that is not a date still stands for a date: the moment it was read.
-    return platform::current()->clock->now();
+    return platform::current()->mainQueue->now();
 }
 
 }  // namespace pelm

@@ -2,20 +2,23 @@
 
 #include <memory>
 
-#include <pelm/platform/clock.hpp>
 #include <pelm/platform/device_identity.hpp>
+#include <pelm/platform/http_transport.hpp>
 #include <pelm/platform/key_value_store.hpp>
 #include <pelm/platform/log_sink.hpp>
+#include <pelm/platform/main_queue.hpp>
 
 namespace pelm::platform {
 
 /// The services the library asks of the machine it runs on. A host installs one before the first use of
 /// the library; without one, the Linux platform is used. Every member must be set.
 struct Platform {
-    std::shared_ptr<Clock> clock;
+    /// The library's thread and its clock.
+    std::shared_ptr<MainQueue> mainQueue;
     std::shared_ptr<KeyValueStore> store;
     std::shared_ptr<DeviceIdentity> identity;
     std::shared_ptr<LogSink> log;
+    std::shared_ptr<HttpTransport> http;
 };
 
 /// Makes `platform` the one the library uses from now on. Objects built earlier keep the services they

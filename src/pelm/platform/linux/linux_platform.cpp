@@ -6,7 +6,8 @@
 #include <pelm/platform/linux/file_key_value_store.hpp>
 #include <pelm/platform/linux/machine_identity.hpp>
 #include <pelm/platform/linux/stderr_log_sink.hpp>
-#include <pelm/platform/linux/system_clock.hpp>
+#include <pelm/platform/linux/curl_transport.hpp>
+#include <pelm/platform/run_loop.hpp>
 
 namespace pelm::platform {
 namespace {
@@ -44,7 +45,10 @@ std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options) {
     if (options.appName.empty()) options.appName = defaultAppName();
     if (options.vendorName.empty()) options.vendorName = options.appName;
     auto platform = std::make_shared<Platform>();
-    platform->clock = std::make_shared<SystemClock>();
+    platform->mainQueue = std::make_shared<RunLoop>();
+    CurlTransportOptions http;
+    http.extraCABundle = options.extraCABundle;
+    platform->http = std::make_shared<CurlTransport>(platform->mainQueue, http);
     platform->store = std::make_shared<FileKeyValueStore>(settingsFilePath(options));
     platform->identity =
         std::make_shared<MachineIdentity>(options.vendorName, options.appVersion, options.appBuildVersion);

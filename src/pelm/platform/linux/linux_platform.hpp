@@ -19,6 +19,8 @@ struct LinuxPlatformOptions {
     std::string vendorName;
     std::string appVersion;
     std::string appBuildVersion;
+    /// Certificates trusted besides the system's, for a server with a certificate of its own making.
+    std::optional<std::filesystem::path> extraCABundle;
     /// Also send log lines to syslog.
     bool syslog = false;
 };
@@ -29,6 +31,8 @@ std::filesystem::path settingsFilePath(const LinuxPlatformOptions& options);
 /// The running program's short name, the default app name.
 std::string defaultAppName();
 
+/// The Linux platform. Its main queue is a RunLoop: the host runs it (see run_loop.hpp), and every
+/// completion of the library arrives there.
 std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options);
 
 }  // namespace pelm::platform

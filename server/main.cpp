@@ -1,0 +1,91 @@
+// pelm-server: the reference content server.
+//   pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--cert FILE --key FILE]
+//   pelm-server sessions --db FILE      prints the stored uploads as JSON
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include <pelm/model/json_text.hpp>
+
+#include "pelm_server/pelm_server.hpp"
+
+namespace {
+
+volatile std::sig_atomic_t stopRequested = 0;
+
+void usage() {
+    std::fprintf(stderr,
+                 "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--cert FILE --key FILE]\n"
+                 "       pelm-server sessions --db FILE\n");
+}
+
+int fail(const std::string& message) {
+    std::fprintf(stderr, "pelm-server: %s\n", message.c_str());
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    pelm::server::PelmServer::Options options;
+    options.database = "pelm-server.db";
+    std::optional<std::string> seed;
+    bool listSessions = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        const auto value = [&]() -> std::string {
+            if (i + 1 >= argc) throw std::invalid_argument(word + " needs a value");
+            return argv[++i];
+        };
+        try {
+            if (word == "sessions") listSessions = true;
+            else if (word == "--db") options.database = value();
+            else if (word == "--seed") seed = value();
+            else if (word == "--port") options.port = std::stoi(value());
+            else if (word == "--bind") options.bindAddress = value();
+            else if (word == "--cert") options.certFile = value();
+            else if (word == "--key") options.keyFile = value();
+            else if (word == "--help") return usage(), 0;
+            else return usage(), 2;
+        } catch (const std::exception& e) {
+            return fail(e.what());
+        }
+    }
+    if (options.certFile.has_value() != options.keyFile.has_value()) return fail("--cert and --key go together");
+
+    try {
+        if (listSessions) {
+            pelm::server::ContentStore store(options.database);
+            std::cout << store.sessions().dump(2) << "\n";
+            return 0;
+        }
+        if (!options.certFile) options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
+        pelm::server::PelmServer server(options);
+        if (seed) {
+            std::ifstream in(*seed);
+            if (!in) return fail("cannot read " + *seed);
+            std::stringstream text;
+            text << in.rdbuf();
+            const auto parsed = pelm::parseJSONText(text.str());
+            if (!parsed) return fail(*seed + " is not valid JSON");
+            server.store().seed(*parsed);
+        }
+        server.start();
+        std::printf("pelm-server listening on https://%s:%d (database %s)\n", options.bindAddress.c_str(),
+                    server.port(), options.database.c_str());
+        if (auto ca = server.caFile()) {
+            std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
+        }
+        std::fflush(stdout);
+        std::signal(SIGINT, [](int) { stopRequested = 1; });
+        std::signal(SIGTERM, [](int) { stopRequested = 1; });
+        while (!stopRequested) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        server.stop();
+        return 0;
+    } catch (const std::exception& e) {
+        return fail(e.what());
+    }
+}

@@ -1,0 +1,265 @@
+#include "pelm_server/content_store.hpp"
+
+#include <sqlite3.h>
+
+#include <stdexcept>
+#include <vector>
+
+namespace pelm::server {
+namespace {
+
+// One prepared statement, finalised on every path out.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) {
+        if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
+            throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(db));
+        }
+    }
+    ~Statement() { sqlite3_finalize(statement_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int index, const std::string& text) {
+        sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+        return *this;
+    }
+    Statement& bind(int index, std::int64_t value) {
+        sqlite3_bind_int64(statement_, index, value);
+        return *this;
+    }
+    Statement& bindOptional(int index, const JSON& object, const char* key) {
+        const auto found = object.find(key);
+        if (found != object.end() && found->is_string()) return bind(index, found->get<std::string>());
+        sqlite3_bind_null(statement_, index);
+        return *this;
+    }
+    bool step() {
+        const int result = sqlite3_step(statement_);
+        if (result == SQLITE_ROW) return true;
+        if (result == SQLITE_DONE) return false;
+        throw std::runtime_error(std::string("sqlite: ") + sqlite3_errstr(result));
+    }
+    std::string text(int column) const {
+        const auto* value = sqlite3_column_text(statement_, column);
+        return value == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(value));
+    }
+    bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+    std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+
+private:
+    sqlite3_stmt* statement_ = nullptr;
+};
+
+constexpr const char* kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS apps (token TEXT PRIMARY KEY, config TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS contents (
+  id INTEGER PRIMARY KEY, token TEXT NOT NULL, uuid TEXT NOT NULL COLLATE NOCASE, major TEXT NOT NULL,
+  minor TEXT NOT NULL, display_type TEXT NOT NULL, content TEXT NOT NULL);
+CREATE INDEX IF NOT EXISTS contents_by_beacon ON contents (token, uuid, major, minor, display_type);
+CREATE TABLE IF NOT EXISTS sessions (
+  id INTEGER PRIMARY KEY AUTOINCREMENT, token TEXT NOT NULL, user TEXT NOT NULL,
+  app_version TEXT, sdk_version TEXT, operating_system TEXT, start_time TEXT, end_time TEXT,
+  beacon_uuid TEXT, beacon_major TEXT, beacon_minor TEXT, received_at TEXT NOT NULL DEFAULT (datetime('now')));
+CREATE TABLE IF NOT EXISTS session_logs (
+  session_id INTEGER NOT NULL REFERENCES sessions(id), position INTEGER NOT NULL,
+  uuid TEXT, major TEXT, minor TEXT, entrance_time TEXT, exit_time TEXT, PRIMARY KEY (session_id, position));
+)sql";
+
+std::string requireText(const JSON& entry, const char* key, const std::string& where) {
+    const auto found = entry.find(key);
+    if (found == entry.end() || !found->is_string()) {
+        throw std::invalid_argument(where + ": \"" + key + "\" must be a string");
+    }
+    return found->get<std::string>();
+}
+
+const JSON& requireObject(const JSON& entry, const char* key, const std::string& where) {
+    const auto found = entry.find(key);
+    if (found == entry.end() || !found->is_object()) {
+        throw std::invalid_argument(where + ": \"" + key + "\" must be an object");
+    }
+    return *found;
+}
+
+void putText(JSON& object, const char* key, const Statement& row, int column) {
+    if (!row.isNull(column)) object[key] = row.text(column);
+}
+
+}  // namespace
+
+ContentStore::ContentStore(const std::string& path) {
+    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                        nullptr) != SQLITE_OK) {
+        const std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
+        sqlite3_close(db_);
+        throw std::runtime_error("cannot open " + path + ": " + message);
+    }
+    sqlite3_busy_timeout(db_, 5000);
+    execute("PRAGMA journal_mode=WAL;");
+    execute(kSchema);
+}
+
+ContentStore::~ContentStore() { sqlite3_close(db_); }
+
+void ContentStore::execute(const char* sql) const {
+    char* error = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+        const std::string message = error != nullptr ? error : "unknown error";
+        sqlite3_free(error);
+        throw std::runtime_error("sqlite: " + message);
+    }
+}
+
+void ContentStore::seed(const JSON& data) {
+    if (!data.is_object()) throw std::invalid_argument("the seed must be a JSON object with \"apps\" and \"contents\"");
+    std::lock_guard lock(mutex_);
+    execute("BEGIN");
+    try {
+        const auto apps = data.value("apps", JSON::array());
+        if (!apps.is_array()) throw std::invalid_argument("\"apps\" must be an array");
+        for (std::size_t i = 0; i < apps.size(); ++i) {
+            const auto where = "apps[" + std::to_string(i) + "]";
+            const auto token = requireText(apps[i], "app_token", where);
+            const auto& config = requireObject(apps[i], "app_config", where);
+            Statement(db_, "INSERT OR REPLACE INTO apps (token, config) VALUES (?, ?)")
+                .bind(1, token)
+                .bind(2, config.dump())
+                .step();
+        }
+        const auto contents = data.value("contents", JSON::array());
+        if (!contents.is_array()) throw std::invalid_argument("\"contents\" must be an array");
+        for (std::size_t i = 0; i < contents.size(); ++i) {
+            const auto where = "contents[" + std::to_string(i) + "]";
+            const auto& entry = contents[i];
+            const auto& beacon = requireObject(entry, "beacon", where);
+            const auto& content = requireObject(entry, "content", where);
+            const auto id = content.find("id");
+            if (id == content.end() || !id->is_number_integer()) {
+                throw std::invalid_argument(where + ": \"content\" needs an integer \"id\"");
+            }
+            const auto type = requireText(entry, "display_type", where);
+            if (type != "entry" && type != "exit") {
+                throw std::invalid_argument(where + ": \"display_type\" must be \"entry\" or \"exit\"");
+            }
+            Statement(db_,
+                      "INSERT OR REPLACE INTO contents (id, token, uuid, major, minor, display_type, content) "
+                      "VALUES (?, ?, ?, ?, ?, ?, ?)")
+                .bind(1, id->get<std::int64_t>())
+                .bind(2, requireText(entry, "app_token", where))
+                .bind(3, requireText(beacon, "uuid", where + ".beacon"))
+                .bind(4, requireText(beacon, "major", where + ".beacon"))
+                .bind(5, requireText(beacon, "minor", where + ".beacon"))
+                .bind(6, type)
+                .bind(7, content.dump())
+                .step();
+        }
+        execute("COMMIT");
+    } catch (...) {
+        execute("ROLLBACK");
+        throw;
+    }
+}
+
+std::optional<JSON> ContentStore::appConfig(const std::string& token) const {
+    std::lock_guard lock(mutex_);
+    Statement query(db_, "SELECT config FROM apps WHERE token = ?");
+    query.bind(1, token);
+    if (!query.step()) return std::nullopt;
+    return JSON::parse(query.text(0));
+}
+
+std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t id) const {
+    std::lock_guard lock(mutex_);
+    Statement query(db_, "SELECT content FROM contents WHERE token = ? AND id = ?");
+    query.bind(1, token).bind(2, id);
+    if (!query.step()) return std::nullopt;
+    return JSON::parse(query.text(0));
+}
+
+std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, const std::string& uuid,
+                                                   const std::string& major, const std::string& minor,
+                                                   const std::string& displayType) const {
+    std::lock_guard lock(mutex_);
+    Statement query(db_,
+                    "SELECT content FROM contents WHERE token = ? AND uuid = ? AND major = ? AND minor = ? "
+                    "AND display_type = ? ORDER BY id LIMIT 1");
+    query.bind(1, token).bind(2, uuid).bind(3, major).bind(4, minor).bind(5, displayType);
+    if (!query.step()) return std::nullopt;
+    return JSON::parse(query.text(0));
+}
+
+std::int64_t ContentStore::storeSession(const std::string& token, const std::string& user, const JSON& session,
+                                        const JSON& beacon, const JSON& sessionLogs) {
+    std::lock_guard lock(mutex_);
+    execute("BEGIN");
+    try {
+        Statement insert(db_,
+                         "INSERT INTO sessions (token, user, app_version, sdk_version, operating_system, start_time, "
+                         "end_time, beacon_uuid, beacon_major, beacon_minor) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        insert.bind(1, token).bind(2, user);
+        insert.bindOptional(3, session, "app_version").bindOptional(4, session, "sdk_version");
+        insert.bindOptional(5, session, "operating_system").bindOptional(6, session, "start_time");
+        insert.bindOptional(7, session, "end_time").bindOptional(8, beacon, "uuid");
+        insert.bindOptional(9, beacon, "major").bindOptional(10, beacon, "minor");
+        insert.step();
+        const auto id = sqlite3_last_insert_rowid(db_);
+        std::int64_t position = 0;
+        for (const auto& line : sessionLogs) {
+            Statement log(db_,
+                          "INSERT INTO session_logs (session_id, position, uuid, major, minor, entrance_time, "
+                          "exit_time) VALUES (?, ?, ?, ?, ?, ?, ?)");
+            log.bind(1, id).bind(2, position++);
+            log.bindOptional(3, line, "uuid").bindOptional(4, line, "major").bindOptional(5, line, "minor");
+            log.bindOptional(6, line, "entrance_time").bindOptional(7, line, "exit_time");
+            log.step();
+        }
+        execute("COMMIT");
+        return id;
+    } catch (...) {
+        execute("ROLLBACK");
+        throw;
+    }
+}
+
+JSON ContentStore::sessions() const {
+    std::lock_guard lock(mutex_);
+    JSON result = JSON::array();
+    Statement query(db_,
+                    "SELECT id, token, user, app_version, sdk_version, operating_system, start_time, end_time, "
+                    "beacon_uuid, beacon_major, beacon_minor, received_at FROM sessions ORDER BY id");
+    while (query.step()) {
+        JSON upload = {{"id", query.integer(0)}, {"app_token", query.text(1)}, {"session_user", query.text(2)}};
+        JSON session = JSON::object();
+        putText(session, "app_version", query, 3);
+        putText(session, "sdk_version", query, 4);
+        putText(session, "operating_system", query, 5);
+        putText(session, "start_time", query, 6);
+        putText(session, "end_time", query, 7);
+        JSON beacon = JSON::object();
+        putText(beacon, "uuid", query, 8);
+        putText(beacon, "major", query, 9);
+        putText(beacon, "minor", query, 10);
+        upload["session"] = std::move(session);
+        upload["beacon"] = std::move(beacon);
+        upload["session_logs"] = JSON::array();
+        upload["received_at"] = query.text(11);
+        Statement logs(db_,
+                       "SELECT uuid, major, minor, entrance_time, exit_time FROM session_logs WHERE session_id = ? "
+                       "ORDER BY position");
+        logs.bind(1, query.integer(0));
+        while (logs.step()) {
+            JSON line = JSON::object();
+            putText(line, "uuid", logs, 0);
+            putText(line, "major", logs, 1);
+            putText(line, "minor", logs, 2);
+            putText(line, "entrance_time", logs, 3);
+            putText(line, "exit_time", logs, 4);
+            upload["session_logs"].push_back(std::move(line));
+        }
+        result.push_back(std::move(upload));
+    }
+    return result;
+}
+
+}  // namespace pelm::server

@@ -1,0 +1,186 @@
+#include "pelm_server/pelm_server.hpp"
+
+#include <httplib.h>
+
+#include <stdexcept>
+
+#include <pelm/sdk/pelm_constants.hpp>
+
+#include "pelm_server/form_body.hpp"
+
+namespace pelm::server {
+namespace {
+
+constexpr const char* kJSON = "application/json; charset=utf-8";
+
+void reply(httplib::Response& res, int status, const JSON& body) {
+    res.status = status;
+    res.set_content(body.dump(-1, ' ', false, JSON::error_handler_t::replace), kJSON);
+}
+
+void error(httplib::Response& res, int status, const std::string& message) {
+    reply(res, status, JSON{{"status", "error"}, {"message", message}});
+}
+
+std::string param(const httplib::Request& req, const char* key) {
+    return req.has_param(key) ? req.get_param_value(key) : std::string();
+}
+
+std::filesystem::path defaultCertificateFolder() {
+    return std::filesystem::temp_directory_path() / ("pelm-server-" + std::to_string(::getpid()));
+}
+
+}  // namespace
+
+PelmServer::PelmServer(Options options)
+    : options_(std::move(options)), store_(std::make_unique<ContentStore>(options_.database)) {
+    std::filesystem::path cert, key;
+    if (options_.certFile && options_.keyFile) {
+        cert = *options_.certFile;
+        key = *options_.keyFile;
+    } else {
+        const auto made = makeThrowawayCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()));
+        cert = made.certFile;
+        key = made.keyFile;
+        caFile_ = made.caFile;
+    }
+    http_ = std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str());
+    if (!http_->is_valid()) throw std::runtime_error("cannot load the certificate " + cert.string());
+    // Without this, Nagle's algorithm holds back each keep-alive reply by tens of milliseconds.
+    http_->set_tcp_nodelay(true);
+    http_->set_keep_alive_max_count(100000);
+    http_->set_keep_alive_timeout(30);
+    http_->set_payload_max_length(std::size_t{8} << 20);
+    routes();
+}
+
+PelmServer::~PelmServer() { stop(); }
+
+void PelmServer::start() {
+    port_ = options_.port == 0 ? http_->bind_to_any_port(options_.bindAddress)
+                               : (http_->bind_to_port(options_.bindAddress, options_.port) ? options_.port : -1);
+    if (port_ <= 0) throw std::runtime_error("cannot listen on " + options_.bindAddress + ":" + std::to_string(options_.port));
+    thread_ = std::thread([this] { http_->listen_after_bind(); });
+}
+
+void PelmServer::stop() {
+    if (http_) http_->stop();
+    if (thread_.joinable()) thread_.join();
+}
+
+void PelmServer::setFault(const std::string& path, Fault fault) {
+    std::lock_guard lock(mutex_);
+    faults_[path] = std::move(fault);
+}
+
+void PelmServer::clearFaults() {
+    std::lock_guard lock(mutex_);
+    faults_.clear();
+}
+
+std::vector<PelmServer::ReceivedRequest> PelmServer::requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+}
+
+std::size_t PelmServer::connectionCount() const {
+    std::lock_guard lock(mutex_);
+    return connections_.size();
+}
+
+void PelmServer::recordBody(const void* request, const std::string& body) {
+    std::lock_guard lock(mutex_);
+    if (const auto found = recordOf_.find(request); found != recordOf_.end()) {
+        requests_[found->second].body = body;
+        recordOf_.erase(found);
+    }
+}
+
+void PelmServer::routes() {
+    http_->set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+        std::optional<Fault> fault;
+        {
+            std::lock_guard lock(mutex_);
+            recordOf_[&req] = requests_.size();
+            requests_.push_back({req.method, req.path, req.target, req.get_header_value("Content-Type"),
+                                 req.get_header_value("Expect"), req.body, req.remote_port});
+            connections_.insert(req.remote_port);
+            if (const auto found = faults_.find(req.path); found != faults_.end()) fault = found->second;
+        }
+        if (!fault) return httplib::Server::HandlerResponse::Unhandled;
+        std::this_thread::sleep_for(fault->delay);
+        if (fault->dropConnection) {
+            res.status = 200;
+            res.set_content_provider(
+                64, kJSON, [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (!fault->status && !fault->body) return httplib::Server::HandlerResponse::Unhandled;
+        res.status = fault->status.value_or(200);
+        if (fault->location) res.set_header("Location", *fault->location);
+        res.set_content(fault->body.value_or(R"({"status":"successful"})"), kJSON);
+        return httplib::Server::HandlerResponse::Handled;
+    });
+
+    const std::string base(PelmConstants::apiBasePath);
+    http_->Get(base + "/status", [this](const httplib::Request& req, httplib::Response& res) {
+        if (!store_->appConfig(param(req, "app_token"))) return error(res, 401, "Unknown app token");
+        reply(res, 200,
+              {{"status", "successful"}, {"version", "1.0.0"}, {"api_version", "v1"}, {"git_revision", "pelm-server"}});
+    });
+    http_->Get(base + "/app_config/by_app_token", [this](const httplib::Request& req, httplib::Response& res) {
+        const auto config = store_->appConfig(param(req, "app_token"));
+        if (!config) return error(res, 401, "Unknown app token");
+        reply(res, 200, {{"status", "successful"}, {"app_config", *config}});
+    });
+    http_->Get(base + R"(/contents/(-?\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+        const auto token = param(req, "app_token");
+        if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");
+        std::int64_t id = 0;
+        try {
+            id = std::stoll(req.matches[1].str());
+        } catch (const std::exception&) {
+            return error(res, 404, "No such content");
+        }
+        const auto content = store_->content(token, id);
+        if (!content) return error(res, 404, "No such content");
+        reply(res, 200, {{"status", "successful"}, {"content", *content}});
+    });
+    http_->Get(base + "/contents/by_hardware", [this](const httplib::Request& req, httplib::Response& res) {
+        const auto token = param(req, "app_token");
+        if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");
+        if (param(req, "type") != "BLE") return error(res, 400, "Unsupported hardware type");
+        const auto uuid = param(req, "uuid"), major = param(req, "major"), minor = param(req, "minor");
+        const auto entry = store_->contentForBeacon(token, uuid, major, minor, "entry");
+        const auto exit = store_->contentForBeacon(token, uuid, major, minor, "exit");
+        if (!entry && !exit) return error(res, 404, "No content for this beacon");
+        JSON body = {{"status", "successful"}};
+        if (entry) body["content_entry"] = *entry;
+        if (exit) body["content_exit"] = *exit;
+        reply(res, 200, body);
+    });
+    http_->Post(base + "/sessions", [this](const httplib::Request& req, httplib::Response& res) {
+        recordBody(&req, req.body);
+        const auto form = parseFormBody(req.body);
+        const auto text = [&](const char* key) {
+            const auto found = form.find(key);
+            return found != form.end() && found->is_string() ? found->get<std::string>() : std::string();
+        };
+        const auto token = text("app_token");
+        if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");
+        const auto session = form.value("session", JSON());
+        if (!session.is_object()) return error(res, 422, "The upload has no session");
+        store_->storeSession(token, text("session_user"), session, form.value("beacon", JSON::object()),
+                             form.value("session_logs", JSON::array()));
+        reply(res, 201, {{"status", "successful"}});
+    });
+    http_->set_post_routing_handler([this](const httplib::Request& req, httplib::Response&) {
+        std::lock_guard lock(mutex_);
+        recordOf_.erase(&req);
+    });
+    http_->set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+        error(res, 500, "Internal server error");
+    });
+}
+
+}  // namespace pelm::server

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pelm/model/json_binding.hpp>
+
+#include "pelm_server/certificates.hpp"
+#include "pelm_server/content_store.hpp"
+
+namespace httplib {
+class SSLServer;
+}
+
+namespace pelm::server {
+
+/// A reference content server: the five endpoints over HTTPS, data in SQLite.
+class PelmServer {
+public:
+    struct Options {
+        /// SQLite file; ":memory:" by default.
+        std::string database = ":memory:";
+        /// 0 picks a free port.
+        int port = 0;
+        std::string bindAddress = "127.0.0.1";
+        /// Certificate and key; a throwaway pair is made in `certificateFolder` when none is given.
+        std::optional<std::filesystem::path> certFile;
+        std::optional<std::filesystem::path> keyFile;
+        std::optional<std::filesystem::path> certificateFolder;
+    };
+
+    /// What a test can make the server do for one path instead of answering properly.
+    struct Fault {
+        std::optional<int> status;
+        std::chrono::milliseconds delay{0};
+        std::optional<std::string> body;  // replaces the reply body ("" for an empty one)
+        bool dropConnection = false;      // send the headers, then close without the promised body
+        std::optional<std::string> location;  // a Location header, for redirects
+    };
+
+    /// One request as it arrived.
+    struct ReceivedRequest {
+        std::string method;
+        std::string path;
+        std::string target;  // path and raw query, as sent
+        std::string contentType;
+        std::string expect;
+        std::string body;
+        int remotePort = 0;
+    };
+
+    explicit PelmServer(Options options);
+    ~PelmServer();
+    PelmServer(const PelmServer&) = delete;
+    PelmServer& operator=(const PelmServer&) = delete;
+
+    ContentStore& store() { return *store_; }
+    /// Binds and starts serving on a thread of its own; throws std::runtime_error when it cannot bind.
+    void start();
+    void stop();
+    int port() const { return port_; }
+    /// "localhost:PORT", the host a client is given.
+    std::string host() const { return "localhost:" + std::to_string(port_); }
+    /// The authority to trust when the server made its own certificate.
+    std::optional<std::filesystem::path> caFile() const { return caFile_; }
+
+    void setFault(const std::string& path, Fault fault);
+    void clearFaults();
+    std::vector<ReceivedRequest> requests() const;
+    /// Distinct client connections seen so far (each has its own source port).
+    std::size_t connectionCount() const;
+
+private:
+    void routes();
+    void recordBody(const void* request, const std::string& body);
+
+    Options options_;
+    std::unique_ptr<ContentStore> store_;
+    std::unique_ptr<httplib::SSLServer> http_;
+    std::thread thread_;
+    int port_ = 0;
+    std::optional<std::filesystem::path> caFile_;
+    mutable std::mutex mutex_;
+    std::map<std::string, Fault> faults_;
+    std::vector<ReceivedRequest> requests_;
+    // The body is read after routing starts; a handler finds its request's record by the request's address.
+    std::map<const void*, std::size_t> recordOf_;
+    std::set<int> connections_;
+};
+
+}  // namespace pelm::server

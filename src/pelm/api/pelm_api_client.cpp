@@ -1,0 +1,150 @@
+#include <pelm/api/pelm_api_client.hpp>
+
+#include <variant>
+
+#include <pelm/api/form_encoding.hpp>
+#include <pelm/platform/platform.hpp>
+#include <pelm/sdk/log.hpp>
+#include <pelm/sdk/settings_manager.hpp>
+
+namespace pelm {
+namespace {
+
+void replaceAll(std::string& text, const std::string& what, std::string_view with) {
+    if (what.empty()) return;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size())) {
+        text.replace(at, what.size(), with);
+    }
+}
+
+// The envelope a reply makes, or why it makes none.
+template <class Envelope>
+std::variant<std::shared_ptr<Envelope>, std::string> judge(const platform::HttpReply& reply, bool exactly200) {
+    if (reply.error) return *reply.error;
+    const bool accepted = exactly200 ? reply.status == 200 : (reply.status >= 200 && reply.status <= 299);
+    if (!accepted) return "Response status code was unacceptable: " + std::to_string(reply.status) + ".";
+    if (reply.body.empty()) return std::string("The reply could not be read: its body is empty.");
+    const auto parsed = parseJSONText(reply.body);
+    if (!parsed) return std::string("The reply could not be read: its body is not valid JSON.");
+    if (!parsed->is_object()) return std::string("The reply could not be read: its body is not a JSON object.");
+    return Envelope::fromJSON(*parsed);
+}
+
+}  // namespace
+
+std::string withoutSecret(std::string text, const std::string& appToken) {
+    // A very short token would blank out ordinary words; its app_token= value is still masked below.
+    if (appToken.size() >= 4) {
+        replaceAll(text, appToken, "***");
+        replaceAll(text, percentEscape(appToken), "***");
+    }
+    for (auto at = text.find("app_token="); at != std::string::npos; at = text.find("app_token=", at + 1)) {
+        const auto start = at + 10;
+        const auto end = text.find_first_of("& \"'#", start);
+        text.replace(start, (end == std::string::npos ? text.size() : end) - start, "***");
+    }
+    return text;
+}
+
+std::shared_ptr<PelmAPIClient> PelmAPIClient::make() {
+    const auto settings = SettingsManager::sharedInstance();
+    const auto token = settings->appToken();
+    if (!token) {
+        Log::error("No app token set.");
+        return nullptr;
+    }
+    const auto host = settings->apiHost();
+    if (!host) {
+        Log::error("No api host set.");
+        return nullptr;
+    }
+    return std::make_shared<PelmAPIClient>(*token, *host);
+}
+
+PelmAPIClient::PelmAPIClient(std::string appToken, std::string apiHost)
+    : appToken_(std::move(appToken)),
+      apiHost_(std::move(apiHost)),
+      transport_(platform::current()->http),
+      mainQueue_(platform::current()->mainQueue) {}
+
+template <class Envelope>
+void PelmAPIClient::perform(const APIRequest& request, Accepted accepted,
+                            std::function<void(std::shared_ptr<Envelope>)> onSuccess,
+                            std::function<void()> onFailure) const {
+    // Everything the reply needs is captured here; the client itself may be gone by then.
+    auto finish = [token = appToken_, exactly200 = accepted == Accepted::Exactly200, onSuccess = std::move(onSuccess),
+                   onFailure = std::move(onFailure)](const platform::HttpReply& reply) {
+        auto outcome = judge<Envelope>(reply, exactly200);
+        if (auto* envelope = std::get_if<std::shared_ptr<Envelope>>(&outcome)) return onSuccess(std::move(*envelope));
+        Log::error([&] { return withoutSecret(std::get<std::string>(std::move(outcome)), token); });
+        onFailure();
+    };
+    auto http = request.urlRequest();
+    if (!http) {
+        mainQueue_->post([finish = std::move(finish)] { finish(platform::HttpReply{0, {}, "No api host set."}); });
+        return;
+    }
+    transport_->send(std::move(*http), std::move(finish));
+}
+
+void PelmAPIClient::status(StatusCompletion completion) const {
+    perform<StatusResponse>(
+        APIRequest::Status{appToken_}, Accepted::Any2xx,
+        [completion](std::shared_ptr<StatusResponse> envelope) {
+            if (completion) completion(true, std::move(envelope));
+        },
+        [completion] {
+            if (completion) completion(false, nullptr);
+        });
+}
+
+void PelmAPIClient::appConfig(AppConfigCompletion completion) const {
+    perform<AppConfigResponse>(
+        APIRequest::AppConfig{appToken_}, Accepted::Any2xx,
+        [completion](std::shared_ptr<AppConfigResponse> envelope) {
+            if (completion) completion(true, envelope->appConfig);
+        },
+        [completion] {
+            if (completion) completion(false, nullptr);
+        });
+}
+
+void PelmAPIClient::contentById(std::int64_t id, std::string user, ContentByIdCompletion completion) const {
+    perform<ContentByIdResponse>(
+        APIRequest::ContentById{appToken_, id, std::move(user)}, Accepted::Exactly200,
+        [completion](std::shared_ptr<ContentByIdResponse> envelope) {
+            if (completion) completion(true, envelope->content);
+        },
+        [completion] {
+            if (completion) completion(false, nullptr);
+        });
+}
+
+void PelmAPIClient::contentByHardware(std::shared_ptr<Beacon> beacon, std::string user,
+                                      ContentByHardwareCompletion completion) const {
+    perform<ContentByHardwareResponse>(
+        APIRequest::ContentByHardware{appToken_, std::move(beacon), std::move(user)}, Accepted::Exactly200,
+        [completion](std::shared_ptr<ContentByHardwareResponse> envelope) {
+            if (completion) completion(true, envelope->entryContent, envelope->exitContent);
+        },
+        [completion] {
+            if (completion) completion(false, nullptr, nullptr);
+        });
+}
+
+void PelmAPIClient::createSession(std::shared_ptr<Session> session, std::string user, std::shared_ptr<Beacon> beacon,
+                                  std::vector<std::shared_ptr<SessionLog>> sessionLogs,
+                                  CreateSessionCompletion completion) const {
+    perform<SessionResponse>(
+        APIRequest::CreateSession{appToken_, std::move(session), std::move(user), std::move(beacon),
+                                  std::move(sessionLogs)},
+        Accepted::Any2xx,
+        [completion](std::shared_ptr<SessionResponse>) {
+            if (completion) completion(true);
+        },
+        [completion] {
+            if (completion) completion(false);
+        });
+}
+
+}  // namespace pelm

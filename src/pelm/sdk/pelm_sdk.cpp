@@ -1,0 +1,35 @@
+#include <pelm/sdk/pelm_sdk.hpp>
+
+#include <pelm/analytics/google_analytics_manager.hpp>
+#include <pelm/api/pelm_api_client.hpp>
+#include <pelm/sdk/settings_manager.hpp>
+
+namespace pelm {
+
+void PelmSDK::setAppToken(const std::string& token, const std::string& host,
+                          std::function<void(bool successful)> completion) {
+    const auto settings = SettingsManager::sharedInstance();
+    settings->setAppToken(token);
+    settings->setApiHost(host);
+    updateAppConfig(token, host, std::move(completion));
+}
+
+void PelmSDK::setupGoogleAnalytics(const std::string& trackingID) {
+    GoogleAnalyticsManager::setupGoogleAnalytics(trackingID);
+}
+
+void PelmSDK::updateAppConfig(const std::string& appToken, const std::string& apiHost,
+                              std::function<void(bool successful)> completion) {
+    // The client may go at once: its call completes without it.
+    PelmAPIClient(appToken, apiHost).appConfig([completion](bool successful, std::shared_ptr<AppConfig> config) {
+        if (successful) {
+            // A configuration without a value removes what an earlier one stored.
+            const auto settings = SettingsManager::sharedInstance();
+            settings->setDefaultBeaconUUID(config ? config->defaultBeaconUUID : std::nullopt);
+            settings->setKontaktIoAPIKey(config ? config->kontaktIoAPIKey : std::nullopt);
+        }
+        if (completion) completion(successful);
+    });
+}
+
+}  // namespace pelm

@@ -1,0 +1,88 @@
+// The configuration bootstrap end to end: what setAppToken stores, when, and what a failure leaves alone.
+#include <pelm/api/pelm_api_client.hpp>
+#include <pelm/sdk/pelm_sdk.hpp>
+#include <pelm/sdk/settings_manager.hpp>
+
+#include <gmock/gmock.h>
+
+#include "support/server_fixture.hpp"
+
+namespace pelm {
+namespace {
+
+using ::testing::ElementsAre;
+
+class PelmSDKTest : public testing::ServerTest {
+protected:
+    std::shared_ptr<SettingsManager> settings() const { return SettingsManager::sharedInstance(); }
+    std::vector<bool> setAppToken(const std::string& token) {
+        std::vector<bool> outcomes;
+        PelmSDK::setAppToken(token, server_->host(), [&](bool ok) { outcomes.push_back(ok); });
+        settle();
+        return outcomes;
+    }
+};
+
+TEST_F(PelmSDKTest, StoresTokenAndHostAtOnceAndTheBeaconSettingsOnSuccess) {
+    PelmSDK::setAppToken(testing::kToken, server_->host());
+    EXPECT_EQ(settings()->appToken(), testing::kToken);
+    EXPECT_EQ(settings()->apiHost(), server_->host());
+    EXPECT_EQ(settings()->kontaktIoAPIKey(), std::nullopt);
+    settle();
+    EXPECT_EQ(settings()->defaultBeaconUUID(), testing::kUuid);
+    EXPECT_EQ(settings()->kontaktIoAPIKey(), "kontakt-key");
+    EXPECT_TRUE(lines().empty());
+}
+
+TEST_F(PelmSDKTest, AFailureKeepsTheBeaconSettingsButStoresTokenAndHost) {
+    settings()->setDefaultBeaconUUID("kept-uuid");
+    settings()->setKontaktIoAPIKey("kept-key");
+    EXPECT_THAT(setAppToken("unknown-token"), ElementsAre(false));
+    EXPECT_EQ(settings()->appToken(), "unknown-token");
+    EXPECT_EQ(settings()->defaultBeaconUUID(), "kept-uuid");
+    EXPECT_EQ(settings()->kontaktIoAPIKey(), "kept-key");
+    EXPECT_THAT(lines(), ElementsAre("[PELM][ERROR] Response status code was unacceptable: 401."));
+
+    server_->stop();
+    EXPECT_THAT(setAppToken(testing::kToken), ElementsAre(false));
+    EXPECT_EQ(settings()->kontaktIoAPIKey(), "kept-key");
+    EXPECT_NE(PelmAPIClient::make(), nullptr);
+}
+
+TEST_F(PelmSDKTest, AConfigurationWithoutAValueRemovesIt) {
+    settings()->setKontaktIoAPIKey("old-key");
+    EXPECT_THAT(setAppToken("no-vendor-key"), ElementsAre(true));
+    EXPECT_EQ(settings()->kontaktIoAPIKey(), std::nullopt);
+    EXPECT_EQ(settings()->defaultBeaconUUID(), testing::kUuid);
+
+    server::PelmServer::Fault noConfig;
+    noConfig.status = 200;
+    noConfig.body = R"({"status":"error"})";
+    server_->setFault("/api/v1/app_config/by_app_token", noConfig);
+    EXPECT_THAT(setAppToken(testing::kToken), ElementsAre(true));
+    EXPECT_EQ(settings()->defaultBeaconUUID(), std::nullopt);
+    EXPECT_EQ(settings()->kontaktIoAPIKey(), std::nullopt);
+}
+
+TEST_F(PelmSDKTest, AnalyticsSetupStoresNothingAndCallsNoServer) {
+    PelmSDK::setupGoogleAnalytics("UA-12345-6");
+    PelmSDK::setupGoogleAnalytics("");
+    settle();
+    EXPECT_TRUE(server_->requests().empty());
+    EXPECT_EQ(settings()->appToken(), std::nullopt);
+    EXPECT_TRUE(lines().empty());
+}
+
+TEST_F(PelmSDKTest, ClientFromSettingsNeedsTokenThenHost) {
+    EXPECT_EQ(PelmAPIClient::make(), nullptr);
+    settings()->setApiHost("h");
+    EXPECT_EQ(PelmAPIClient::make(), nullptr);
+    settings()->setApiHost(std::nullopt);
+    settings()->setAppToken("t");
+    EXPECT_EQ(PelmAPIClient::make(), nullptr);
+    EXPECT_THAT(lines(), ElementsAre("[PELM][ERROR] No app token set.", "[PELM][ERROR] No app token set.",
+                                     "[PELM][ERROR] No api host set."));
+}
+
+}  // namespace
+}  // namespace pelm

@@ -1,0 +1,53 @@
+#include <gtest/gtest.h>
+
+#include "pelm_server/content_store.hpp"
+#include "pelm_server/form_body.hpp"
+
+namespace pelm::server {
+namespace {
+
+TEST(FormBody, RebuildsNestedRecordsAndStartsANewLogAtARepeatedMember) {
+    const auto form = parseFormBody(
+        "app_token=T&beacon%5Buuid%5D=A&session%5Bstart_time%5D=2016-07-16T19%3A20%3A30.450%2B0200&"
+        "session_logs%5B%5D%5Buuid%5D=A&session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Buuid%5D=B&"
+        "session_user=a+b%20c&flag&=x&broken%zz");
+    EXPECT_EQ(form["app_token"], "T");
+    EXPECT_EQ(form["beacon"]["uuid"], "A");
+    EXPECT_EQ(form["session"]["start_time"], "2016-07-16T19:20:30.450+0200");
+    ASSERT_EQ(form["session_logs"].size(), 2u);
+    EXPECT_EQ(form["session_logs"][0]["major"], "1");
+    EXPECT_EQ(form["session_logs"][1]["uuid"], "B");
+    EXPECT_EQ(form["session_user"], "a b c");
+    EXPECT_EQ(form["flag"], "");
+    EXPECT_EQ(form["broken%zz"], "");
+}
+
+TEST(ContentStore, SeedErrorsNameTheEntryAndChangeNothing) {
+    ContentStore store(":memory:");
+    const auto bad = JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {}}],
+        "contents": [{"app_token": "a", "display_type": "sideways", "beacon": {"uuid": "U", "major": "1", "minor": "2"},
+                      "content": {"id": 1}}]})");
+    try {
+        store.seed(bad);
+        FAIL() << "a bad display type was accepted";
+    } catch (const std::invalid_argument& e) {
+        EXPECT_STREQ(e.what(), "contents[0]: \"display_type\" must be \"entry\" or \"exit\"");
+    }
+    EXPECT_EQ(store.appConfig("a"), std::nullopt);  // the whole seed was rolled back
+    EXPECT_THROW(store.seed(JSON::parse(R"({"apps": [{"app_token": 5}]})")), std::invalid_argument);
+}
+
+TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {
+    ContentStore store(":memory:");
+    store.seed(JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {}}],
+        "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "f7826da6-aaaa", "major": "1", "minor": "2"},
+                      "content": {"id": 7, "cool_down_time": 60}}]})"));
+    const auto found = store.contentForBeacon("a", "F7826DA6-AAAA", "1", "2", "entry");
+    ASSERT_TRUE(found);
+    EXPECT_EQ((*found)["id"], 7);
+    EXPECT_FALSE(store.contentForBeacon("a", "F7826DA6-AAAA", "1", "2", "exit"));
+    EXPECT_FALSE(store.contentForBeacon("b", "F7826DA6-AAAA", "1", "2", "entry"));
+}
+
+}  // namespace
+}  // namespace pelm::server

@@ -1,0 +1,68 @@
+#include <cstdio>
+#include <iostream>
+
+#include <pelm/api/pelm_api_client.hpp>
+
+#include "cli.hpp"
+
+namespace pelm::cli {
+namespace {
+
+JSON orNull(const auto& record) { return record ? record->toJSON() : JSON(); }
+
+std::optional<std::int64_t> integerArgument(const std::string& text) {
+    try {
+        std::size_t used = 0;
+        const auto value = std::stoll(text, &used);
+        if (used == text.size()) return value;
+    } catch (const std::exception&) {
+    }
+    return std::nullopt;
+}
+
+int usage() {
+    std::fprintf(stderr,
+                 "usage: pelm call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR\n"
+                 "                 [--app NAME] [--ca FILE]\n");
+    return 2;
+}
+
+}  // namespace
+
+int callCommand(const Arguments& args) {
+    const auto& words = args.positional();
+    if (words.size() < 2) return usage();
+    installPlatform(args);
+    const auto client = PelmAPIClient::make();
+    if (!client) {
+        std::fprintf(stderr, "pelm call: no token or host stored; run `pelm setup` first\n");
+        return 1;
+    }
+    const auto user = SettingsManager::sharedInstance()->userID();
+    std::optional<JSON> result;
+    const auto& what = words[1];
+    if (what == "status" && words.size() == 2) {
+        client->status([&](bool ok, auto status) { result = JSON{{"successful", ok}, {"status", orNull(status)}}; });
+    } else if (what == "app-config" && words.size() == 2) {
+        client->appConfig([&](bool ok, auto config) { result = JSON{{"successful", ok}, {"appConfig", orNull(config)}}; });
+    } else if (what == "content" && words.size() == 3 && integerArgument(words[2])) {
+        client->contentById(*integerArgument(words[2]), user, [&](bool ok, auto content) {
+            result = JSON{{"succesful", ok}, {"content", orNull(content)}};
+        });
+    } else if (what == "content-by-hardware" && words.size() == 5) {
+        auto beacon = std::make_shared<Beacon>(words[2], words[3], words[4]);
+        client->contentByHardware(beacon, user, [&](bool ok, auto entry, auto exit) {
+            result = JSON{{"successful", ok}, {"entryContent", orNull(entry)}, {"exitContent", orNull(exit)}};
+        });
+    } else {
+        return usage();
+    }
+    if (!runUntil([&] { return result.has_value(); })) {
+        std::fprintf(stderr, "pelm call: no answer within a minute\n");
+        return 1;
+    }
+    std::cout << result->dump(2, ' ', false, JSON::error_handler_t::replace) << "\n";
+    return result->begin()->get<bool>() ? 0 : 1;
+}
+
+}  // namespace pelm::cli

@@ -1,0 +1,36 @@
+#include <cstdio>
+
+#include <pelm/platform/linux/linux_platform.hpp>
+#include <pelm/platform/run_loop.hpp>
+
+#include "cli.hpp"
+
+namespace pelm::cli {
+
+std::shared_ptr<platform::Platform> installPlatform(const Arguments& args) {
+    platform::LinuxPlatformOptions options;
+    options.appName = args.option("app").value_or("");
+    if (auto dir = args.option("config-dir")) options.configDirectory = *dir;
+    if (auto ca = args.option("ca")) options.extraCABundle = *ca;
+    options.appVersion = "pelm-cli";
+    auto services = platform::makeLinuxPlatform(options);
+    platform::install(services);
+    return services;
+}
+
+bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    auto* loop = dynamic_cast<platform::RunLoop*>(platform::current()->mainQueue.get());
+    return loop != nullptr && loop->runUntil(done, timeout);
+}
+
+void printSettings(const SettingsManager& settings) {
+    const auto show = [](const std::string& key, const std::optional<std::string>& value) {
+        std::printf("  %-22s %s\n", key.c_str(), value ? ("\"" + *value + "\"").c_str() : "(not set)");
+    };
+    show(settings.appTokenKey, settings.appToken());
+    show(settings.apiHostKey, settings.apiHost());
+    show(settings.defaultBeaconUUIDKey, settings.defaultBeaconUUID());
+    show(settings.kontaktIoAPIKeyKey, settings.kontaktIoAPIKey());
+}
+
+}  // namespace pelm::cli

@@ -1,0 +1,32 @@
+#include <cstdio>
+
+#include <pelm/sdk/pelm_sdk.hpp>
+
+#include "cli.hpp"
+
+namespace pelm::cli {
+
+int setupCommand(const Arguments& args) {
+    const auto token = args.option("token");
+    const auto host = args.option("host");
+    if (!token || !host) {
+        std::fprintf(stderr, "pelm setup: --token and --host are required\n");
+        return 2;
+    }
+    installPlatform(args);
+    std::printf("Fetching the configuration of https://%s ...\n", host->c_str());
+    std::fflush(stdout);
+    std::optional<bool> outcome;
+    PelmSDK::setAppToken(*token, *host, [&](bool successful) { outcome = successful; });
+    if (!runUntil([&] { return outcome.has_value(); })) {
+        std::fprintf(stderr, "pelm setup: no answer within a minute\n");
+        return 1;
+    }
+    std::printf(*outcome ? "Configuration fetched and stored.\n"
+                         : "Could not fetch the configuration (the log line above says why); token and host are "
+                           "stored, the beacon settings are unchanged.\n");
+    printSettings(*SettingsManager::sharedInstance());
+    return *outcome ? 0 : 1;
+}
+
+}  // namespace pelm::cli
