@@ -49,7 +49,7 @@ PelmServer::PelmServer(Options options)
     // Without this, Nagle's algorithm holds back each keep-alive reply by tens of milliseconds.
     http_->set_tcp_nodelay(true);
     http_->set_keep_alive_max_count(100000);
-    http_->set_keep_alive_timeout(30);
+    http_->set_keep_alive_timeout(options_.keepAliveSeconds);
     http_->set_payload_max_length(std::size_t{8} << 20);
     routes();
 }

@@ -31,6 +31,8 @@ public:
         /// 0 picks a free port.
         int port = 0;
         std::string bindAddress = "127.0.0.1";
+        /// How long an idle keep-alive connection is held open; stopping waits for idle connections this long.
+        int keepAliveSeconds = 5;
         /// Certificate and key; a throwaway pair is made in `certificateFolder` when none is given.
         std::optional<std::filesystem::path> certFile;
         std::optional<std::filesystem::path> keyFile;

@@ -48,6 +48,7 @@ protected:
         folder_ = pattern;
         server::PelmServer::Options options;
         options.certificateFolder = folder_;
+        options.keepAliveSeconds = 1;  // stopping the server waits for idle connections this long
         server_ = std::make_unique<server::PelmServer>(options);
         server_->store().seed(testSeed());
         server_->start();

@@ -10,6 +10,8 @@ template <class... Visitors>
 struct Overloaded : Visitors... {
     using Visitors::operator()...;
 };
+template <class... Visitors>
+Overloaded(Visitors...) -> Overloaded<Visitors...>;
 
 JSON objectOf(const auto& record) { return record ? record->toJSON() : JSON::object(); }
 
