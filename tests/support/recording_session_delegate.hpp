@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <pelm/session/pelm_session_manager_delegate.hpp>

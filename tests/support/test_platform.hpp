@@ -11,6 +11,7 @@
 #include <pelm/platform/sim/captured_log_sink.hpp>
 #include <pelm/platform/sim/fixed_identity.hpp>
 #include <pelm/platform/sim/memory_key_value_store.hpp>
+#include <pelm/platform/sim/scripted_beacon_vendor.hpp>
 #include <pelm/platform/sim/virtual_loop.hpp>
 
 namespace pelm::testing {
@@ -33,6 +34,7 @@ struct TestPlatform {
     std::shared_ptr<platform::CapturedLogSink> log = std::make_shared<platform::CapturedLogSink>();
     std::shared_ptr<platform::FixedIdentity> identity;
     std::shared_ptr<platform::CurlTransport> http;
+    std::shared_ptr<platform::ScriptedBeaconVendor> vendor = std::make_shared<platform::ScriptedBeaconVendor>();
     std::shared_ptr<platform::Platform> services;
 
     explicit TestPlatform(TestPlatformOptions options = {}) {
@@ -48,6 +50,7 @@ struct TestPlatform {
         services->identity = identity;
         services->log = log;
         services->http = http;
+        services->beaconVendor = vendor;
         platform::install(services);
     }
     explicit TestPlatform(std::optional<std::string> vendorId) : TestPlatform(withVendor(std::move(vendorId))) {}

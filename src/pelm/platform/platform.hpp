@@ -3,6 +3,7 @@
 #include <memory>
 
 #include <pelm/platform/device_identity.hpp>
+#include <pelm/platform/region_monitor.hpp>
 #include <pelm/platform/http_transport.hpp>
 #include <pelm/platform/key_value_store.hpp>
 #include <pelm/platform/log_sink.hpp>
@@ -11,7 +12,7 @@
 namespace pelm::platform {
 
 /// The services the library asks of the machine it runs on. A host installs one before the first use of
-/// the library; without one, the Linux platform is used. Every member must be set.
+/// the library; without one, the Linux platform is used. Every member but `beaconVendor` must be set.
 struct Platform {
     /// The library's thread and its clock.
     std::shared_ptr<MainQueue> mainQueue;
@@ -19,6 +20,8 @@ struct Platform {
     std::shared_ptr<DeviceIdentity> identity;
     std::shared_ptr<LogSink> log;
     std::shared_ptr<HttpTransport> http;
+    /// Beacon monitoring, ranging and discovery; none where the machine has no beacon source.
+    std::shared_ptr<BeaconVendor> beaconVendor;
 };
 
 /// Makes `platform` the one the library uses from now on. Objects built earlier keep the services they

@@ -1,0 +1,127 @@
+#include <pelm/platform/sim/scripted_beacon_vendor.hpp>
+
+#include <cstdio>
+
+namespace pelm::platform {
+
+std::string ScriptedBeaconVendor::describe(const BeaconRegion& region) {
+    std::string text = region.identifier + " " + region.proximityUUID.uuidString();
+    if (region.major) text += " " + std::to_string(*region.major);
+    if (region.minor) text += " " + std::to_string(*region.minor);
+    std::string flags;
+    for (const auto& [set, name] : {std::pair{region.notifyOnEntry, "entry"}, std::pair{region.notifyOnExit, "exit"},
+                                    std::pair{region.notifyEntryStateOnDisplay, "display"}}) {
+        if (set) flags += (flags.empty() ? "" : ",") + std::string(name);
+    }
+    return text + " [" + flags + "]";
+}
+
+class ScriptedBeaconVendor::Monitor final : public RegionMonitor {
+public:
+    explicit Monitor(ScriptedBeaconVendor& vendor) : vendor_(vendor) {}
+    void requestLocationAlwaysAuthorization() override { note("requestLocationAlwaysAuthorization"); }
+    std::vector<BeaconRegion> monitoredRegions() const override {
+        note("monitoredRegions");
+        return values(vendor_.monitored);
+    }
+    std::vector<BeaconRegion> rangedRegions() const override {
+        note("rangedRegions");
+        return values(vendor_.ranged);
+    }
+    void stopMonitoringForAllRegions() override {
+        note("stopMonitoringForAllRegions");
+        vendor_.monitored.clear();
+    }
+    void stopRangingBeaconsInAllRegions() override {
+        note("stopRangingBeaconsInAllRegions");
+        vendor_.ranged.clear();
+    }
+    void startMonitoring(const BeaconRegion& region) override {
+        note("startMonitoring " + describe(region));
+        vendor_.monitored.insert_or_assign(region.identifier, region);
+    }
+    void stopMonitoring(const BeaconRegion& region) override {
+        note("stopMonitoring " + describe(region));
+        vendor_.monitored.erase(region.identifier);
+    }
+    void requestState(const BeaconRegion& region) override { note("requestState " + describe(region)); }
+    void startRanging(const BeaconRegion& region) override {
+        note("startRanging " + describe(region));
+        vendor_.ranged.insert_or_assign(region.identifier, region);
+    }
+    void stopRanging(const BeaconRegion& region) override {
+        note("stopRanging " + describe(region));
+        vendor_.ranged.erase(region.identifier);
+    }
+
+private:
+    static std::vector<BeaconRegion> values(const std::map<std::string, BeaconRegion>& regions) {
+        std::vector<BeaconRegion> list;
+        for (const auto& [identifier, region] : regions) list.push_back(region);
+        return list;
+    }
+    void note(std::string call) const { vendor_.calls.push_back(std::move(call)); }
+    ScriptedBeaconVendor& vendor_;
+};
+
+class ScriptedBeaconVendor::Scanner final : public DeviceScanner {
+public:
+    explicit Scanner(ScriptedBeaconVendor& vendor) : vendor_(vendor) {}
+    bool isDiscovering() const override {
+        vendor_.calls.push_back("isDiscovering");
+        return vendor_.discovering;
+    }
+    void startDiscovery(double intervalSeconds) override {
+        char text[64];
+        std::snprintf(text, sizeof text, "startDiscovery %.1f", intervalSeconds);
+        vendor_.calls.push_back(text);
+        vendor_.discovering = true;
+    }
+    void startDiscovery() override {
+        vendor_.calls.push_back("startDiscovery");
+        vendor_.discovering = true;
+    }
+    void stopDiscovery() override {
+        vendor_.calls.push_back("stopDiscovery");
+        vendor_.discovering = false;
+    }
+
+private:
+    ScriptedBeaconVendor& vendor_;
+};
+
+std::unique_ptr<RegionMonitor> ScriptedBeaconVendor::makeRegionMonitor(std::weak_ptr<RegionMonitorDelegate> delegate) {
+    calls.push_back("makeRegionMonitor");
+    monitorDelegate_ = std::move(delegate);
+    return std::make_unique<Monitor>(*this);
+}
+
+std::unique_ptr<DeviceScanner> ScriptedBeaconVendor::makeDeviceScanner(std::weak_ptr<DeviceScannerDelegate> delegate) {
+    calls.push_back("makeDeviceScanner");
+    scannerDelegate_ = std::move(delegate);
+    return std::make_unique<Scanner>(*this);
+}
+
+void ScriptedBeaconVendor::authorize(AuthorizationStatus status) {
+    if (auto delegate = monitorDelegate_.lock()) delegate->didChangeLocationAuthorizationStatus(status);
+}
+void ScriptedBeaconVendor::determine(RegionState state, const BeaconRegion& region) {
+    if (auto delegate = monitorDelegate_.lock()) delegate->didDetermineState(state, region);
+}
+void ScriptedBeaconVendor::enter(const BeaconRegion& region) {
+    if (auto delegate = monitorDelegate_.lock()) delegate->didEnterRegion(region);
+}
+void ScriptedBeaconVendor::exit(const BeaconRegion& region) {
+    if (auto delegate = monitorDelegate_.lock()) delegate->didExitRegion(region);
+}
+void ScriptedBeaconVendor::range(const std::vector<RangedBeacon>& beacons, const BeaconRegion& region) {
+    if (auto delegate = monitorDelegate_.lock()) delegate->didRangeBeacons(beacons, region);
+}
+void ScriptedBeaconVendor::discover(const std::optional<std::vector<NearbyDevice>>& devices) {
+    if (auto delegate = scannerDelegate_.lock()) delegate->didDiscoverDevices(devices);
+}
+void ScriptedBeaconVendor::failDiscovery(const std::optional<std::string>& error) {
+    if (auto delegate = scannerDelegate_.lock()) delegate->didFailToStartDiscovery(error);
+}
+
+}  // namespace pelm::platform

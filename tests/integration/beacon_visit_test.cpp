@@ -1,0 +1,183 @@
+// One store visit, told from the first vendor callback to the session the server stored: the scripted vendor
+// plays the phone, the real session engine looks content up from pelm-server over HTTPS, and the host app's
+// delegate and the analytics events are checked step by step.
+#include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/sdk/settings_manager.hpp>
+
+#include <gmock/gmock.h>
+
+#include "support/beacon_recorders.hpp"
+#include "support/server_fixture.hpp"
+
+namespace pelm {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+using platform::BeaconRegion;
+using platform::RegionState;
+
+const std::string U = testing::kUuid;
+const std::string kMain = "PELM Region " + U + " [entry,exit,display]";
+const std::string kCheese = "Custom Region " + U + " 1 11 [entry,exit,display]";
+const std::string kBread = "Custom Region " + U + " 1 12 [entry,exit,display]";
+// Store 1, merchandise group 11, in the retail vocabulary.
+const std::string kStore = "Talstra\xC3\x9F" "e Galerie";
+
+class BeaconVisitTest : public testing::ServerTest {
+protected:
+    void SetUp() override {
+        ServerTest::SetUp();
+        ::setenv("TZ", "Europe/Vienna", 1);
+        ::tzset();
+        const auto settings = SettingsManager::sharedInstance();
+        settings->setAppToken(testing::kToken);
+        settings->setApiHost(server_->host());
+        settings->setDefaultBeaconUUID(testing::kUuid);
+        settings->setKontaktIoAPIKey("kontakt-key");
+        manager_ = PelmBeaconManager::make<testing::RecordingBeaconManager>();
+        manager_->delegate = host_;
+        vendor().takeCalls();
+    }
+    void TearDown() override {
+        manager_.reset();
+        ServerTest::TearDown();
+    }
+    platform::ScriptedBeaconVendor& vendor() { return *platform_->vendor; }
+    static BeaconRegion region(std::optional<std::uint16_t> major = std::nullopt,
+                               std::optional<std::uint16_t> minor = std::nullopt) {
+        BeaconRegion r;
+        r.proximityUUID = *platform::ProximityUUID::parse(testing::kUuid);
+        r.major = major;
+        r.minor = minor;
+        r.identifier = major ? "Custom Region" : "PELM Region";
+        r.notifyOnEntry = r.notifyOnExit = r.notifyEntryStateOnDisplay = true;
+        return r;
+    }
+    static platform::RangedBeacon heard(std::uint16_t minor) {
+        return {*platform::ProximityUUID::parse(testing::kUuid), 1, minor, -65, 2.0};
+    }
+
+    std::shared_ptr<testing::RecordingBeaconDelegate> host_ = std::make_shared<testing::RecordingBeaconDelegate>();
+    std::shared_ptr<testing::RecordingBeaconManager> manager_;
+};
+
+TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
+    // The host starts monitoring; the user allows location use at all times, which asks for the state.
+    manager_->startMonitoring();
+    vendor().authorize(3);
+    EXPECT_THAT(vendor().takeCalls(), ElementsAre("startMonitoring " + kMain, "requestState " + kMain));
+    EXPECT_THAT(host_->take(), ElementsAre("log Starting core monitoring for uuid: " + U,
+                                           "log DidChangeLocationAuthorizationState status: AuthorizedAlways"));
+
+    // Inside the store: discovery and ranging start; the entry callback follows.
+    vendor().determine(RegionState::Inside, region());
+    vendor().enter(region());
+    EXPECT_THAT(vendor().takeCalls(), ElementsAre("isDiscovering", "startDiscovery 2.0", "startRanging " + kMain,
+                                                  "startRanging " + kMain, "isDiscovering"));
+    EXPECT_THAT(host_->take(), ElementsAre("log Starting discovery with interval", "log DidDetermineState state: Inside",
+                                           "log Entering MAIN Region: " + U, "log Already discovery..."));
+
+    // Two beacons are ranged: each is new, gets its entry content looked up and a sub-region of its own.
+    vendor().range({heard(11), heard(12)}, region());
+    EXPECT_THAT(vendor().takeCalls(), ElementsAre("startMonitoring " + kCheese, "requestState " + kCheese,
+                                                  "startMonitoring " + kBread, "requestState " + kBread));
+    settle();
+    EXPECT_THAT(host_->take(), UnorderedElementsAre("log Starting monitoring for: major: 1 minor: 11",
+                                                    "log Starting monitoring for: major: 1 minor: 12", "content 1",
+                                                    "log Did find new content: Cheese week", "content 3",
+                                                    "log Did find new content: Fresh bread"));
+    EXPECT_THAT(manager_->takeAnalytics(), UnorderedElementsAre("Beacon Views | Discovered | " + U + "+1+11",
+                                                                "Beacon Views | Discovered | " + U + "+1+12"));
+    // Heard again: nothing new.
+    vendor().range({heard(11), heard(12)}, region());
+    EXPECT_THAT(vendor().calls, IsEmpty());
+    EXPECT_THAT(host_->events, IsEmpty());
+
+    // The cheese counter's sub-region: its state and its entry each open a log line.
+    vendor().determine(RegionState::Inside, region(1, 11));
+    vendor().enter(region(1, 11));
+    EXPECT_THAT(vendor().takeCalls(), ElementsAre("isDiscovering", "startRanging " + kCheese, "startRanging " + kCheese));
+    EXPECT_THAT(host_->take(), ElementsAre("log Already discovery...", "log Session Log: major: 1 minor: 11 uuid: " + U,
+                                           "log DidDetermineState state: Inside", "log Entering SUB Region: " + U + " - 1 - 11",
+                                           "log Session Log: major: 1 minor: 11 uuid: " + U));
+    EXPECT_THAT(manager_->takeAnalytics(),
+                ElementsAre("Beacon Markt/Warengruppen | " + kStore + " | K\xC3\xA4se",
+                            "Beacon Markt/Verweildauer | " + kStore + " | Enter",
+                            "Beacon Views | " + kStore + " | " + U + "+1+11",
+                            "Beacon Warengruppe/Verweildauer | " + kStore + " | Enter",
+                            "Beacon Views | Discovered | " + U + "+1+11"));
+
+    // Half a minute later the user leaves the counter: exit content, the later line closes.
+    platform_->loop->advance(30s);
+    vendor().exit(region(1, 11));
+    EXPECT_THAT(vendor().takeCalls(), ElementsAre("stopRanging " + kCheese, "stopMonitoring " + kCheese));
+    settle();
+    EXPECT_THAT(host_->take(), ElementsAre("log Stop ranging for: major: 1 minor: 11 uuid: " + U,
+                                           "log Exiting SUB Region: " + U + " - 1 - 11", "content 2",
+                                           "log Did find new content: Goodbye"));
+    EXPECT_EQ(manager_->lastBeaconMajorId(), 1);
+    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Warengruppe/Verweildauer | " + kStore + " | Exit",
+                                                       "Beacon Views | Discovered | " + U + "+1+11"));
+
+    // A minute later the user leaves the store: the visit is finished and uploaded, discovery stops.
+    platform_->loop->advance(60s);
+    vendor().exit(region());
+    EXPECT_THAT(vendor().takeCalls(), ElementsAre("stopRanging " + kMain, "stopDiscovery"));
+    settle();
+    EXPECT_THAT(host_->take(), ElementsAre("log Stop ranging for: uuid: " + U, "log Exiting MAIN Region: " + U,
+                                           "log Stopping discovery with interval",
+                                           "log Session upload successful finished"));
+    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Markt/Verweildauer | " + kStore + " | Exit"));
+
+    // What the server stored: the line closed at the counter, then the one closed at the store's exit.
+    const auto stored = server_->store().sessions();
+    ASSERT_EQ(stored.size(), 1u);
+    EXPECT_EQ(stored[0]["session"]["start_time"], "2016-07-16T19:20:30.450+0200");
+    EXPECT_EQ(stored[0]["session"]["end_time"], "2016-07-16T19:22:00.450+0200");
+    EXPECT_EQ(stored[0]["beacon"], JSON::parse(R"({"uuid": ")" + U + R"(", "major": "1", "minor": "11"})"));
+    ASSERT_EQ(stored[0]["session_logs"].size(), 2u);
+    EXPECT_EQ(stored[0]["session_logs"][0]["exit_time"], "2016-07-16T19:21:00.450+0200");
+    EXPECT_EQ(stored[0]["session_logs"][1]["exit_time"], "2016-07-16T19:22:00.450+0200");
+}
+
+TEST_F(BeaconVisitTest, ASecondSubRegionOfTheSameVisitIsNotTheFirstBeacon) {
+    vendor().enter(region());
+    vendor().enter(region(1, 11));
+    manager_->takeAnalytics();
+    vendor().enter(region(1, 12));
+    EXPECT_THAT(manager_->takeAnalytics(),
+                ElementsAre("Beacon Markt/Warengruppen | " + kStore + " | Milchprodukte",
+                            "Beacon Views | " + kStore + " | " + U + "+1+12",
+                            "Beacon Warengruppe/Verweildauer | " + kStore + " | Enter",
+                            "Beacon Views | Discovered | " + U + "+1+12"));
+    vendor().enter(region());  // a new visit makes the next sub-region the first again
+    EXPECT_TRUE(manager_->firstBeacon());
+}
+
+TEST_F(BeaconVisitTest, TheStoreExitNamesTheLastBeaconLeftEvenFromAnEarlierVisit) {
+    vendor().exit(region(905, 3));
+    vendor().exit(region());
+    settle();
+    vendor().enter(region());
+    vendor().exit(region());
+    settle();
+    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Warengruppe/Verweildauer | Reserve | Exit",
+                                                       "Beacon Markt/Verweildauer | Reserve | Exit",
+                                                       "Beacon Markt/Verweildauer | Reserve | Exit"));
+}
+
+TEST_F(BeaconVisitTest, StatusLinesKeepTheirCriticalFlagAndNoDelegateDropsThem) {
+    vendor().exit(region());  // no line recorded: the engine's critical line is passed on as critical
+    EXPECT_THAT(host_->take(), ::testing::Contains("log Cant' finish session, session logs array is empty (critical)"));
+    manager_->delegate = nullptr;
+    vendor().range({heard(11)}, region());
+    settle();
+    EXPECT_THAT(host_->events, IsEmpty());
+    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Views | Discovered | " + U + "+1+11"));
+}
+
+}  // namespace
+}  // namespace pelm
