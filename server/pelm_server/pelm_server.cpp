@@ -61,6 +61,11 @@ void PelmServer::start() {
                                : (http_->bind_to_port(options_.bindAddress, options_.port) ? options_.port : -1);
     if (port_ <= 0) throw std::runtime_error("cannot listen on " + options_.bindAddress + ":" + std::to_string(options_.port));
     thread_ = std::thread([this] { http_->listen_after_bind(); });
+    // A stop before the loop runs would be lost and leave it listening for good; return once it runs.
+    for (int waited = 0; !http_->is_running() && waited < 5000; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (!http_->is_running()) throw std::runtime_error("the server did not start listening");
 }
 
 void PelmServer::stop() {

@@ -12,6 +12,7 @@
 #include <pelm/platform/sim/fixed_identity.hpp>
 #include <pelm/platform/sim/memory_key_value_store.hpp>
 #include <pelm/platform/sim/scripted_beacon_vendor.hpp>
+#include <pelm/platform/sim/scripted_device_status.hpp>
 #include <pelm/platform/sim/virtual_loop.hpp>
 
 namespace pelm::testing {
@@ -35,6 +36,9 @@ struct TestPlatform {
     std::shared_ptr<platform::FixedIdentity> identity;
     std::shared_ptr<platform::CurlTransport> http;
     std::shared_ptr<platform::ScriptedBeaconVendor> vendor = std::make_shared<platform::ScriptedBeaconVendor>();
+    std::shared_ptr<platform::ScriptedReachability> reachability = std::make_shared<platform::ScriptedReachability>();
+    std::shared_ptr<platform::ScriptedLocation> location = std::make_shared<platform::ScriptedLocation>();
+    std::shared_ptr<platform::ScriptedBluetooth> bluetooth = std::make_shared<platform::ScriptedBluetooth>();
     std::shared_ptr<platform::Platform> services;
 
     explicit TestPlatform(TestPlatformOptions options = {}) {
@@ -51,6 +55,9 @@ struct TestPlatform {
         services->log = log;
         services->http = http;
         services->beaconVendor = vendor;
+        services->reachability = reachability;
+        services->location = location;
+        services->bluetooth = bluetooth;
         platform::install(services);
     }
     explicit TestPlatform(std::optional<std::string> vendorId) : TestPlatform(withVendor(std::move(vendorId))) {}

@@ -45,5 +45,6 @@ int settingsCommand(const Arguments& args);
 int setupCommand(const Arguments& args);
 int callCommand(const Arguments& args);
 int serveCommand(const Arguments& args);
+int statusCommand(const Arguments& args);
 
 }  // namespace pelm::cli

@@ -20,6 +20,7 @@ void usage(std::FILE* out) {
                  "                                             make one server call, print what came back\n"
                  "  serve [--db FILE] [--seed FILE] [--port N] [--cert FILE --key FILE]\n"
                  "                                             run pelm-server (demo data unless --seed)\n"
+                 "  status [--host H] [--watch]                 server reachability, location use and Bluetooth\n"
                  "  (--app NAME and --config-dir DIR choose whose settings setup and call use)\n"
                  "\n"
                  "  --version                                  print the library version\n"
@@ -62,6 +63,7 @@ int main(int argc, char** argv) {
     };
     if (command == "setup") return run({"token", "host"}, pelm::cli::setupCommand);
     if (command == "call") return run({}, pelm::cli::callCommand);
+    if (command == "status") return run({"host", "watch"}, pelm::cli::statusCommand);
     if (command == "serve") return run({"db", "seed", "port", "bind", "cert", "key"}, pelm::cli::serveCommand);
     std::fprintf(stderr, "pelm: unknown command '%s'\n\n", command.c_str());
     usage(stderr);

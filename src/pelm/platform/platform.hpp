@@ -3,6 +3,7 @@
 #include <memory>
 
 #include <pelm/platform/device_identity.hpp>
+#include <pelm/platform/device_status_sources.hpp>
 #include <pelm/platform/region_monitor.hpp>
 #include <pelm/platform/http_transport.hpp>
 #include <pelm/platform/key_value_store.hpp>
@@ -12,7 +13,8 @@
 namespace pelm::platform {
 
 /// The services the library asks of the machine it runs on. A host installs one before the first use of
-/// the library; without one, the Linux platform is used. Every member but `beaconVendor` must be set.
+/// the library; without one, the Linux platform is used. Every member but `beaconVendor` and the three
+/// device-status sources must be set; without a source, its status is not reported.
 struct Platform {
     /// The library's thread and its clock.
     std::shared_ptr<MainQueue> mainQueue;
@@ -22,6 +24,10 @@ struct Platform {
     std::shared_ptr<HttpTransport> http;
     /// Beacon monitoring, ranging and discovery; none where the machine has no beacon source.
     std::shared_ptr<BeaconVendor> beaconVendor;
+    /// Device status: reachability of a host, location authorisation, Bluetooth.
+    std::shared_ptr<ReachabilityService> reachability;
+    std::shared_ptr<LocationAuthorization> location;
+    std::shared_ptr<BluetoothState> bluetooth;
 };
 
 /// Makes `platform` the one the library uses from now on. Objects built earlier keep the services they

@@ -7,6 +7,8 @@
 #include <pelm/platform/linux/machine_identity.hpp>
 #include <pelm/platform/linux/stderr_log_sink.hpp>
 #include <pelm/platform/linux/curl_transport.hpp>
+#include <pelm/platform/linux/linux_bluetooth.hpp>
+#include <pelm/platform/linux/linux_reachability.hpp>
 #include <pelm/platform/run_loop.hpp>
 
 namespace pelm::platform {
@@ -53,6 +55,9 @@ std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options) {
     platform->identity =
         std::make_shared<MachineIdentity>(options.vendorName, options.appVersion, options.appBuildVersion);
     platform->log = std::make_shared<StderrLogSink>(options.appName, options.syslog);
+    platform->reachability = std::make_shared<LinuxReachability>();
+    platform->location = std::make_shared<PolicyLocation>(options.locationAuthorization);
+    platform->bluetooth = std::make_shared<LinuxBluetooth>(platform->mainQueue);
     return platform;
 }
 

@@ -21,6 +21,9 @@ struct LinuxPlatformOptions {
     std::string appBuildVersion;
     /// Certificates trusted besides the system's, for a server with a certificate of its own making.
     std::optional<std::filesystem::path> extraCABundle;
+    /// The location authorisation this machine grants (a Linux device has no prompt): 3, "always", unless
+    /// the host says otherwise.
+    int locationAuthorization = 3;
     /// Also send log lines to syslog.
     bool syslog = false;
 };

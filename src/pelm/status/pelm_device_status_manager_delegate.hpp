@@ -1,0 +1,16 @@
+#pragma once
+
+#include <pelm/status/status_enums.hpp>
+
+namespace pelm {
+
+/// What the host app hears from the device status manager, on the main queue.
+class PelmDeviceStatusManagerDelegate {
+public:
+    virtual ~PelmDeviceStatusManagerDelegate() = default;
+    virtual void didChangeReachableStatus(ReachableStatus status) = 0;
+    virtual void didChangeLocationStatus(LocationStatus status) = 0;
+    virtual void didChangeBluetoothStatus(BluetoothStatus status) = 0;
+};
+
+}  // namespace pelm

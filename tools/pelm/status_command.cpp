@@ -1,0 +1,99 @@
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+
+#include <pelm/platform/run_loop.hpp>
+#include <pelm/platform/sim/memory_key_value_store.hpp>
+#include <pelm/sdk/pelm_constants.hpp>
+#include <pelm/status/pelm_device_status_manager.hpp>
+
+#include "cli.hpp"
+
+namespace pelm::cli {
+namespace {
+
+volatile std::sig_atomic_t interrupted = 0;
+
+const char* text(ReachableStatus s) {
+    return s == ReachableStatus::Reachable ? "Reachable" : s == ReachableStatus::UnReachable ? "UnReachable" : "Unknown";
+}
+const char* text(LocationStatus s) {
+    switch (s) {
+        case LocationStatus::AlwaysAllowed: return "AlwaysAllowed";
+        case LocationStatus::WhenInUseAllowed: return "WhenInUseAllowed";
+        case LocationStatus::NotAllowed: return "NotAllowed";
+        default: return "Unknown";
+    }
+}
+const char* text(BluetoothStatus s) {
+    switch (s) {
+        case BluetoothStatus::On: return "On";
+        case BluetoothStatus::Off: return "Off";
+        case BluetoothStatus::Error: return "Error (no controller, or not usable)";
+        default: return "Unknown";
+    }
+}
+
+// Prints each status as it arrives, with the time when watching.
+class Printer : public PelmDeviceStatusManagerDelegate {
+public:
+    Printer(std::string host, bool stamped) : host_(std::move(host)), stamped_(stamped) {}
+    void didChangeReachableStatus(ReachableStatus status) override {
+        print("server " + host_, text(status));
+        reachability = true;
+    }
+    void didChangeLocationStatus(LocationStatus status) override { print("location", text(status)); }
+    void didChangeBluetoothStatus(BluetoothStatus status) override {
+        print("bluetooth", text(status));
+        bluetoothKnown = status != BluetoothStatus::Unknown;
+    }
+    bool reachability = false;
+    bool bluetoothKnown = false;
+
+private:
+    void print(const std::string& what, const char* value) const {
+        if (stamped_) {
+            const auto now = std::time(nullptr);
+            char stamp[16];
+            std::strftime(stamp, sizeof stamp, "%H:%M:%S", std::localtime(&now));
+            std::printf("%s  ", stamp);
+        }
+        std::printf("%-28s %s\n", what.c_str(), value);
+        std::fflush(stdout);
+    }
+    std::string host_;
+    bool stamped_;
+};
+
+}  // namespace
+
+int statusCommand(const Arguments& args) {
+    auto services = installPlatform(args);
+    if (const auto host = args.option("host")) {
+        // Ask about this host without touching the app's stored settings.
+        auto store = std::make_shared<platform::MemoryKeyValueStore>();
+        store->set("pelm.apihost", *host);
+        auto adjusted = std::make_shared<platform::Platform>(*services);
+        adjusted->store = store;
+        platform::install(adjusted);
+    }
+    const bool watch = args.flag("watch");
+    const auto host = PelmConstants::apiHost();
+    auto printer = std::make_shared<Printer>(host.value_or("(no host stored)"), watch);
+    auto manager = PelmDeviceStatusManager::make();
+    manager->delegate = printer;
+    manager->startLocationNotifier();
+    manager->startBluetoothNotifier();
+    manager->startReachabilityNotifier();
+    if (watch) {
+        std::signal(SIGINT, [](int) { interrupted = 1; });
+        std::signal(SIGTERM, [](int) { interrupted = 1; });
+        runUntil([] { return interrupted != 0; }, std::chrono::hours(24 * 365));
+    } else {
+        runUntil([&] { return (printer->reachability || !host) && printer->bluetoothKnown; }, std::chrono::seconds(3));
+    }
+    manager.reset();
+    return 0;
+}
+
+}  // namespace pelm::cli
