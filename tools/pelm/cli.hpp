@@ -46,5 +46,6 @@ int setupCommand(const Arguments& args);
 int callCommand(const Arguments& args);
 int serveCommand(const Arguments& args);
 int statusCommand(const Arguments& args);
+int simulateCommand(const Arguments& args);
 
 }  // namespace pelm::cli

@@ -14,6 +14,8 @@ void usage(std::FILE* out) {
                  "usage: pelm <command> [options]\n"
                  "\n"
                  "commands:\n"
+                 "  simulate [SCENARIO] [--seed N] [--speed X] [--report FILE] [--host H --token T]\n"
+                 "                                             walk a shopper through a simulated store\n"
                  "  settings [--app NAME] [--config-dir DIR]   show what the library has stored for a host app\n"
                  "  setup --token T --host H [--ca FILE]        fetch and store the app configuration\n"
                  "  call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR [--ca FILE]\n"
@@ -63,6 +65,7 @@ int main(int argc, char** argv) {
     };
     if (command == "setup") return run({"token", "host"}, pelm::cli::setupCommand);
     if (command == "call") return run({}, pelm::cli::callCommand);
+    if (command == "simulate") return run({"host", "token", "seed", "speed", "report"}, pelm::cli::simulateCommand);
     if (command == "status") return run({"host", "watch"}, pelm::cli::statusCommand);
     if (command == "serve") return run({"db", "seed", "port", "bind", "cert", "key"}, pelm::cli::serveCommand);
     std::fprintf(stderr, "pelm: unknown command '%s'\n\n", command.c_str());

@@ -22,11 +22,13 @@ public:
     /// Cancels a timer that has not run yet; does nothing otherwise.
     virtual void cancel(TimerId timer) = 0;
 
-    /// Work started off the queue (a server call) whose result will be posted back. A virtual-time queue
-    /// does not move its clock while such work is outstanding, so a run against a real server gives the same
-    /// timeline every time. Every `beginExternalWork` is matched by one `endExternalWork`.
-    virtual void beginExternalWork() {}
-    virtual void endExternalWork() {}
+    /// Work started off the queue (a server call) whose result will come back as a task. A virtual-time
+    /// queue does not move its clock while such work is outstanding and runs the results in the order the
+    /// work began, so a run against a real server gives the same timeline every time. Every ticket is
+    /// finished exactly once, from any thread.
+    using Ticket = std::uint64_t;
+    virtual Ticket beginExternalWork() { return 0; }
+    virtual void finishExternalWork(Ticket /*ticket*/, Task result) { post(std::move(result)); }
 };
 
 }  // namespace pelm::platform

@@ -78,10 +78,11 @@ public:
     }
 
     void submit(HttpRequest request, std::function<void(HttpReply)> completion) {
-        queue_->beginExternalWork();
+        auto transfer = std::make_unique<Transfer>(std::move(request), std::move(completion));
+        transfer->ticket = queue_->beginExternalWork();
         {
             std::lock_guard lock(mutex_);
-            incoming_.push_back(std::make_unique<Transfer>(std::move(request), std::move(completion)));
+            incoming_.push_back(std::move(transfer));
         }
         curl_multi_wakeup(multi_);
     }
@@ -98,6 +99,7 @@ private:
         CURL* easy = nullptr;
         curl_slist* headers = nullptr;
         std::string body;
+        MainQueue::Ticket ticket = 0;
         std::size_t maxBodyBytes = 0;
         bool tooLarge = false;
         int redirects = 0;
@@ -264,10 +266,10 @@ private:
             idle_.push_back(transfer->easy);
             transfer->easy = nullptr;
         }
-        queue_->post([completion = std::move(transfer->completion), reply = std::move(reply)]() mutable {
-            completion(std::move(reply));
-        });
-        queue_->endExternalWork();
+        queue_->finishExternalWork(transfer->ticket,
+                                   [completion = std::move(transfer->completion), reply = std::move(reply)]() mutable {
+                                       completion(std::move(reply));
+                                   });
     }
 
     void shutDown() {

@@ -6,12 +6,18 @@ namespace pelm::platform {
 
 std::string ScriptedBeaconVendor::describe(const BeaconRegion& region) {
     std::string text = region.identifier + " " + region.proximityUUID.uuidString();
-    if (region.major) text += " " + std::to_string(*region.major);
-    if (region.minor) text += " " + std::to_string(*region.minor);
+    // Appended piece by piece: GCC 12 at -O3 misreads `" " + std::to_string(n)` as an overlapping copy.
+    for (const auto& number : {region.major, region.minor}) {
+        if (!number) continue;
+        text += ' ';
+        text += std::to_string(*number);
+    }
     std::string flags;
     for (const auto& [set, name] : {std::pair{region.notifyOnEntry, "entry"}, std::pair{region.notifyOnExit, "exit"},
                                     std::pair{region.notifyEntryStateOnDisplay, "display"}}) {
-        if (set) flags += (flags.empty() ? "" : ",") + std::string(name);
+        if (!set) continue;
+        if (!flags.empty()) flags += ',';
+        flags += name;
     }
     return text + " [" + flags + "]";
 }

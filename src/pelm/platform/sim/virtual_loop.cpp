@@ -34,15 +34,19 @@ void VirtualLoop::cancel(TimerId timer) {
     }
 }
 
-void VirtualLoop::beginExternalWork() {
+MainQueue::Ticket VirtualLoop::beginExternalWork() {
     std::lock_guard lock(mutex_);
-    ++external_;
+    const auto ticket = nextTicket_++;
+    external_.emplace(ticket, std::nullopt);
+    return ticket;
 }
 
-void VirtualLoop::endExternalWork() {
+void VirtualLoop::finishExternalWork(Ticket ticket, Task result) {
     {
         std::lock_guard lock(mutex_);
-        --external_;
+        const auto found = external_.find(ticket);
+        if (found == external_.end()) return;
+        found->second = std::move(result);
     }
     arrived_.notify_all();
 }
@@ -63,8 +67,14 @@ bool VirtualLoop::runReady(std::unique_lock<std::mutex>& lock) {
             task();
             lock.lock();
             ran = true;
-        } else if (external_ > 0) {
-            arrived_.wait(lock, [&] { return !ready_.empty() || external_ == 0; });
+        } else if (!external_.empty()) {
+            // Outside results are taken only when nothing else is ready, one at a time in the order their
+            // work began: how fast the network answers never changes the order of events.
+            arrived_.wait(lock, [&] { return !ready_.empty() || external_.begin()->second.has_value(); });
+            if (ready_.empty()) {
+                ready_.push_back(std::move(*external_.begin()->second));
+                external_.erase(external_.begin());
+            }
         } else {
             return ran;
         }

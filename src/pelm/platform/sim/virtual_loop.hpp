@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
+#include <optional>
 #include <mutex>
 
 #include <pelm/platform/main_queue.hpp>
@@ -11,6 +12,7 @@ namespace pelm::platform {
 
 /// A main queue in virtual time: the clock moves only when `advance` is called, timers fire at their exact
 /// virtual instants, and while outside work (a server call) is outstanding the clock waits for its result.
+/// Outside results run only when nothing else is ready, in the order their work began.
 /// Posting is safe from any thread; `advance` and `runUntilIdle` belong to the thread that drives the loop.
 class VirtualLoop final : public MainQueue {
 public:
@@ -20,8 +22,8 @@ public:
     void post(Task task) override;
     TimerId postAfter(std::chrono::milliseconds delay, Task task) override;
     void cancel(TimerId timer) override;
-    void beginExternalWork() override;
-    void endExternalWork() override;
+    Ticket beginExternalWork() override;
+    void finishExternalWork(Ticket ticket, Task result) override;
 
     /// Runs everything that is ready, waiting for outstanding outside work, without moving the clock.
     void runUntilIdle();
@@ -40,7 +42,9 @@ private:
     std::deque<Task> ready_;
     std::multimap<Date, std::pair<TimerId, Task>> timers_;
     TimerId nextTimer_ = 1;
-    int external_ = 0;
+    // Outside work by ticket: none yet (still running) or its result, released in ticket order.
+    std::map<Ticket, std::optional<Task>> external_;
+    Ticket nextTicket_ = 1;
 };
 
 }  // namespace pelm::platform

@@ -1,0 +1,228 @@
+#include <pelm/platform/ble/region_engine.hpp>
+
+#include <algorithm>
+
+namespace pelm::platform {
+namespace {
+
+std::string identityKey(const IBeaconFrame& frame) {
+    return frame.proximityUUID.uuidString() + "/" + std::to_string(frame.major) + "/" + std::to_string(frame.minor);
+}
+
+}  // namespace
+
+class RegionEngine::Monitor final : public RegionMonitor {
+public:
+    Monitor(std::shared_ptr<RegionEngine> engine, std::weak_ptr<RegionMonitorDelegate> delegate)
+        : engine_(std::move(engine)), delegate(std::move(delegate)) {}
+    ~Monitor() override {
+        engine_->monitor_ = nullptr;
+        engine_->monitored_.clear();
+        engine_->ranged_.clear();
+    }
+
+    void requestLocationAlwaysAuthorization() override {
+        const auto status = engine_->options_.authorization;
+        engine_->queue_->post([weak = delegate, status] {
+            if (auto d = weak.lock()) d->didChangeLocationAuthorizationStatus(status);
+        });
+    }
+    std::vector<BeaconRegion> monitoredRegions() const override {
+        std::vector<BeaconRegion> list;
+        for (const auto& [id, watched] : engine_->monitored_) list.push_back(watched.region);
+        return list;
+    }
+    std::vector<BeaconRegion> rangedRegions() const override {
+        std::vector<BeaconRegion> list;
+        for (const auto& [id, region] : engine_->ranged_) list.push_back(region);
+        return list;
+    }
+    void stopMonitoringForAllRegions() override { engine_->monitored_.clear(); }
+    void stopRangingBeaconsInAllRegions() override { engine_->ranged_.clear(); }
+    void startMonitoring(const BeaconRegion& region) override {
+        // Already inside when monitoring starts: no entry, only the state when asked.
+        Watched watched{region, RegionState::Unknown, Date{}};
+        const auto now = engine_->queue_->now();
+        if (engine_->heardWithin(region, engine_->options_.exitTimeout, now)) {
+            watched.state = RegionState::Inside;
+            watched.lastHeard = now;
+        }
+        engine_->monitored_.insert_or_assign(region.identifier, watched);
+    }
+    void stopMonitoring(const BeaconRegion& region) override { engine_->monitored_.erase(region.identifier); }
+    void requestState(const BeaconRegion& region) override {
+        const auto found = engine_->monitored_.find(region.identifier);
+        RegionState state = RegionState::Unknown;
+        if (found != engine_->monitored_.end()) {
+            state = found->second.state;
+        } else if (engine_->heardWithin(region, engine_->options_.exitTimeout, engine_->queue_->now())) {
+            state = RegionState::Inside;
+        }
+        engine_->queue_->post([weak = delegate, state, region] {
+            if (auto d = weak.lock()) d->didDetermineState(state, region);
+        });
+    }
+    void startRanging(const BeaconRegion& region) override { engine_->ranged_.insert_or_assign(region.identifier, region); }
+    void stopRanging(const BeaconRegion& region) override { engine_->ranged_.erase(region.identifier); }
+
+    std::shared_ptr<RegionEngine> engine_;
+    std::weak_ptr<RegionMonitorDelegate> delegate;
+};
+
+class RegionEngine::Scanner final : public DeviceScanner {
+public:
+    Scanner(std::shared_ptr<RegionEngine> engine, std::weak_ptr<DeviceScannerDelegate> delegate)
+        : engine_(std::move(engine)), delegate(std::move(delegate)) {}
+    ~Scanner() override { engine_->scanner_ = nullptr; }
+
+    bool isDiscovering() const override { return discovering; }
+    void startDiscovery(double intervalSeconds) override {
+        start(std::chrono::milliseconds(static_cast<long long>(intervalSeconds * 1000)));
+    }
+    void startDiscovery() override { start(engine_->options_.defaultDiscoveryInterval); }
+    void stopDiscovery() override { discovering = false; }
+
+    void start(std::chrono::milliseconds every) {
+        discovering = true;
+        interval = std::max(every, std::chrono::milliseconds(100));
+        nextReport = engine_->queue_->now() + interval;
+    }
+
+    std::shared_ptr<RegionEngine> engine_;
+    std::weak_ptr<DeviceScannerDelegate> delegate;
+    bool discovering = false;
+    std::chrono::milliseconds interval{0};
+    Date nextReport{};
+};
+
+RegionEngine::RegionEngine(std::shared_ptr<MainQueue> mainQueue, RegionEngineOptions options)
+    : queue_(std::move(mainQueue)), options_(options) {}
+
+RegionEngine::~RegionEngine() {
+    if (tick_) queue_->cancel(*tick_);
+}
+
+std::unique_ptr<RegionMonitor> RegionEngine::makeRegionMonitor(std::weak_ptr<RegionMonitorDelegate> delegate) {
+    auto monitor = std::make_unique<Monitor>(shared_from_this(), std::move(delegate));
+    monitor_ = monitor.get();
+    scheduleTick();
+    return monitor;
+}
+
+std::unique_ptr<DeviceScanner> RegionEngine::makeDeviceScanner(std::weak_ptr<DeviceScannerDelegate> delegate) {
+    auto scanner = std::make_unique<Scanner>(shared_from_this(), std::move(delegate));
+    scanner_ = scanner.get();
+    scheduleTick();
+    return scanner;
+}
+
+void RegionEngine::scheduleTick() {
+    if (tick_) return;
+    tick_ = queue_->postAfter(options_.rangingPeriod, [weak = weak_from_this()] {
+        if (auto engine = weak.lock()) {
+            engine->tick_.reset();
+            engine->tick();
+            if (engine->monitor_ || engine->scanner_) engine->scheduleTick();
+        }
+    });
+}
+
+bool RegionEngine::heardWithin(const BeaconRegion& region, std::chrono::milliseconds window, Date now) const {
+    for (const auto& [key, heard] : beacons_) {
+        if (now - heard.at < window &&
+            region.contains(heard.frame.proximityUUID, heard.frame.major, heard.frame.minor)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void RegionEngine::hear(const HeardAdvertisement& advertisement) {
+    const auto now = queue_->now();
+    devices_.insert_or_assign(advertisement.uniqueID.value_or(advertisement.address), std::pair{advertisement, now});
+    const auto frame = parseIBeacon(advertisement.data);
+    if (!frame) return;
+    ++beaconAdvertisements_;
+    beacons_.insert_or_assign(identityKey(*frame), Heard{*frame, now, advertisement.rssi});
+    std::vector<std::string> entered;
+    for (auto& [identifier, watched] : monitored_) {
+        if (!watched.region.contains(frame->proximityUUID, frame->major, frame->minor)) continue;
+        watched.lastHeard = now;
+        if (watched.state != RegionState::Inside) entered.push_back(identifier);
+    }
+    // Delegates may change the monitored regions: look each one up again before reporting.
+    for (const auto& identifier : entered) {
+        if (auto found = monitored_.find(identifier); found != monitored_.end()) {
+            transition(found->second, RegionState::Inside);
+        }
+    }
+}
+
+void RegionEngine::transition(Watched& watched, RegionState to) {
+    watched.state = to;
+    const auto region = watched.region;  // the callbacks may remove the entry
+    if (monitor_ == nullptr) return;
+    const auto delegate = monitor_->delegate.lock();
+    if (!delegate) return;
+    delegate->didDetermineState(to, region);
+    if (to == RegionState::Inside && region.notifyOnEntry) delegate->didEnterRegion(region);
+    if (to == RegionState::Outside && region.notifyOnExit) delegate->didExitRegion(region);
+}
+
+void RegionEngine::tick() {
+    const auto now = queue_->now();
+    std::vector<std::string> left;
+    for (const auto& [identifier, watched] : monitored_) {
+        if (watched.state == RegionState::Inside && now - watched.lastHeard >= options_.exitTimeout) {
+            left.push_back(identifier);
+        }
+    }
+    for (const auto& identifier : left) {
+        if (auto found = monitored_.find(identifier); found != monitored_.end()) {
+            transition(found->second, RegionState::Outside);
+        }
+    }
+    reportRanging(now);
+    if (scanner_ && scanner_->discovering && now >= scanner_->nextReport) {
+        scanner_->nextReport = now + scanner_->interval;
+        reportDevices();
+    }
+    // Forget what is too old to matter to anyone.
+    const auto horizon = std::max(options_.exitTimeout, std::chrono::milliseconds(std::chrono::seconds(60)));
+    std::erase_if(beacons_, [&](const auto& entry) { return now - entry.second.at > horizon; });
+    std::erase_if(devices_, [&](const auto& entry) { return now - entry.second.second > horizon; });
+}
+
+void RegionEngine::reportRanging(Date now) {
+    if (ranged_.empty() || monitor_ == nullptr) return;
+    const auto regions = ranged_;  // the callbacks may change what is ranged
+    for (const auto& [identifier, region] : regions) {
+        std::vector<RangedBeacon> heard;
+        for (const auto& [key, beacon] : beacons_) {
+            if (now - beacon.at <= options_.rangingPeriod &&
+                region.contains(beacon.frame.proximityUUID, beacon.frame.major, beacon.frame.minor)) {
+                heard.push_back({beacon.frame.proximityUUID, beacon.frame.major, beacon.frame.minor, beacon.rssi, -1});
+            }
+        }
+        // Strongest first; equal signals in a fixed order, so a run repeats exactly.
+        std::stable_sort(heard.begin(), heard.end(), [](const auto& a, const auto& b) { return a.rssi > b.rssi; });
+        if (monitor_ == nullptr) return;
+        if (auto delegate = monitor_->delegate.lock()) delegate->didRangeBeacons(heard, region);
+    }
+}
+
+void RegionEngine::reportDevices() {
+    const auto delegate = scanner_->delegate.lock();
+    if (!delegate) return;
+    const auto since = queue_->now() - scanner_->interval;
+    std::vector<NearbyDevice> devices;
+    for (const auto& [key, entry] : devices_) {
+        const auto& [advertisement, at] = entry;
+        if (at < since) continue;
+        devices.push_back({advertisement.uniqueID, advertisement.transmissionPower, advertisement.firmwareVersion,
+                           advertisement.batteryLevel, advertisement.rssi});
+    }
+    delegate->didDiscoverDevices(devices);
+}
+
+}  // namespace pelm::platform

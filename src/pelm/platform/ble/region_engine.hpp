@@ -1,0 +1,94 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <pelm/platform/ble/ibeacon_advertisement.hpp>
+#include <pelm/platform/main_queue.hpp>
+#include <pelm/platform/region_monitor.hpp>
+
+namespace pelm::platform {
+
+/// One advertisement as a radio heard it.
+struct HeardAdvertisement {
+    /// The sender's address, standing for the device (the vendor's unique id when it tells one).
+    std::string address;
+    int rssi = 0;
+    std::vector<std::uint8_t> data;
+    /// What the device tells about itself in its other packets, for discovery.
+    std::optional<std::string> uniqueID;
+    std::optional<std::string> firmwareVersion;
+    std::uint64_t batteryLevel = 0;
+    std::int64_t transmissionPower = 0;
+};
+
+struct RegionEngineOptions {
+    /// A region is left when none of its beacons was heard for this long.
+    std::chrono::milliseconds exitTimeout{std::chrono::seconds(30)};
+    /// Ranging reports this often, with the beacons heard in the last period.
+    std::chrono::milliseconds rangingPeriod{std::chrono::seconds(1)};
+    /// Discovery's own interval, when started without one.
+    std::chrono::milliseconds defaultDiscoveryInterval{std::chrono::seconds(3)};
+    /// The location authorisation the machine grants when asked.
+    AuthorizationStatus authorization = 3;
+};
+
+/// Our stand-in for the phone's monitoring and ranging, fed by a stream of advertisements (a Bluetooth
+/// source or a simulated store) on the main queue. Regions are kept by identifier; each monitored region is
+/// unknown, inside or outside; a transition reports the state and the entry or exit; a region is left after
+/// `exitTimeout` without a matching advertisement; ranging reports every `rangingPeriod` the beacons heard in
+/// that period, strongest first. It is also the device scanner, reporting the devices heard once per interval.
+class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<RegionEngine> {
+public:
+    RegionEngine(std::shared_ptr<MainQueue> mainQueue, RegionEngineOptions options = {});
+    ~RegionEngine() override;
+
+    /// One advertisement, heard now. Non-iBeacon data still counts for discovery.
+    void hear(const HeardAdvertisement& advertisement);
+
+    void setAPIKey(const std::string& key) override { apiKey_ = key; }
+    std::unique_ptr<RegionMonitor> makeRegionMonitor(std::weak_ptr<RegionMonitorDelegate> delegate) override;
+    std::unique_ptr<DeviceScanner> makeDeviceScanner(std::weak_ptr<DeviceScannerDelegate> delegate) override;
+
+    /// Advertisements heard and parsed as iBeacons so far.
+    std::uint64_t beaconAdvertisements() const { return beaconAdvertisements_; }
+
+private:
+    class Monitor;
+    class Scanner;
+    struct Heard {
+        IBeaconFrame frame;
+        Date at;
+        int rssi;
+    };
+    struct Watched {
+        BeaconRegion region;
+        RegionState state = RegionState::Unknown;
+        Date lastHeard{};
+    };
+
+    void tick();
+    void scheduleTick();
+    bool heardWithin(const BeaconRegion& region, std::chrono::milliseconds window, Date now) const;
+    void transition(Watched& watched, RegionState to);
+    void reportRanging(Date now);
+    void reportDevices();
+
+    std::shared_ptr<MainQueue> queue_;
+    RegionEngineOptions options_;
+    std::string apiKey_;
+    Monitor* monitor_ = nullptr;
+    Scanner* scanner_ = nullptr;
+    std::map<std::string, Watched> monitored_;
+    std::map<std::string, BeaconRegion> ranged_;
+    // Latest advertisement per beacon identity (and sender), and per device for discovery.
+    std::map<std::string, Heard> beacons_;
+    std::map<std::string, std::pair<HeardAdvertisement, Date>> devices_;
+    std::optional<MainQueue::TimerId> tick_;
+    std::uint64_t beaconAdvertisements_ = 0;
+};
+
+}  // namespace pelm::platform

@@ -1,0 +1,117 @@
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include <pelm/model/json_text.hpp>
+
+#include "cli.hpp"
+#include "pelm_server/demo_seed.hpp"
+#include "report.hpp"
+#include "simulation.hpp"
+
+namespace pelm::cli {
+namespace {
+
+std::string clock(std::chrono::milliseconds at) {
+    char text[32];
+    const auto total = at.count();
+    std::snprintf(text, sizeof text, "%02lld:%02lld.%lld", static_cast<long long>(total / 60000),
+                  static_cast<long long>(total / 1000 % 60), static_cast<long long>(total / 100 % 10));
+    return text;
+}
+
+const char* label(const TimelineEvent& event) {
+    switch (event.kind) {
+        case TimelineEvent::Kind::Content: return "CONTENT ";
+        case TimelineEvent::Kind::Devices: return "nearby  ";
+        case TimelineEvent::Kind::Log: return "LOG     ";
+        default: return event.critical ? "STATUS! " : "status  ";
+    }
+}
+
+std::optional<JSON> readScenario(const std::vector<std::string>& words, std::string& error) {
+    if (words.size() < 2) return parseJSONText(server::demoScenarioText());
+    std::ifstream in(words[1]);
+    if (!in) {
+        error = "cannot read " + words[1];
+        return std::nullopt;
+    }
+    std::stringstream text;
+    text << in.rdbuf();
+    auto parsed = parseJSONText(text.str());
+    if (!parsed) error = words[1] + " is not valid JSON";
+    return parsed;
+}
+
+}  // namespace
+
+int simulateCommand(const Arguments& args) {
+    std::string error;
+    const auto json = readScenario(args.positional(), error);
+    if (!json) {
+        std::fprintf(stderr, "pelm simulate: %s\n", error.c_str());
+        return 1;
+    }
+    SimulationOptions options;
+    try {
+        options.scenario = platform::Scenario::fromJSON(*json);
+        options.seed = std::stoull(args.option("seed").value_or("1"));
+        options.speed = std::stod(args.option("speed").value_or("0"));
+    } catch (const platform::ScenarioError& e) {
+        std::fprintf(stderr, "pelm simulate: bad scenario: %s\n", e.what());
+        return 1;
+    } catch (const std::exception&) {
+        std::fprintf(stderr, "pelm simulate: --seed takes a whole number and --speed a number\n");
+        return 2;
+    }
+    options.host = args.option("host");
+    options.token = args.option("token");
+    options.caFile = args.option("ca");
+    if (options.host.has_value() != options.token.has_value()) {
+        std::fprintf(stderr, "pelm simulate: --host and --token go together\n");
+        return 2;
+    }
+
+    std::printf("Simulating \"%s\": %zu beacons, a walk of %s, seed %llu, %s\n", options.scenario.name.c_str(),
+                options.scenario.beacons.size(), clock(options.scenario.duration()).c_str(),
+                static_cast<unsigned long long>(options.seed),
+                options.host ? ("server https://" + *options.host).c_str() : "embedded pelm-server with demo data");
+    std::printf("What the host app sees:\n");
+    std::fflush(stdout);
+    const bool realTime = options.speed > 0;
+    const auto result = runSimulation(
+        options,
+        [&](const TimelineEvent& event) {
+            if (realTime) std::printf("\r%*s\r", 60, "");
+            std::printf("  [%s] %s %s\n", clock(event.at).c_str(), label(event), event.text.c_str());
+            std::fflush(stdout);
+        },
+        [&](std::chrono::milliseconds at, std::chrono::milliseconds end) {
+            if (!realTime) return;
+            std::printf("\r  ... %s of %s", clock(at).c_str(), clock(end).c_str());
+            std::fflush(stdout);
+        });
+    if (realTime) std::printf("\n");
+    if (!result.failure.empty()) {
+        std::fprintf(stderr, "pelm simulate: %s\n", result.failure.c_str());
+        return 1;
+    }
+    std::printf("\n%llu advertisements over %s of store time.\n", static_cast<unsigned long long>(result.advertisements),
+                clock(result.simulated).c_str());
+    if (!options.host) {
+        std::printf("The visit as the server stored it:\n%s\n", result.storedVisits.dump(2).c_str());
+    }
+    if (const auto report = args.option("report")) {
+        std::ofstream out(*report);
+        out << htmlReport(options.scenario, result);
+        if (!out) {
+            std::fprintf(stderr, "pelm simulate: cannot write %s\n", report->c_str());
+            return 1;
+        }
+        std::printf("Report written to %s\n", report->c_str());
+    }
+    return 0;
+}
+
+}  // namespace pelm::cli

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <pelm/model/json_binding.hpp>
+#include <pelm/platform/sim/simulated_store.hpp>
+
+namespace pelm::cli {
+
+struct SimulationOptions {
+    platform::Scenario scenario;
+    std::uint64_t seed = 1;
+    /// 0: virtual time, as fast as it goes; otherwise virtual seconds per wall second.
+    double speed = 0;
+    /// A server of one's own; the embedded pelm-server with demo data when not given.
+    std::optional<std::string> host, token, caFile;
+};
+
+/// One thing the host app saw, `at` after the start of the walk.
+struct TimelineEvent {
+    std::chrono::milliseconds at;
+    enum class Kind { Content, Status, Devices, Log } kind;
+    std::string text;
+    bool critical = false;
+    std::optional<std::int64_t> contentId;
+};
+
+struct SimulationResult {
+    bool configured = false;  // the app configuration was fetched
+    std::vector<TimelineEvent> timeline;
+    /// The visits the server stored during the run (embedded server only).
+    JSON storedVisits = JSON::array();
+    std::chrono::milliseconds simulated{0};
+    std::uint64_t advertisements = 0;
+    /// For each beacon of the scenario, the whole seconds in which the radio heard it.
+    std::vector<std::vector<std::int64_t>> heardSeconds;
+    std::string failure;
+};
+
+/// Walks the scenario's shopper through the store against a real server: the region engine hears the
+/// simulated advertisements in virtual time and drives the real beacon manager and session engine.
+SimulationResult runSimulation(const SimulationOptions& options,
+                               const std::function<void(const TimelineEvent&)>& onEvent = {},
+                               const std::function<void(std::chrono::milliseconds, std::chrono::milliseconds)>& onProgress = {});
+
+}  // namespace pelm::cli
