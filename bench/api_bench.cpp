@@ -20,7 +20,8 @@ namespace {
 using namespace pelm;
 
 struct Stage {
-    std::filesystem::path folder = std::filesystem::temp_directory_path() / ("pelm-bench-" + std::to_string(::getpid()));
+    std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("pelm-bench-" + std::to_string(::getpid()));
     std::unique_ptr<server::PelmServer> server;
     std::unique_ptr<pelm::testing::TestPlatform> platform;
 
@@ -42,7 +43,9 @@ struct Stage {
     }
 };
 
-std::shared_ptr<Beacon> benchBeacon() { return std::make_shared<Beacon>(pelm::testing::kUuid, "1", "11"); }
+std::shared_ptr<Beacon> benchBeacon() {
+    return std::make_shared<Beacon>(pelm::testing::kUuid, "1", "11");
+}
 
 void PelmAPIClientLookup(benchmark::State& state) {
     Stage stage;
@@ -50,7 +53,8 @@ void PelmAPIClientLookup(benchmark::State& state) {
     const auto beacon = benchBeacon();
     int failures = 0;
     for (auto _ : state) {
-        client.contentByHardware(beacon, "U", [&](bool ok, auto entry, auto) { failures += (ok && entry) ? 0 : 1; });
+        client.contentByHardware(beacon, "U",
+                                 [&](bool ok, auto entry, auto) { failures += (ok && entry) ? 0 : 1; });
         stage.platform->loop->runUntilIdle();
     }
     if (failures != 0) state.SkipWithError("a lookup failed");
@@ -65,7 +69,9 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* user)
 
 void BareCurlLookup(benchmark::State& state) {
     Stage stage;
-    const auto url = APIRequest(APIRequest::ContentByHardware{pelm::testing::kToken, benchBeacon(), "U"}).urlRequest()->url;
+    const auto url = APIRequest(APIRequest::ContentByHardware{pelm::testing::kToken, benchBeacon(), "U"})
+                         .urlRequest()
+                         ->url;
     std::ifstream caFile(*stage.server->caFile());
     std::stringstream ca;
     ca << caFile.rdbuf();

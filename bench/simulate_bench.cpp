@@ -21,13 +21,14 @@ using namespace std::chrono_literals;
 platform::Scenario denseStore() {
     JSON beacons = JSON::array();
     for (int i = 0; i < 100; ++i) {
-        beacons.push_back({{"major", 1}, {"minor", i + 1}, {"x", (i % 10) * 3}, {"y", (i / 10) * 3}, {"interval_ms", 100}});
+        beacons.push_back(
+            {{"major", 1}, {"minor", i + 1}, {"x", (i % 10) * 3}, {"y", (i / 10) * 3}, {"interval_ms", 100}});
     }
-    return platform::Scenario::fromJSON(JSON{{"uuid", "F7826DA6-4FA2-4E98-8024-BC5B71E0893E"},
-                                             {"beacons", beacons},
-                                             {"path", {{"speed", 0.5}, {"points", JSON::array({{{"x", 0}, {"y", 0}},
-                                                                                              {{"x", 27}, {"y", 27}}})}}},
-                                             {"radio", {{"threshold_dbm", -120}}}});
+    return platform::Scenario::fromJSON(JSON{
+        {"uuid", "F7826DA6-4FA2-4E98-8024-BC5B71E0893E"},
+        {"beacons", beacons},
+        {"path", {{"speed", 0.5}, {"points", JSON::array({{{"x", 0}, {"y", 0}}, {{"x", 27}, {"y", 27}}})}}},
+        {"radio", {{"threshold_dbm", -120}}}});
 }
 
 void AdvertisementsThroughTheStack(benchmark::State& state) {
@@ -59,7 +60,8 @@ void DemoVisit(benchmark::State& state) {
         if (!result.configured) state.SkipWithError("the embedded server did not answer");
         simulatedSeconds += static_cast<double>(result.simulated.count()) / 1000.0;
     }
-    state.counters["virtual s per wall s"] = benchmark::Counter(simulatedSeconds, benchmark::Counter::kIsRate);
+    state.counters["virtual s per wall s"] =
+        benchmark::Counter(simulatedSeconds, benchmark::Counter::kIsRate);
 }
 BENCHMARK(DemoVisit)->Unit(benchmark::kMillisecond)->UseRealTime();
 

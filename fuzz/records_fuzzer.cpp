@@ -7,8 +7,8 @@
 #include <pelm/platform/platform.hpp>
 #include <pelm/platform/sim/captured_log_sink.hpp>
 #include <pelm/platform/sim/fixed_identity.hpp>
-#include <pelm/platform/sim/virtual_loop.hpp>
 #include <pelm/platform/sim/memory_key_value_store.hpp>
+#include <pelm/platform/sim/virtual_loop.hpp>
 
 #include <cstdint>
 #include <cstdlib>

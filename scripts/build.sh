@@ -12,7 +12,8 @@ case "$flavour" in
   asan)    args=(-DCMAKE_BUILD_TYPE=Debug -DPELM_SANITIZE=ON -DPELM_BUILD_BENCH=OFF) ;;
   bench)   args=(-DCMAKE_BUILD_TYPE=Release -DPELM_BUILD_TESTS=OFF -DPELM_BUILD_TOOLS=ON) ;;
   fuzz)    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DPELM_BUILD_FUZZ=ON
-                 -DPELM_BUILD_TESTS=OFF -DPELM_BUILD_TOOLS=OFF -DPELM_BUILD_BENCH=OFF -DPELM_INSTALL=OFF) ;;
+                 -DPELM_BUILD_TESTS=OFF -DPELM_BUILD_TOOLS=OFF -DPELM_BUILD_BENCH=OFF -DPELM_BUILD_SERVER=OFF
+                 -DPELM_INSTALL=OFF) ;;
   *) echo "unknown build flavour: $flavour" >&2; exit 2 ;;
 esac
 

@@ -17,9 +17,10 @@ namespace {
 volatile std::sig_atomic_t stopRequested = 0;
 
 void usage() {
-    std::fprintf(stderr,
-                 "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--cert FILE --key FILE]\n"
-                 "       pelm-server sessions --db FILE\n");
+    std::fprintf(
+        stderr,
+        "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--cert FILE --key FILE]\n"
+        "       pelm-server sessions --db FILE\n");
 }
 
 int fail(const std::string& message) {
@@ -41,20 +42,30 @@ int main(int argc, char** argv) {
             return argv[++i];
         };
         try {
-            if (word == "sessions") listSessions = true;
-            else if (word == "--db") options.database = value();
-            else if (word == "--seed") seed = value();
-            else if (word == "--port") options.port = std::stoi(value());
-            else if (word == "--bind") options.bindAddress = value();
-            else if (word == "--cert") options.certFile = value();
-            else if (word == "--key") options.keyFile = value();
-            else if (word == "--help") return usage(), 0;
-            else return usage(), 2;
+            if (word == "sessions")
+                listSessions = true;
+            else if (word == "--db")
+                options.database = value();
+            else if (word == "--seed")
+                seed = value();
+            else if (word == "--port")
+                options.port = std::stoi(value());
+            else if (word == "--bind")
+                options.bindAddress = value();
+            else if (word == "--cert")
+                options.certFile = value();
+            else if (word == "--key")
+                options.keyFile = value();
+            else if (word == "--help")
+                return usage(), 0;
+            else
+                return usage(), 2;
         } catch (const std::exception& e) {
             return fail(e.what());
         }
     }
-    if (options.certFile.has_value() != options.keyFile.has_value()) return fail("--cert and --key go together");
+    if (options.certFile.has_value() != options.keyFile.has_value())
+        return fail("--cert and --key go together");
 
     try {
         if (listSessions) {
@@ -62,7 +73,8 @@ int main(int argc, char** argv) {
             std::cout << store.sessions().dump(2) << "\n";
             return 0;
         }
-        if (!options.certFile) options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
+        if (!options.certFile)
+            options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
         pelm::server::PelmServer server(options);
         if (seed) {
             std::ifstream in(*seed);

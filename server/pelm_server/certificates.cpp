@@ -51,10 +51,10 @@ Cert newCertificate(EVP_PKEY* key, const char* commonName, long serial, int days
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 60L * 60 * 24 * days);
     X509_set_pubkey(cert.get(), key);
     X509_NAME* name = X509_get_subject_name(cert.get());
-    X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("pelm-server"), -1, -1,
-                               0);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName), -1, -1,
-                               0);
+    X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("pelm-server"),
+                               -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName),
+                               -1, -1, 0);
     return cert;
 }
 
@@ -94,7 +94,8 @@ ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folde
     writePem(result.caFile, ca.get(), nullptr);
     writePem(result.certFile, server.get(), nullptr);
     writePem(result.keyFile, nullptr, serverKey.get());
-    std::filesystem::permissions(result.keyFile, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    std::filesystem::permissions(result.keyFile,
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     return result;
 }
 

@@ -10,7 +10,7 @@ namespace {
 
 // One prepared statement, finalised on every path out.
 class Statement {
-public:
+  public:
     Statement(sqlite3* db, const char* sql) {
         if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
             throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(db));
@@ -47,7 +47,7 @@ public:
     bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
     std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
 
-private:
+  private:
     sqlite3_stmt* statement_ = nullptr;
 };
 
@@ -89,7 +89,8 @@ void putText(JSON& object, const char* key, const Statement& row, int column) {
 }  // namespace
 
 ContentStore::ContentStore(const std::string& path) {
-    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+    if (sqlite3_open_v2(path.c_str(), &db_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {
         const std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
         sqlite3_close(db_);
@@ -100,7 +101,9 @@ ContentStore::ContentStore(const std::string& path) {
     execute(kSchema);
 }
 
-ContentStore::~ContentStore() { sqlite3_close(db_); }
+ContentStore::~ContentStore() {
+    sqlite3_close(db_);
+}
 
 void ContentStore::execute(const char* sql) const {
     char* error = nullptr;
@@ -112,7 +115,8 @@ void ContentStore::execute(const char* sql) const {
 }
 
 void ContentStore::seed(const JSON& data) {
-    if (!data.is_object()) throw std::invalid_argument("the seed must be a JSON object with \"apps\" and \"contents\"");
+    if (!data.is_object())
+        throw std::invalid_argument("the seed must be a JSON object with \"apps\" and \"contents\"");
     std::lock_guard lock(mutex_);
     execute("BEGIN");
     try {
@@ -142,9 +146,10 @@ void ContentStore::seed(const JSON& data) {
             if (type != "entry" && type != "exit") {
                 throw std::invalid_argument(where + ": \"display_type\" must be \"entry\" or \"exit\"");
             }
-            Statement(db_,
-                      "INSERT OR REPLACE INTO contents (id, token, uuid, major, minor, display_type, content) "
-                      "VALUES (?, ?, ?, ?, ?, ?, ?)")
+            Statement(
+                db_,
+                "INSERT OR REPLACE INTO contents (id, token, uuid, major, minor, display_type, content) "
+                "VALUES (?, ?, ?, ?, ?, ?, ?)")
                 .bind(1, id->get<std::int64_t>())
                 .bind(2, requireText(entry, "app_token", where))
                 .bind(3, requireText(beacon, "uuid", where + ".beacon"))
@@ -189,14 +194,15 @@ std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, con
     return JSON::parse(query.text(0));
 }
 
-std::int64_t ContentStore::storeSession(const std::string& token, const std::string& user, const JSON& session,
-                                        const JSON& beacon, const JSON& sessionLogs) {
+std::int64_t ContentStore::storeSession(const std::string& token, const std::string& user,
+                                        const JSON& session, const JSON& beacon, const JSON& sessionLogs) {
     std::lock_guard lock(mutex_);
     execute("BEGIN");
     try {
-        Statement insert(db_,
-                         "INSERT INTO sessions (token, user, app_version, sdk_version, operating_system, start_time, "
-                         "end_time, beacon_uuid, beacon_major, beacon_minor) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        Statement insert(
+            db_,
+            "INSERT INTO sessions (token, user, app_version, sdk_version, operating_system, start_time, "
+            "end_time, beacon_uuid, beacon_major, beacon_minor) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
         insert.bind(1, token).bind(2, user);
         insert.bindOptional(3, session, "app_version").bindOptional(4, session, "sdk_version");
         insert.bindOptional(5, session, "operating_system").bindOptional(6, session, "start_time");
@@ -206,9 +212,10 @@ std::int64_t ContentStore::storeSession(const std::string& token, const std::str
         const auto id = sqlite3_last_insert_rowid(db_);
         std::int64_t position = 0;
         for (const auto& line : sessionLogs) {
-            Statement log(db_,
-                          "INSERT INTO session_logs (session_id, position, uuid, major, minor, entrance_time, "
-                          "exit_time) VALUES (?, ?, ?, ?, ?, ?, ?)");
+            Statement log(
+                db_,
+                "INSERT INTO session_logs (session_id, position, uuid, major, minor, entrance_time, "
+                "exit_time) VALUES (?, ?, ?, ?, ?, ?, ?)");
             log.bind(1, id).bind(2, position++);
             log.bindOptional(3, line, "uuid").bindOptional(4, line, "major").bindOptional(5, line, "minor");
             log.bindOptional(6, line, "entrance_time").bindOptional(7, line, "exit_time");
@@ -225,11 +232,13 @@ std::int64_t ContentStore::storeSession(const std::string& token, const std::str
 JSON ContentStore::sessions() const {
     std::lock_guard lock(mutex_);
     JSON result = JSON::array();
-    Statement query(db_,
-                    "SELECT id, token, user, app_version, sdk_version, operating_system, start_time, end_time, "
-                    "beacon_uuid, beacon_major, beacon_minor, received_at FROM sessions ORDER BY id");
+    Statement query(
+        db_,
+        "SELECT id, token, user, app_version, sdk_version, operating_system, start_time, end_time, "
+        "beacon_uuid, beacon_major, beacon_minor, received_at FROM sessions ORDER BY id");
     while (query.step()) {
-        JSON upload = {{"id", query.integer(0)}, {"app_token", query.text(1)}, {"session_user", query.text(2)}};
+        JSON upload = {
+            {"id", query.integer(0)}, {"app_token", query.text(1)}, {"session_user", query.text(2)}};
         JSON session = JSON::object();
         putText(session, "app_version", query, 3);
         putText(session, "sdk_version", query, 4);
@@ -244,9 +253,10 @@ JSON ContentStore::sessions() const {
         upload["beacon"] = std::move(beacon);
         upload["session_logs"] = JSON::array();
         upload["received_at"] = query.text(11);
-        Statement logs(db_,
-                       "SELECT uuid, major, minor, entrance_time, exit_time FROM session_logs WHERE session_id = ? "
-                       "ORDER BY position");
+        Statement logs(
+            db_,
+            "SELECT uuid, major, minor, entrance_time, exit_time FROM session_logs WHERE session_id = ? "
+            "ORDER BY position");
         logs.bind(1, query.integer(0));
         while (logs.step()) {
             JSON line = JSON::object();

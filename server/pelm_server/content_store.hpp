@@ -15,7 +15,7 @@ namespace pelm::server {
 /// The server's data in one SQLite file (or in memory): apps by token, contents by id and beacon, and every
 /// session upload as received. Safe to use from the server's handler threads.
 class ContentStore {
-public:
+  public:
     /// ":memory:" keeps everything in memory. Throws std::runtime_error when the file cannot be opened.
     explicit ContentStore(const std::string& path);
     ~ContentStore();
@@ -30,8 +30,9 @@ public:
     std::optional<JSON> appConfig(const std::string& token) const;
     std::optional<JSON> content(const std::string& token, std::int64_t id) const;
     /// The first content of that display type for the beacon; the UUID is compared without regard to case.
-    std::optional<JSON> contentForBeacon(const std::string& token, const std::string& uuid, const std::string& major,
-                                         const std::string& minor, const std::string& displayType) const;
+    std::optional<JSON> contentForBeacon(const std::string& token, const std::string& uuid,
+                                         const std::string& major, const std::string& minor,
+                                         const std::string& displayType) const;
 
     /// Stores one upload; answers its id.
     std::int64_t storeSession(const std::string& token, const std::string& user, const JSON& session,
@@ -39,7 +40,7 @@ public:
     /// Every stored upload, oldest first, in the nested form it was sent.
     JSON sessions() const;
 
-private:
+  private:
     void execute(const char* sql) const;
 
     sqlite3* db_ = nullptr;

@@ -27,7 +27,8 @@ std::vector<std::string> nameParts(const std::string& name) {
     return parts;
 }
 
-void assign(JSON& target, const std::vector<std::string>& parts, std::size_t index, const std::string& value) {
+void assign(JSON& target, const std::vector<std::string>& parts, std::size_t index,
+            const std::string& value) {
     const auto& part = parts[index];
     const bool last = index + 1 == parts.size();
     if (part.empty() && index > 0) {  // "[]": an array of values or of objects

@@ -39,7 +39,8 @@ PelmServer::PelmServer(Options options)
         cert = *options_.certFile;
         key = *options_.keyFile;
     } else {
-        const auto made = makeThrowawayCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()));
+        const auto made =
+            makeThrowawayCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()));
         cert = made.certFile;
         key = made.keyFile;
         caFile_ = made.caFile;
@@ -54,12 +55,17 @@ PelmServer::PelmServer(Options options)
     routes();
 }
 
-PelmServer::~PelmServer() { stop(); }
+PelmServer::~PelmServer() {
+    stop();
+}
 
 void PelmServer::start() {
-    port_ = options_.port == 0 ? http_->bind_to_any_port(options_.bindAddress)
-                               : (http_->bind_to_port(options_.bindAddress, options_.port) ? options_.port : -1);
-    if (port_ <= 0) throw std::runtime_error("cannot listen on " + options_.bindAddress + ":" + std::to_string(options_.port));
+    port_ = options_.port == 0
+                ? http_->bind_to_any_port(options_.bindAddress)
+                : (http_->bind_to_port(options_.bindAddress, options_.port) ? options_.port : -1);
+    if (port_ <= 0)
+        throw std::runtime_error("cannot listen on " + options_.bindAddress + ":" +
+                                 std::to_string(options_.port));
     thread_ = std::thread([this] { http_->listen_after_bind(); });
     // A stop before the loop runs would be lost and leave it listening for good; return once it runs.
     for (int waited = 0; !http_->is_running() && waited < 5000; ++waited) {
@@ -116,8 +122,8 @@ void PelmServer::routes() {
         std::this_thread::sleep_for(fault->delay);
         if (fault->dropConnection) {
             res.status = 200;
-            res.set_content_provider(
-                64, kJSON, [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
+            res.set_content_provider(64, kJSON,
+                                     [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
             return httplib::Server::HandlerResponse::Handled;
         }
         if (!fault->status && !fault->body) return httplib::Server::HandlerResponse::Unhandled;
@@ -131,13 +137,17 @@ void PelmServer::routes() {
     http_->Get(base + "/status", [this](const httplib::Request& req, httplib::Response& res) {
         if (!store_->appConfig(param(req, "app_token"))) return error(res, 401, "Unknown app token");
         reply(res, 200,
-              {{"status", "successful"}, {"version", "1.0.0"}, {"api_version", "v1"}, {"git_revision", "pelm-server"}});
+              {{"status", "successful"},
+               {"version", "1.0.0"},
+               {"api_version", "v1"},
+               {"git_revision", "pelm-server"}});
     });
-    http_->Get(base + "/app_config/by_app_token", [this](const httplib::Request& req, httplib::Response& res) {
-        const auto config = store_->appConfig(param(req, "app_token"));
-        if (!config) return error(res, 401, "Unknown app token");
-        reply(res, 200, {{"status", "successful"}, {"app_config", *config}});
-    });
+    http_->Get(base + "/app_config/by_app_token",
+               [this](const httplib::Request& req, httplib::Response& res) {
+                   const auto config = store_->appConfig(param(req, "app_token"));
+                   if (!config) return error(res, 401, "Unknown app token");
+                   reply(res, 200, {{"status", "successful"}, {"app_config", *config}});
+               });
     http_->Get(base + R"(/contents/(-?\d+))", [this](const httplib::Request& req, httplib::Response& res) {
         const auto token = param(req, "app_token");
         if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");

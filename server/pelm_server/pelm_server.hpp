@@ -24,14 +24,15 @@ namespace pelm::server {
 
 /// A reference content server: the five endpoints over HTTPS, data in SQLite.
 class PelmServer {
-public:
+  public:
     struct Options {
         /// SQLite file; ":memory:" by default.
         std::string database = ":memory:";
         /// 0 picks a free port.
         int port = 0;
         std::string bindAddress = "127.0.0.1";
-        /// How long an idle keep-alive connection is held open; stopping waits for idle connections this long.
+        /// How long an idle keep-alive connection is held open; stopping waits for idle connections this
+        /// long.
         int keepAliveSeconds = 5;
         /// Certificate and key; a throwaway pair is made in `certificateFolder` when none is given.
         std::optional<std::filesystem::path> certFile;
@@ -43,8 +44,8 @@ public:
     struct Fault {
         std::optional<int> status;
         std::chrono::milliseconds delay{0};
-        std::optional<std::string> body;  // replaces the reply body ("" for an empty one)
-        bool dropConnection = false;      // send the headers, then close without the promised body
+        std::optional<std::string> body;      // replaces the reply body ("" for an empty one)
+        bool dropConnection = false;          // send the headers, then close without the promised body
         std::optional<std::string> location;  // a Location header, for redirects
     };
 
@@ -80,7 +81,7 @@ public:
     /// Distinct client connections seen so far (each has its own source port).
     std::size_t connectionCount() const;
 
-private:
+  private:
     void routes();
     void recordBody(const void* request, const std::string& body);
 

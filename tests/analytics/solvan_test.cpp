@@ -24,7 +24,9 @@ TEST(Solvan, MerchandiseGroupRangesAreClosedAtBothEnds) {
     // The umlauts and the sharp s are single UTF-8 characters.
     EXPECT_EQ(Solvan::merchandiseGroupName(11), "K\xC3\xA4se");
     EXPECT_EQ(Solvan::merchandiseGroupName(17), "Tiefk\xC3\xBChlung");
-    EXPECT_EQ(Solvan::merchandiseGroupName(24), "S\xC3\xBC\xC3\x9F" "igkeiten");
+    EXPECT_EQ(Solvan::merchandiseGroupName(24),
+              "S\xC3\xBC\xC3\x9F"
+              "igkeiten");
 }
 
 TEST(Solvan, LabelsJoinTheTextsUnchanged) {
@@ -35,7 +37,8 @@ TEST(Solvan, LabelsJoinTheTextsUnchanged) {
 TEST(Solvan, VocabularyConvertsFromItsExactRawText) {
     EXPECT_EQ(fromRawValue<SolvanAnalyticsCategory>("Beacon Views"), SolvanAnalyticsCategory::beaconViews);
     EXPECT_EQ(fromRawValue<SolvanAnalyticsCategory>("beacon views"), std::nullopt);
-    EXPECT_EQ(rawValue(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime), "Beacon Warengruppe/Verweildauer");
+    EXPECT_EQ(rawValue(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime),
+              "Beacon Warengruppe/Verweildauer");
     EXPECT_EQ(rawValue(SolvanAnalyticsAction::discoverd), "Discovered");
     EXPECT_EQ(rawValue(SolvanAnalyticsLabel::exit), "Exit");
 }

@@ -17,19 +17,21 @@ TEST(FormEncoding, EscapesEverythingButLettersDigitsAndSixMarks) {
 }
 
 TEST(FormEncoding, SortsTopLevelKeysAndNestsObjectsAndArrays) {
-    const JSON parameters = {{"zeta", "last"},
-                             {"beacon", {{"uuid", "U"}, {"major", "1"}}},
-                             {"flags", {true, false}},
-                             {"n", 42},
-                             {"session_logs", JSON::array({{{"uuid", "A"}, {"major", "1"}}, {{"uuid", "B"}}})},
-                             {"empty", JSON::array()}};
+    const JSON parameters = {
+        {"zeta", "last"},
+        {"beacon", {{"uuid", "U"}, {"major", "1"}}},
+        {"flags", {true, false}},
+        {"n", 42},
+        {"session_logs", JSON::array({{{"uuid", "A"}, {"major", "1"}}, {{"uuid", "B"}}})},
+        {"empty", JSON::array()}};
     EXPECT_EQ(formEncode(parameters),
               "beacon%5Buuid%5D=U&beacon%5Bmajor%5D=1&flags%5B%5D=1&flags%5B%5D=0&n=42&"
-              "session_logs%5B%5D%5Buuid%5D=A&session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Buuid%5D=B&zeta=last");
+              "session_logs%5B%5D%5Buuid%5D=A&session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Buuid%5D=B&"
+              "zeta=last");
 }
 
 class APIRequestTest : public ::testing::Test {
-protected:
+  protected:
     testing::TestPlatform platform_;
     void SetUp() override { SettingsManager::sharedInstance()->setApiHost("content.example"); }
 };
@@ -40,12 +42,14 @@ TEST_F(APIRequestTest, GetsCarryTheirParametersInTheQueryInKeyOrder) {
     ASSERT_TRUE(request);
     EXPECT_EQ(request->method, "GET");
     EXPECT_EQ(request->url,
-              "https://content.example/api/v1/contents/by_hardware?app_token=T&major=1&minor=2&session_user=U&type=BLE"
+              "https://content.example/api/v1/contents/"
+              "by_hardware?app_token=T&major=1&minor=2&session_user=U&type=BLE"
               "&uuid=F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
     EXPECT_TRUE(request->headers.empty());
     EXPECT_TRUE(request->body.empty());
 
-    EXPECT_EQ(APIRequest(APIRequest::Status{"a b"}).urlRequest()->url, "https://content.example/api/v1/status?app_token=a%20b");
+    EXPECT_EQ(APIRequest(APIRequest::Status{"a b"}).urlRequest()->url,
+              "https://content.example/api/v1/status?app_token=a%20b");
     EXPECT_EQ(APIRequest(APIRequest::ContentById{"T", -42, "U"}).urlRequest()->url,
               "https://content.example/api/v1/contents/-42?app_token=T&session_user=U");
     EXPECT_EQ(APIRequest(APIRequest::AppConfig{"&=+#[]/?"}).urlRequest()->url,
@@ -71,24 +75,26 @@ TEST_F(APIRequestTest, SessionUploadIsAFormPostWithNestedRecords) {
     auto second = std::make_shared<SessionLog>("B", "1", "12", testing::kStart);
     ::setenv("TZ", "UTC", 1);
     ::tzset();
-    const auto request = APIRequest(APIRequest::CreateSession{"T", session, "U", std::make_shared<Beacon>("A", "1", "11"),
-                                                              {first, second}})
-                             .urlRequest();
+    const auto request =
+        APIRequest(APIRequest::CreateSession{
+                       "T", session, "U", std::make_shared<Beacon>("A", "1", "11"), {first, second}})
+            .urlRequest();
     ASSERT_TRUE(request);
     EXPECT_EQ(request->method, "POST");
     EXPECT_EQ(request->url, "https://content.example/api/v1/sessions");
     ASSERT_EQ(request->headers.size(), 1u);
     EXPECT_EQ(request->headers[0].second, "application/x-www-form-urlencoded; charset=utf-8");
-    EXPECT_EQ(request->body,
-              "app_token=T&beacon%5Buuid%5D=A&beacon%5Bmajor%5D=1&beacon%5Bminor%5D=11&"
-              "session%5Bapp_version%5D=2.4.1&session%5Bstart_time%5D=2016-07-16T17%3A20%3A30.450%2B0000&"
-              "session_logs%5B%5D%5Buuid%5D=A&session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Bminor%5D=11&"
-              "session_logs%5B%5D%5Bentrance_time%5D=2016-07-16T17%3A20%3A30.450%2B0000&"
-              "session_logs%5B%5D%5Buuid%5D=B&session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Bminor%5D=12&"
-              "session_logs%5B%5D%5Bentrance_time%5D=2016-07-16T17%3A20%3A30.450%2B0000&session_user=U");
+    EXPECT_EQ(
+        request->body,
+        "app_token=T&beacon%5Buuid%5D=A&beacon%5Bmajor%5D=1&beacon%5Bminor%5D=11&"
+        "session%5Bapp_version%5D=2.4.1&session%5Bstart_time%5D=2016-07-16T17%3A20%3A30.450%2B0000&"
+        "session_logs%5B%5D%5Buuid%5D=A&session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Bminor%5D=11&"
+        "session_logs%5B%5D%5Bentrance_time%5D=2016-07-16T17%3A20%3A30.450%2B0000&"
+        "session_logs%5B%5D%5Buuid%5D=B&session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Bminor%5D=12&"
+        "session_logs%5B%5D%5Bentrance_time%5D=2016-07-16T17%3A20%3A30.450%2B0000&session_user=U");
     // No lines, no components.
-    const auto empty = APIRequest(APIRequest::CreateSession{"T", std::make_shared<Session>(), "U",
-                                                            std::make_shared<Beacon>(), {}})
+    const auto empty = APIRequest(APIRequest::CreateSession{
+                                      "T", std::make_shared<Session>(), "U", std::make_shared<Beacon>(), {}})
                            .urlRequest();
     EXPECT_EQ(empty->body, "app_token=T&session_user=U");
 }

@@ -11,22 +11,23 @@
 namespace pelm {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using platform::BeaconRegion;
 using platform::RegionState;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 constexpr const char* kUuid = "F7826DA6-4FA2-4E98-8024-BC5B71E0893E";
 const std::string kMain = std::string("PELM Region ") + kUuid + " [entry,exit,display]";
 
 class BeaconManagerTest : public ::testing::Test {
-protected:
+  protected:
     void store(std::optional<std::string> key, std::optional<std::string> uuid) {
         SettingsManager::sharedInstance()->setKontaktIoAPIKey(key);
         SettingsManager::sharedInstance()->setDefaultBeaconUUID(uuid);
     }
     std::shared_ptr<testing::RecordingBeaconManager> make(bool delegateFirst = false) {
-        auto manager = PelmBeaconManager::make<testing::RecordingBeaconManager>(delegateFirst ? host_ : nullptr);
+        auto manager =
+            PelmBeaconManager::make<testing::RecordingBeaconManager>(delegateFirst ? host_ : nullptr);
         manager->delegate = host_;
         return manager;
     }
@@ -43,7 +44,8 @@ protected:
     platform::ScriptedBeaconVendor& vendor() { return *platform_.vendor; }
 
     testing::TestPlatform platform_;
-    std::shared_ptr<testing::RecordingBeaconDelegate> host_ = std::make_shared<testing::RecordingBeaconDelegate>();
+    std::shared_ptr<testing::RecordingBeaconDelegate> host_ =
+        std::make_shared<testing::RecordingBeaconDelegate>();
 };
 
 TEST_F(BeaconManagerTest, WithoutAVendorKeyNothingReachesTheVendor) {
@@ -57,20 +59,21 @@ TEST_F(BeaconManagerTest, WithoutAVendorKeyNothingReachesTheVendor) {
     EXPECT_THAT(vendor().calls, IsEmpty());
     EXPECT_THAT(host_->events, IsEmpty());
     // The first line is the session manager's: no token is stored, so it has no client.
-    EXPECT_THAT(platform_.lines(), ElementsAre("[PELM][ERROR] No app token set.", "[PELM][ERROR] No Kontakt.io API key set.",
-                                               "[PELM][ERROR] Current region is not set.",
-                                               "[PELM][ERROR] Nearby-device discovery needs a Kontakt.io API key.",
-                                               "[PELM][ERROR] Nearby-device discovery needs a Kontakt.io API key.",
-                                               "[PELM][ERROR] Region monitoring needs a Kontakt.io API key."));
+    EXPECT_THAT(platform_.lines(),
+                ElementsAre("[PELM][ERROR] No app token set.", "[PELM][ERROR] No Kontakt.io API key set.",
+                            "[PELM][ERROR] Current region is not set.",
+                            "[PELM][ERROR] Nearby-device discovery needs a Kontakt.io API key.",
+                            "[PELM][ERROR] Nearby-device discovery needs a Kontakt.io API key.",
+                            "[PELM][ERROR] Region monitoring needs a Kontakt.io API key."));
 }
 
 TEST_F(BeaconManagerTest, AKeyWithoutAValidUuidSetsUpTheVendorButNoMainRegion) {
     store("kontakt-key", "F7826DA6-4FA2-4E98-8024-BC5B71E0893");
     const auto manager = make();
-    EXPECT_THAT(vendor().takeCalls(),
-                ElementsAre("setAPIKey kontakt-key", "makeRegionMonitor", "requestLocationAlwaysAuthorization",
-                            "monitoredRegions", "rangedRegions", "stopMonitoringForAllRegions",
-                            "stopRangingBeaconsInAllRegions", "makeDeviceScanner"));
+    EXPECT_THAT(vendor().takeCalls(), ElementsAre("setAPIKey kontakt-key", "makeRegionMonitor",
+                                                  "requestLocationAlwaysAuthorization", "monitoredRegions",
+                                                  "rangedRegions", "stopMonitoringForAllRegions",
+                                                  "stopRangingBeaconsInAllRegions", "makeDeviceScanner"));
     EXPECT_FALSE(manager->mainRegion());
     manager->startMonitoring();
     EXPECT_THAT(vendor().calls, IsEmpty());
@@ -87,8 +90,9 @@ TEST_F(BeaconManagerTest, KeyAndUuidGiveAMainRegionAndDropLeftoverRegions) {
     ASSERT_TRUE(manager->mainRegion());
     EXPECT_EQ(platform::ScriptedBeaconVendor::describe(*manager->mainRegion()), kMain);
     // Only a delegate there before set-up hears these four lines.
-    EXPECT_THAT(host_->take(), ElementsAre("log Monitored Regions: 2", "log Ranged Regions: 0",
-                                           "log Reseting all monitored regions...", "log Reseting all ranged regions..."));
+    EXPECT_THAT(host_->take(),
+                ElementsAre("log Monitored Regions: 2", "log Ranged Regions: 0",
+                            "log Reseting all monitored regions...", "log Reseting all ranged regions..."));
     vendor().takeCalls();
     manager->startMonitoring();
     manager->startMonitoring();
@@ -104,12 +108,13 @@ TEST_F(BeaconManagerTest, AuthorisationAlwaysAsksForTheMainRegionsState) {
     vendor().takeCalls();
     for (int status : {0, 1, 2, 4, 7, 3}) vendor().authorize(status);
     EXPECT_THAT(vendor().calls, ElementsAre("requestState " + kMain));
-    EXPECT_THAT(host_->take(), ElementsAre("log DidChangeLocationAuthorizationState status: Not Determined",
-                                           "log DidChangeLocationAuthorizationState status: Restricted",
-                                           "log DidChangeLocationAuthorizationState status: Denied",
-                                           "log DidChangeLocationAuthorizationState status: AuthorizedWhenInUse",
-                                           "log DidChangeLocationAuthorizationState",
-                                           "log DidChangeLocationAuthorizationState status: AuthorizedAlways"));
+    EXPECT_THAT(host_->take(),
+                ElementsAre("log DidChangeLocationAuthorizationState status: Not Determined",
+                            "log DidChangeLocationAuthorizationState status: Restricted",
+                            "log DidChangeLocationAuthorizationState status: Denied",
+                            "log DidChangeLocationAuthorizationState status: AuthorizedWhenInUse",
+                            "log DidChangeLocationAuthorizationState",
+                            "log DidChangeLocationAuthorizationState status: AuthorizedAlways"));
 }
 
 TEST_F(BeaconManagerTest, StatesInsideStartDiscoveryAndRangingAndASubRegionAlsoAnEntry) {
@@ -119,9 +124,11 @@ TEST_F(BeaconManagerTest, StatesInsideStartDiscoveryAndRangingAndASubRegionAlsoA
     vendor().determine(RegionState::Unknown, region());
     vendor().determine(RegionState::Outside, region());
     vendor().determine(RegionState::Inside, region());
-    EXPECT_THAT(vendor().takeCalls(), ElementsAre("isDiscovering", "startDiscovery 2.0", "startRanging " + kMain));
-    EXPECT_THAT(host_->take(), ElementsAre("log DidDetermineState state: Unknown", "log DidDetermineState state: Outside",
-                                           "log Starting discovery with interval", "log DidDetermineState state: Inside"));
+    EXPECT_THAT(vendor().takeCalls(),
+                ElementsAre("isDiscovering", "startDiscovery 2.0", "startRanging " + kMain));
+    EXPECT_THAT(host_->take(),
+                ElementsAre("log DidDetermineState state: Unknown", "log DidDetermineState state: Outside",
+                            "log Starting discovery with interval", "log DidDetermineState state: Inside"));
     EXPECT_THAT(manager->sessionManager()->unfinishedSessionLogs(), IsEmpty());
 
     vendor().determine(RegionState::Inside, region(1, 11));
@@ -137,11 +144,12 @@ TEST_F(BeaconManagerTest, RangingOffersEachBeaconAndWatchesOnlyNewOnes) {
     const std::vector<platform::RangedBeacon> heard = {{uuid, 1, 11, -60, 1.5}, {uuid, 0, 65535, -90, 12.0}};
     vendor().range(heard, region());
     vendor().range(heard, region());
-    EXPECT_THAT(vendor().calls,
-                ElementsAre(std::string("startMonitoring Custom Region ") + kUuid + " 1 11 [entry,exit,display]",
-                            std::string("requestState Custom Region ") + kUuid + " 1 11 [entry,exit,display]",
-                            std::string("startMonitoring Custom Region ") + kUuid + " 0 65535 [entry,exit,display]",
-                            std::string("requestState Custom Region ") + kUuid + " 0 65535 [entry,exit,display]"));
+    EXPECT_THAT(
+        vendor().calls,
+        ElementsAre(std::string("startMonitoring Custom Region ") + kUuid + " 1 11 [entry,exit,display]",
+                    std::string("requestState Custom Region ") + kUuid + " 1 11 [entry,exit,display]",
+                    std::string("startMonitoring Custom Region ") + kUuid + " 0 65535 [entry,exit,display]",
+                    std::string("requestState Custom Region ") + kUuid + " 0 65535 [entry,exit,display]"));
     EXPECT_THAT(host_->take(), ElementsAre("log Starting monitoring for: major: 1 minor: 11",
                                            "log Starting monitoring for: major: 0 minor: 65535"));
     // One sub-region at a time: the second replaced the first.
@@ -174,18 +182,21 @@ TEST_F(BeaconManagerTest, DiscoveryStartsOnceStopsAlwaysAndReportsDevices) {
     manager->stopDiscovery();
     manager->stopDiscovery();
     manager->startDiscoveryWithInterval(0.5);
-    EXPECT_THAT(vendor().takeCalls(), ElementsAre("isDiscovering", "startDiscovery", "isDiscovering", "stopDiscovery",
-                                                  "stopDiscovery", "isDiscovering", "startDiscovery 0.5"));
-    EXPECT_THAT(host_->take(), ElementsAre("log Starting discovery with interval", "log Already discovery...",
-                                           "log Stopping discovery with interval", "log Stopping discovery with interval",
-                                           "log Starting discovery with interval"));
+    EXPECT_THAT(vendor().takeCalls(),
+                ElementsAre("isDiscovering", "startDiscovery", "isDiscovering", "stopDiscovery",
+                            "stopDiscovery", "isDiscovering", "startDiscovery 0.5"));
+    EXPECT_THAT(host_->take(),
+                ElementsAre("log Starting discovery with interval", "log Already discovery...",
+                            "log Stopping discovery with interval", "log Stopping discovery with interval",
+                            "log Starting discovery with interval"));
 
     vendor().discover(std::nullopt);
     vendor().discover(std::vector<platform::NearbyDevice>{});
     vendor().failDiscovery("Bluetooth is off");
-    vendor().discover(std::vector<platform::NearbyDevice>{
-        {"aBc1", -12, "4.1", 87, -71}, {std::nullopt, 0, "4.0", 50, -80}, {"Zz9", 3, std::nullopt, 12, -95},
-        {"q", 0, "", 0, 0}});
+    vendor().discover(std::vector<platform::NearbyDevice>{{"aBc1", -12, "4.1", 87, -71},
+                                                          {std::nullopt, 0, "4.0", 50, -80},
+                                                          {"Zz9", 3, std::nullopt, 12, -95},
+                                                          {"q", 0, "", 0, 0}});
     EXPECT_THAT(host_->take(), ElementsAre("devices aBc1/-12/4.1/87/-71 Zz9/3//12/-95 q/0//0/0"));
     vendor().discover(std::vector<platform::NearbyDevice>{{std::nullopt, 0, "4.0", 50, -80}});
     EXPECT_THAT(host_->events, IsEmpty());

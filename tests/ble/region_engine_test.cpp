@@ -23,7 +23,9 @@ struct Recorder : RegionMonitorDelegate {
     void didDetermineState(RegionState state, const BeaconRegion& region) override {
         events.push_back("state " + std::to_string(static_cast<int>(state)) + " " + region.identifier);
     }
-    void didEnterRegion(const BeaconRegion& region) override { events.push_back("enter " + region.identifier); }
+    void didEnterRegion(const BeaconRegion& region) override {
+        events.push_back("enter " + region.identifier);
+    }
     void didExitRegion(const BeaconRegion& region) override { events.push_back("exit " + region.identifier); }
     void didRangeBeacons(const std::vector<RangedBeacon>& beacons, const BeaconRegion&) override {
         std::string text = "range";
@@ -34,10 +36,11 @@ struct Recorder : RegionMonitorDelegate {
 };
 
 class RegionEngineTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { monitor_ = engine_->makeRegionMonitor(recorder_); }
     static BeaconRegion region(const std::string& id, std::optional<std::uint16_t> minor = std::nullopt) {
-        BeaconRegion r{kUuid, minor ? std::optional<std::uint16_t>(1) : std::nullopt, minor, id, true, true, true};
+        BeaconRegion r{kUuid, minor ? std::optional<std::uint16_t>(1) : std::nullopt, minor, id, true, true,
+                       true};
         return r;
     }
     void hear(std::uint16_t minor, int rssi) {
@@ -45,7 +48,8 @@ protected:
         beacon.uuid = kUuid;
         beacon.major = 1;
         beacon.minor = minor;
-        engine_->hear({"addr-" + std::to_string(minor), rssi, SimulatedStore::advertisingData(beacon), {}, {}, 0, 0});
+        engine_->hear(
+            {"addr-" + std::to_string(minor), rssi, SimulatedStore::advertisingData(beacon), {}, {}, 0, 0});
     }
     pelm::testing::TestPlatform platform_;
     std::shared_ptr<RegionEngine> engine_ = std::make_shared<RegionEngine>(platform_.loop);
@@ -136,15 +140,25 @@ TEST(Scenario, BadFilesAreNamedFieldByField) {
         return std::string("accepted");
     };
     EXPECT_EQ(error(R"({"path": {"points": [{"x": 0, "y": 0}]}})"), "beacons: missing");
-    EXPECT_EQ(error(R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": 0, "y": 0},
+    EXPECT_EQ(
+        error(
+            R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": 0, "y": 0},
         {"major": 1, "minor": 70000, "x": 0, "y": 0}], "path": {"points": [{"x": 0, "y": 0}]}})"),
-              "beacons[1].minor: must be between 0 and 65535");
-    EXPECT_EQ(error(R"({"beacons": [{"uuid": "nope", "major": 1, "minor": 1, "x": 0, "y": 0}], "path": {"points": [{"x": 0, "y": 0}]}})"),
-              "beacons[0].uuid: \"nope\" is not a UUID");
-    EXPECT_EQ(error(R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": "3", "y": 0}],
-        "path": {"points": [{"x": 0, "y": 0}]}})"), "beacons[0].x: must be a number");
-    EXPECT_EQ(error(R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": 0, "y": 0}],
-        "path": {"points": [{"x": 0, "y": 0, "dwell": -1}]}})"), "path.points[0].dwell: must be between 0 and 86400 seconds");
+        "beacons[1].minor: must be between 0 and 65535");
+    EXPECT_EQ(
+        error(
+            R"({"beacons": [{"uuid": "nope", "major": 1, "minor": 1, "x": 0, "y": 0}], "path": {"points": [{"x": 0, "y": 0}]}})"),
+        "beacons[0].uuid: \"nope\" is not a UUID");
+    EXPECT_EQ(
+        error(
+            R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": "3", "y": 0}],
+        "path": {"points": [{"x": 0, "y": 0}]}})"),
+        "beacons[0].x: must be a number");
+    EXPECT_EQ(
+        error(
+            R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": 0, "y": 0}],
+        "path": {"points": [{"x": 0, "y": 0, "dwell": -1}]}})"),
+        "path.points[0].dwell: must be between 0 and 86400 seconds");
 }
 
 TEST(Scenario, TheShopperWalksAtTheGivenSpeedAndDwells) {

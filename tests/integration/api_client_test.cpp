@@ -12,18 +12,20 @@
 namespace pelm {
 namespace {
 
+using server::PelmServer;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using server::PelmServer;
 
 class APIClientTest : public testing::ServerTest {
-protected:
+  protected:
     void SetUp() override {
         ServerTest::SetUp();
         SettingsManager::sharedInstance()->setApiHost(server_->host());
     }
-    PelmAPIClient client(const std::string& token = testing::kToken) const { return {token, server_->host()}; }
+    PelmAPIClient client(const std::string& token = testing::kToken) const {
+        return {token, server_->host()};
+    }
     std::shared_ptr<Beacon> beacon(const char* minor = "11") const {
         return std::make_shared<Beacon>(testing::kUuid, "1", minor);
     }
@@ -48,7 +50,9 @@ protected:
         EXPECT_EQ(result.calls, 1);
         return result;
     }
-    void fault(const std::string& path, PelmServer::Fault fault) { server_->setFault(path, std::move(fault)); }
+    void fault(const std::string& path, PelmServer::Fault fault) {
+        server_->setFault(path, std::move(fault));
+    }
     static PelmServer::Fault replying(int status, std::string body) {
         PelmServer::Fault fault;
         fault.status = status;
@@ -74,8 +78,9 @@ TEST_F(APIClientTest, QueryArrivesByteForByteInKeyOrder) {
     const auto requests = server_->requests();
     ASSERT_EQ(requests.size(), 2u) << ::testing::PrintToString(lines());
     EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].target, std::string(kByHardware) + "?app_token=test-token-5bX9&major=1&minor=11&session_user=U"
-                                                             "&type=BLE&uuid=F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
+    EXPECT_EQ(requests[0].target, std::string(kByHardware) +
+                                      "?app_token=test-token-5bX9&major=1&minor=11&session_user=U"
+                                      "&type=BLE&uuid=F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
     EXPECT_EQ(requests[1].target,
               "/api/v1/contents/42?app_token=a%20b%26c%3Dd%2Be%23f%5Bg%5Dh/%C3%BC&session_user=user%20name");
     EXPECT_THAT(requests[0].contentType, IsEmpty());
@@ -111,18 +116,19 @@ TEST_F(APIClientTest, SessionUploadArrivesAsANestedFormAndIsStored) {
     EXPECT_EQ(request.contentType, "application/x-www-form-urlencoded; charset=utf-8");
     EXPECT_THAT(request.expect, IsEmpty());
     EXPECT_GT(request.body.size(), 2048u);
-    EXPECT_EQ(request.body.rfind("app_token=test-token-5bX9&beacon%5Buuid%5D=F7826DA6-4FA2-4E98-8024-BC5B71E0893E&"
-                                 "beacon%5Bmajor%5D=1&beacon%5Bminor%5D=10&session%5Bapp_version%5D=2.4.1&"
-                                 "session%5Bsdk_version%5D=1.0.0&session%5Boperating_system%5D=iOS&"
-                                 "session%5Bstart_time%5D=2016-07-16T23%3A05%3A30.450%2B0545&"
-                                 "session%5Bend_time%5D=2016-07-16T23%3A25%3A30.450%2B0545&"
-                                 "session_logs%5B%5D%5Buuid%5D=F7826DA6-4FA2-4E98-8024-BC5B71E0893E&"
-                                 "session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Bminor%5D=10&"
-                                 "session_logs%5B%5D%5Bentrance_time%5D=2016-07-16T23%3A05%3A30.450%2B0545&"
-                                 "session_logs%5B%5D%5Bexit_time%5D=2016-07-16T23%3A06%3A00.450%2B0545&"
-                                 "session_logs%5B%5D%5Buuid%5D=",
-                                 0),
-              0u)
+    EXPECT_EQ(
+        request.body.rfind("app_token=test-token-5bX9&beacon%5Buuid%5D=F7826DA6-4FA2-4E98-8024-BC5B71E0893E&"
+                           "beacon%5Bmajor%5D=1&beacon%5Bminor%5D=10&session%5Bapp_version%5D=2.4.1&"
+                           "session%5Bsdk_version%5D=1.0.0&session%5Boperating_system%5D=iOS&"
+                           "session%5Bstart_time%5D=2016-07-16T23%3A05%3A30.450%2B0545&"
+                           "session%5Bend_time%5D=2016-07-16T23%3A25%3A30.450%2B0545&"
+                           "session_logs%5B%5D%5Buuid%5D=F7826DA6-4FA2-4E98-8024-BC5B71E0893E&"
+                           "session_logs%5B%5D%5Bmajor%5D=1&session_logs%5B%5D%5Bminor%5D=10&"
+                           "session_logs%5B%5D%5Bentrance_time%5D=2016-07-16T23%3A05%3A30.450%2B0545&"
+                           "session_logs%5B%5D%5Bexit_time%5D=2016-07-16T23%3A06%3A00.450%2B0545&"
+                           "session_logs%5B%5D%5Buuid%5D=",
+                           0),
+        0u)
         << request.body.substr(0, 600);
     EXPECT_THAT(request.body, ::testing::EndsWith("&session_user=U"));
 
@@ -191,7 +197,8 @@ TEST_F(APIClientTest, EveryUnusableReplyFailsOnceWithOneLine) {
     platform_->log->clear();
     fault("/api/v1/sessions", replying(200, ""));
     std::vector<bool> outcomes;
-    client().createSession(std::make_shared<Session>(), "U", beacon(), {}, [&](bool ok) { outcomes.push_back(ok); });
+    client().createSession(std::make_shared<Session>(), "U", beacon(), {},
+                           [&](bool ok) { outcomes.push_back(ok); });
     settle();
     EXPECT_THAT(outcomes, ElementsAre(false));
     EXPECT_EQ(lines().size(), 1u);
@@ -215,8 +222,9 @@ TEST_F(APIClientTest, UnknownTokenOrContentIsAFailure) {
     });
     settle();
     EXPECT_THAT(outcomes, ::testing::UnorderedElementsAre(false, false, true));
-    EXPECT_THAT(lines(), ::testing::UnorderedElementsAre("[PELM][ERROR] Response status code was unacceptable: 401.",
-                                                         "[PELM][ERROR] Response status code was unacceptable: 404."));
+    EXPECT_THAT(lines(),
+                ::testing::UnorderedElementsAre("[PELM][ERROR] Response status code was unacceptable: 401.",
+                                                "[PELM][ERROR] Response status code was unacceptable: 404."));
 }
 
 TEST_F(APIClientTest, NetworkFailuresCompleteOnceWithFalse) {
@@ -225,7 +233,8 @@ TEST_F(APIClientTest, NetworkFailuresCompleteOnceWithFalse) {
     fault(kByHardware, dropped);
     EXPECT_FALSE(lookup(beacon()).successful);
 
-    PelmServer::Fault huge = replying(200, R"({"status":"successful","pad":")" + std::string(1 << 20, 'x') + "\"}");
+    PelmServer::Fault huge =
+        replying(200, R"({"status":"successful","pad":")" + std::string(1 << 20, 'x') + "\"}");
     fault(kByHardware, huge);
     EXPECT_FALSE(lookup(beacon()).successful);
     EXPECT_THAT(lines().back(), HasSubstr("larger than 1048576 bytes"));
@@ -247,8 +256,9 @@ TEST_F(APIClientTest, ACertificateTheClientDoesNotTrustFailsTheCall) {
 
 TEST_F(APIClientTest, RedirectsAreFollowedOnlyToTheSameHostOverHttps) {
     PelmServer::Fault sameHost = replying(302, "");
-    sameHost.location = "https://" + server_->host() + "/api/v1/contents/by_hardware?app_token=" +
-                        testing::kToken + "&major=1&minor=12&session_user=U&type=BLE&uuid=" + testing::kUuid;
+    sameHost.location = "https://" + server_->host() +
+                        "/api/v1/contents/by_hardware?app_token=" + testing::kToken +
+                        "&major=1&minor=12&session_user=U&type=BLE&uuid=" + testing::kUuid;
     fault("/api/v1/moved", sameHost);
     fault(kByHardware, sameHost);
     server_->clearFaults();
@@ -263,8 +273,9 @@ TEST_F(APIClientTest, RedirectsAreFollowedOnlyToTheSameHostOverHttps) {
     settle();
     EXPECT_EQ(calls, 1);
 
-    for (const auto& elsewhere : {"http://" + server_->host() + "/api/v1/status",
-                                  "https://127.0.0.1:" + std::to_string(server_->port()) + "/api/v1/status"}) {
+    for (const auto& elsewhere :
+         {"http://" + server_->host() + "/api/v1/status",
+          "https://127.0.0.1:" + std::to_string(server_->port()) + "/api/v1/status"}) {
         PelmServer::Fault away = replying(302, "");
         away.location = elsewhere;
         fault(kByHardware, away);
@@ -326,7 +337,7 @@ TEST(WithoutSecret, MasksTheTokenWhereverItAppears) {
 }
 
 class SlowReplyTest : public APIClientTest {
-protected:
+  protected:
     std::chrono::milliseconds timeout() const override { return std::chrono::milliseconds(400); }
 };
 

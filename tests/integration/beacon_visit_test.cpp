@@ -13,21 +13,23 @@ namespace pelm {
 namespace {
 
 using namespace std::chrono_literals;
+using platform::BeaconRegion;
+using platform::RegionState;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
-using platform::BeaconRegion;
-using platform::RegionState;
 
 const std::string U = testing::kUuid;
 const std::string kMain = "PELM Region " + U + " [entry,exit,display]";
 const std::string kCheese = "Custom Region " + U + " 1 11 [entry,exit,display]";
 const std::string kBread = "Custom Region " + U + " 1 12 [entry,exit,display]";
 // Store 1, merchandise group 11, in the retail vocabulary.
-const std::string kStore = "Talstra\xC3\x9F" "e Galerie";
+const std::string kStore =
+    "Talstra\xC3\x9F"
+    "e Galerie";
 
 class BeaconVisitTest : public testing::ServerTest {
-protected:
+  protected:
     void SetUp() override {
         ServerTest::SetUp();
         ::setenv("TZ", "Europe/Vienna", 1);
@@ -60,7 +62,8 @@ protected:
         return {*platform::ProximityUUID::parse(testing::kUuid), 1, minor, -65, 2.0};
     }
 
-    std::shared_ptr<testing::RecordingBeaconDelegate> host_ = std::make_shared<testing::RecordingBeaconDelegate>();
+    std::shared_ptr<testing::RecordingBeaconDelegate> host_ =
+        std::make_shared<testing::RecordingBeaconDelegate>();
     std::shared_ptr<testing::RecordingBeaconManager> manager_;
 };
 
@@ -69,16 +72,19 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
     manager_->startMonitoring();
     vendor().authorize(3);
     EXPECT_THAT(vendor().takeCalls(), ElementsAre("startMonitoring " + kMain, "requestState " + kMain));
-    EXPECT_THAT(host_->take(), ElementsAre("log Starting core monitoring for uuid: " + U,
-                                           "log DidChangeLocationAuthorizationState status: AuthorizedAlways"));
+    EXPECT_THAT(host_->take(),
+                ElementsAre("log Starting core monitoring for uuid: " + U,
+                            "log DidChangeLocationAuthorizationState status: AuthorizedAlways"));
 
     // Inside the store: discovery and ranging start; the entry callback follows.
     vendor().determine(RegionState::Inside, region());
     vendor().enter(region());
-    EXPECT_THAT(vendor().takeCalls(), ElementsAre("isDiscovering", "startDiscovery 2.0", "startRanging " + kMain,
-                                                  "startRanging " + kMain, "isDiscovering"));
-    EXPECT_THAT(host_->take(), ElementsAre("log Starting discovery with interval", "log DidDetermineState state: Inside",
-                                           "log Entering MAIN Region: " + U, "log Already discovery..."));
+    EXPECT_THAT(vendor().takeCalls(),
+                ElementsAre("isDiscovering", "startDiscovery 2.0", "startRanging " + kMain,
+                            "startRanging " + kMain, "isDiscovering"));
+    EXPECT_THAT(host_->take(),
+                ElementsAre("log Starting discovery with interval", "log DidDetermineState state: Inside",
+                            "log Entering MAIN Region: " + U, "log Already discovery..."));
 
     // Two beacons are ranged: each is new, gets its entry content looked up and a sub-region of its own.
     vendor().range({heard(11), heard(12)}, region());
@@ -86,11 +92,12 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
                                                   "startMonitoring " + kBread, "requestState " + kBread));
     settle();
     EXPECT_THAT(host_->take(), UnorderedElementsAre("log Starting monitoring for: major: 1 minor: 11",
-                                                    "log Starting monitoring for: major: 1 minor: 12", "content 1",
-                                                    "log Did find new content: Cheese week", "content 3",
-                                                    "log Did find new content: Fresh bread"));
-    EXPECT_THAT(manager_->takeAnalytics(), UnorderedElementsAre("Beacon Views | Discovered | " + U + "+1+11",
-                                                                "Beacon Views | Discovered | " + U + "+1+12"));
+                                                    "log Starting monitoring for: major: 1 minor: 12",
+                                                    "content 1", "log Did find new content: Cheese week",
+                                                    "content 3", "log Did find new content: Fresh bread"));
+    EXPECT_THAT(manager_->takeAnalytics(),
+                UnorderedElementsAre("Beacon Views | Discovered | " + U + "+1+11",
+                                     "Beacon Views | Discovered | " + U + "+1+12"));
     // Heard again: nothing new.
     vendor().range({heard(11), heard(12)}, region());
     EXPECT_THAT(vendor().calls, IsEmpty());
@@ -99,10 +106,13 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
     // The cheese counter's sub-region: its state and its entry each open a log line.
     vendor().determine(RegionState::Inside, region(1, 11));
     vendor().enter(region(1, 11));
-    EXPECT_THAT(vendor().takeCalls(), ElementsAre("isDiscovering", "startRanging " + kCheese, "startRanging " + kCheese));
-    EXPECT_THAT(host_->take(), ElementsAre("log Already discovery...", "log Session Log: major: 1 minor: 11 uuid: " + U,
-                                           "log DidDetermineState state: Inside", "log Entering SUB Region: " + U + " - 1 - 11",
-                                           "log Session Log: major: 1 minor: 11 uuid: " + U));
+    EXPECT_THAT(vendor().takeCalls(),
+                ElementsAre("isDiscovering", "startRanging " + kCheese, "startRanging " + kCheese));
+    EXPECT_THAT(
+        host_->take(),
+        ElementsAre("log Already discovery...", "log Session Log: major: 1 minor: 11 uuid: " + U,
+                    "log DidDetermineState state: Inside", "log Entering SUB Region: " + U + " - 1 - 11",
+                    "log Session Log: major: 1 minor: 11 uuid: " + U));
     EXPECT_THAT(manager_->takeAnalytics(),
                 ElementsAre("Beacon Markt/Warengruppen | " + kStore + " | K\xC3\xA4se",
                             "Beacon Markt/Verweildauer | " + kStore + " | Enter",
@@ -119,17 +129,19 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
                                            "log Exiting SUB Region: " + U + " - 1 - 11", "content 2",
                                            "log Did find new content: Goodbye"));
     EXPECT_EQ(manager_->lastBeaconMajorId(), 1);
-    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Warengruppe/Verweildauer | " + kStore + " | Exit",
-                                                       "Beacon Views | Discovered | " + U + "+1+11"));
+    EXPECT_THAT(manager_->takeAnalytics(),
+                ElementsAre("Beacon Warengruppe/Verweildauer | " + kStore + " | Exit",
+                            "Beacon Views | Discovered | " + U + "+1+11"));
 
     // A minute later the user leaves the store: the visit is finished and uploaded, discovery stops.
     platform_->loop->advance(60s);
     vendor().exit(region());
     EXPECT_THAT(vendor().takeCalls(), ElementsAre("stopRanging " + kMain, "stopDiscovery"));
     settle();
-    EXPECT_THAT(host_->take(), ElementsAre("log Stop ranging for: uuid: " + U, "log Exiting MAIN Region: " + U,
-                                           "log Stopping discovery with interval",
-                                           "log Session upload successful finished"));
+    EXPECT_THAT(
+        host_->take(),
+        ElementsAre("log Stop ranging for: uuid: " + U, "log Exiting MAIN Region: " + U,
+                    "log Stopping discovery with interval", "log Session upload successful finished"));
     EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Markt/Verweildauer | " + kStore + " | Exit"));
 
     // What the server stored: the line closed at the counter, then the one closed at the store's exit.
@@ -171,7 +183,8 @@ TEST_F(BeaconVisitTest, TheStoreExitNamesTheLastBeaconLeftEvenFromAnEarlierVisit
 
 TEST_F(BeaconVisitTest, StatusLinesKeepTheirCriticalFlagAndNoDelegateDropsThem) {
     vendor().exit(region());  // no line recorded: the engine's critical line is passed on as critical
-    EXPECT_THAT(host_->take(), ::testing::Contains("log Cant' finish session, session logs array is empty (critical)"));
+    EXPECT_THAT(host_->take(),
+                ::testing::Contains("log Cant' finish session, session logs array is empty (critical)"));
     manager_->delegate = nullptr;
     vendor().range({heard(11)}, region());
     settle();

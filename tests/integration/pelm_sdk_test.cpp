@@ -13,7 +13,7 @@ namespace {
 using ::testing::ElementsAre;
 
 class PelmSDKTest : public testing::ServerTest {
-protected:
+  protected:
     std::shared_ptr<SettingsManager> settings() const { return SettingsManager::sharedInstance(); }
     std::vector<bool> setAppToken(const std::string& token) {
         std::vector<bool> outcomes;

@@ -16,7 +16,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class SessionManagerTest : public testing::ServerTest {
-protected:
+  protected:
     void SetUp() override {
         ServerTest::SetUp();
         ::setenv("TZ", "Europe/Berlin", 1);
@@ -37,7 +37,8 @@ protected:
     void advance(std::chrono::milliseconds by) { platform_->loop->advance(by); }
     std::size_t lookups() const {
         std::size_t count = 0;
-        for (const auto& request : server_->requests()) count += request.path == "/api/v1/contents/by_hardware";
+        for (const auto& request : server_->requests())
+            count += request.path == "/api/v1/contents/by_hardware";
         return count;
     }
     void serve(const char* body) {
@@ -47,7 +48,8 @@ protected:
         server_->setFault("/api/v1/contents/by_hardware", fault);
     }
 
-    std::shared_ptr<testing::RecordingSessionDelegate> delegate_ = std::make_shared<testing::RecordingSessionDelegate>();
+    std::shared_ptr<testing::RecordingSessionDelegate> delegate_ =
+        std::make_shared<testing::RecordingSessionDelegate>();
     std::shared_ptr<PelmSessionManager> manager_;
 };
 
@@ -58,8 +60,8 @@ TEST_F(SessionManagerTest, AVisitFromFirstBeaconToUpload) {
     EXPECT_FALSE(manager_->addBeacon(beacon("11")));
     settle();
     manager_->addEntryEvent(cheese);
-    EXPECT_THAT(delegate_->take(),
-                ElementsAre("content 1", "line Session Log: major: 1 minor: 11 uuid: " + std::string(testing::kUuid)));
+    EXPECT_THAT(delegate_->take(), ElementsAre("content 1", "line Session Log: major: 1 minor: 11 uuid: " +
+                                                                std::string(testing::kUuid)));
 
     // Left after 5 s: exit content (cool-down 30 s), the line closes.
     advance(5s);
@@ -85,8 +87,9 @@ TEST_F(SessionManagerTest, AVisitFromFirstBeaconToUpload) {
     settle();
     manager_->addEntryEvent(cheese);
     EXPECT_EQ(lookups(), before + 1);
-    EXPECT_THAT(delegate_->take(), ElementsAre("line Beacon is cold, removing from array", "content 1",
-                                               "line Session Log: major: 1 minor: 11 uuid: " + std::string(testing::kUuid)));
+    EXPECT_THAT(delegate_->take(),
+                ElementsAre("line Beacon is cold, removing from array", "content 1",
+                            "line Session Log: major: 1 minor: 11 uuid: " + std::string(testing::kUuid)));
     EXPECT_EQ(manager_->coolDownBeacons().size(), 2u);  // the fresh entry record and the expired exit one
 
     // The main region is left at 90 s: the open line closes and the visit goes up.
@@ -101,7 +104,9 @@ TEST_F(SessionManagerTest, AVisitFromFirstBeaconToUpload) {
     ASSERT_EQ(stored.size(), 1u);
     EXPECT_EQ(stored[0]["session"], JSON::parse(R"({"app_version": "2.4.1", "sdk_version": "1.0.0",
         "operating_system": "iOS", "start_time": "2016-07-16T19:20:30.450+0200", "end_time": "2016-07-16T19:22:00.450+0200"})"));
-    EXPECT_EQ(stored[0]["beacon"], JSON::parse(R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": "1", "minor": "11"})"));
+    EXPECT_EQ(
+        stored[0]["beacon"],
+        JSON::parse(R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": "1", "minor": "11"})"));
     EXPECT_EQ(stored[0]["session_user"], "4F1D2C3B-0000-4000-8000-00000000AB01");
     ASSERT_EQ(stored[0]["session_logs"].size(), 2u);
     EXPECT_EQ(stored[0]["session_logs"][0]["entrance_time"], "2016-07-16T19:20:30.450+0200");
@@ -121,8 +126,9 @@ TEST_F(SessionManagerTest, EntryAndExitCoolDownsAreIndependent) {
     manager_->addBeacon(cheese);
     manager_->removeBeacon(cheese);
     settle();
-    EXPECT_THAT(delegate_->take(), ElementsAre("content 1", "content 2", "line Beacon is cold, removing from array",
-                                               "line Beacon is hot until: 2016-07-16 17:21:40 +0000", "content 1"));
+    EXPECT_THAT(delegate_->take(),
+                ElementsAre("content 1", "content 2", "line Beacon is cold, removing from array",
+                            "line Beacon is hot until: 2016-07-16 17:21:40 +0000", "content 1"));
     ASSERT_EQ(manager_->coolDownBeacons().size(), 2u);
     EXPECT_EQ(manager_->coolDownBeacons()[0].contentType, Content::DisplayType::exit);
     EXPECT_EQ(manager_->coolDownBeacons()[1].contentType, Content::DisplayType::entry);
@@ -145,7 +151,8 @@ TEST_F(SessionManagerTest, CoolDownOfZeroIsColdAtOnceAndNoneMakesNoRecord) {
     manager_->removeBeacon(bread);
     manager_->addBeacon(bread);  // same instant: equal is not hot
     settle();
-    EXPECT_THAT(delegate_->take(), ElementsAre("content 7", "line Beacon is cold, removing from array", "content 7"));
+    EXPECT_THAT(delegate_->take(),
+                ElementsAre("content 7", "line Beacon is cold, removing from array", "content 7"));
 
     serve(R"({"status":"successful","content_entry":{"id":8,"cool_down_time":-60}})");
     manager_->removeBeacon(bread);
@@ -229,7 +236,8 @@ TEST_F(SessionManagerTest, OpenLinesCloseFromTheBackAndTheEndClosesOnlyTheFirst)
 
 TEST_F(SessionManagerTest, EndingAVisitWithoutLinesOrWithAFailedUpload) {
     manager_->finishSession();
-    EXPECT_THAT(delegate_->take(), ElementsAre("line Cant' finish session, session logs array is empty (critical)"));
+    EXPECT_THAT(delegate_->take(),
+                ElementsAre("line Cant' finish session, session logs array is empty (critical)"));
 
     server::PelmServer::Fault refused;
     refused.status = 503;
@@ -238,8 +246,9 @@ TEST_F(SessionManagerTest, EndingAVisitWithoutLinesOrWithAFailedUpload) {
     manager_->addEntryEvent(beacon("11"));
     manager_->finishSession();
     settle();
-    EXPECT_THAT(delegate_->take(), ElementsAre("line Session Log: major: 1 minor: 11 uuid: " + std::string(testing::kUuid),
-                                               "line Failed to upload session (critical)"));
+    EXPECT_THAT(delegate_->take(),
+                ElementsAre("line Session Log: major: 1 minor: 11 uuid: " + std::string(testing::kUuid),
+                            "line Failed to upload session (critical)"));
     EXPECT_THAT(manager_->sessionLogs(), IsEmpty());
     EXPECT_THAT(manager_->unfinishedSessionLogs(), IsEmpty());
 }

@@ -32,9 +32,9 @@ TEST(Simulate, TheDemoVisitHandsOverItsContentHoldsBackRepeatsAndIsStored) {
     EXPECT_THAT(contents(result), ElementsAre("Willkommen [entry]", "Feinkost-Tipp [entry]",
                                               "K\xC3\xA4sewoche [entry]", "Getr\xC3\xA4nke-Aktion [entry]"));
     // Back at the drinks shelf within its 15-minute cool-down: held back.
-    const auto hot = std::count_if(result.timeline.begin(), result.timeline.end(), [](const TimelineEvent& e) {
-        return e.text.rfind("Beacon is hot until: ", 0) == 0;
-    });
+    const auto hot =
+        std::count_if(result.timeline.begin(), result.timeline.end(),
+                      [](const TimelineEvent& e) { return e.text.rfind("Beacon is hot until: ", 0) == 0; });
     EXPECT_EQ(hot, 1);
     for (const auto& event : result.timeline) {
         EXPECT_NE(event.kind, TimelineEvent::Kind::Log) << event.text;  // the library logged no fault

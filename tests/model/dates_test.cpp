@@ -18,7 +18,7 @@ Date utc(int y, unsigned mo, unsigned d, int h, int mi, int s, int ms = 0) {
 
 // Runs with a time zone for the life of the object.
 class LocalZone {
-public:
+  public:
     explicit LocalZone(const char* zone) {
         if (const char* old = std::getenv("TZ")) saved_ = old;
         ::setenv("TZ", zone, 1);
@@ -33,7 +33,7 @@ public:
         ::tzset();
     }
 
-private:
+  private:
     std::optional<std::string> saved_;
 };
 
@@ -95,13 +95,12 @@ TEST(DateText, MillisecondRoundTripIsExactAndSubMillisecondsAreDropped) {
 }
 
 TEST(DateText, ReadingIsStrict) {
-    for (const char* text : {"", "2016-07-16T19:20:30+0200", "2016-07-16T19:20:30.450", "2016-07-16T19:20:30.450Z",
-                             "2016-07-16T19:20:30.450+02:00", "2016-07-16 19:20:30.450+0200",
-                             "2016-07-16T19:20:30.45+02000", "2016-13-16T19:20:30.450+0200",
-                             "2016-02-30T19:20:30.450+0200", "2016-07-16T24:00:00.000+0200",
-                             "2016-07-16T19:60:30.450+0200", "2016-07-16T19:20:30.450+0260",
-                             "２016-07-16T19:20:30.450+0200", " 2016-07-16T19:20:30.450+0200",
-                             "2016-07-16T19:20:30.450+0200 ", "9999-12-31T23:59:59.999+0000"}) {
+    for (const char* text :
+         {"", "2016-07-16T19:20:30+0200", "2016-07-16T19:20:30.450", "2016-07-16T19:20:30.450Z",
+          "2016-07-16T19:20:30.450+02:00", "2016-07-16 19:20:30.450+0200", "2016-07-16T19:20:30.45+02000",
+          "2016-13-16T19:20:30.450+0200", "2016-02-30T19:20:30.450+0200", "2016-07-16T24:00:00.000+0200",
+          "2016-07-16T19:60:30.450+0200", "2016-07-16T19:20:30.450+0260", "２016-07-16T19:20:30.450+0200",
+          " 2016-07-16T19:20:30.450+0200", "2016-07-16T19:20:30.450+0200 ", "9999-12-31T23:59:59.999+0000"}) {
         EXPECT_EQ(dateFromText(text), std::nullopt) << text;
     }
     EXPECT_EQ(dateFromText("2015-02-29T00:00:00.000+0000"), std::nullopt);

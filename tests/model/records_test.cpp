@@ -11,7 +11,9 @@
 namespace pelm {
 namespace {
 
-JSON parse(const char* text) { return JSON::parse(text); }
+JSON parse(const char* text) {
+    return JSON::parse(text);
+}
 
 TEST(Records, EmptyObjectGivesEmptyRecordsThatWriteBackAsEmptyObjects) {
     testing::TestPlatform platform;
@@ -64,13 +66,14 @@ TEST(Records, ContentMapsEveryFieldInDeclarationOrder) {
     EXPECT_EQ(content->textRecord->languageCode->name, "Deutsch");
     EXPECT_EQ(content->extraInfo["deal"]["codes"][3]["deep"][0], true);
 
-    EXPECT_EQ(content->toJSONText(),
-              R"({"id":9007199254740993,"active":false,"content_type":"coupon","display_type":"exit",)"
-              R"("delay_time":0,"cool_down_time":300,"active_date_start":"whenever","active_date_stop":"2016-12-31",)"
-              R"("active_time_start":"not a time","active_time_stop":"20:00",)"
-              R"("meta_info":{"image_uri":"https://img/1.png","link_uri":"app://deal/1"},)"
-              R"("text_record":{"name":"Cheese week","text":"Käse -20 %","language_code":{"code":"de","name":"Deutsch"}},)"
-              R"("extra_info":{"deal":{"codes":[1,"two",null,{"deep":[true]}]},"n":1.5}})");
+    EXPECT_EQ(
+        content->toJSONText(),
+        R"({"id":9007199254740993,"active":false,"content_type":"coupon","display_type":"exit",)"
+        R"("delay_time":0,"cool_down_time":300,"active_date_start":"whenever","active_date_stop":"2016-12-31",)"
+        R"("active_time_start":"not a time","active_time_stop":"20:00",)"
+        R"("meta_info":{"image_uri":"https://img/1.png","link_uri":"app://deal/1"},)"
+        R"("text_record":{"name":"Cheese week","text":"Käse -20 %","language_code":{"code":"de","name":"Deutsch"}},)"
+        R"("extra_info":{"deal":{"codes":[1,"two",null,{"deep":[true]}]},"n":1.5}})");
 }
 
 TEST(Records, ContentFieldsTakeOnlyTheirJsonTypes) {
@@ -81,16 +84,19 @@ TEST(Records, ContentFieldsTakeOnlyTheirJsonTypes) {
                  content->delayTime || content->metaInfo || content->textRecord || content->contentType);
     EXPECT_EQ(content->extraInfo, JSON::object());
     EXPECT_EQ(Content::fromJSON(parse(R"({"display_type": 1})"))->displayType, std::nullopt);
-    EXPECT_EQ(Content::fromJSON(parse(R"({"display_type": "entry"})"))->displayType, Content::DisplayType::entry);
+    EXPECT_EQ(Content::fromJSON(parse(R"({"display_type": "entry"})"))->displayType,
+              Content::DisplayType::entry);
     // An empty nested object is a nested record with empty fields, not an empty field.
-    const auto nested = Content::fromJSON(parse(R"({"meta_info": {}, "text_record": {"language_code": {}}})"));
+    const auto nested =
+        Content::fromJSON(parse(R"({"meta_info": {}, "text_record": {"language_code": {}}})"));
     ASSERT_TRUE(nested->metaInfo && nested->textRecord && nested->textRecord->languageCode);
     EXPECT_FALSE(nested->metaInfo->imageURI || nested->textRecord->languageCode->code);
 }
 
 TEST(Records, IntegerFieldsTakeWholeNumbersInRangeOnly) {
     const auto read = [](const char* number) {
-        return Content::fromJSON(parse((std::string(R"({"cool_down_time": )") + number + "}").c_str()))->coolDownTime;
+        return Content::fromJSON(parse((std::string(R"({"cool_down_time": )") + number + "}").c_str()))
+            ->coolDownTime;
     };
     EXPECT_EQ(read("0"), 0);
     EXPECT_EQ(read("-60"), -60);
@@ -120,7 +126,8 @@ TEST(Records, VisitRecordsWriteDatesAsTextAndLeaveOutEmptyOnes) {
     ::tzset();
     const Date entered{std::chrono::milliseconds{1'468'689'630'450}};
     SessionLog line("U", "7", "42", entered);
-    EXPECT_EQ(line.toJSONText(), R"({"uuid":"U","major":"7","minor":"42","entrance_time":"2016-07-16T17:20:30.450+0000"})");
+    EXPECT_EQ(line.toJSONText(),
+              R"({"uuid":"U","major":"7","minor":"42","entrance_time":"2016-07-16T17:20:30.450+0000"})");
     line.exitTime = entered + std::chrono::seconds(90);
     EXPECT_EQ(line.toJSON()["exit_time"], "2016-07-16T17:22:00.450+0000");
 
@@ -129,8 +136,9 @@ TEST(Records, VisitRecordsWriteDatesAsTextAndLeaveOutEmptyOnes) {
     session.sdkVersion = "1.0.0";
     session.operatingSystem = "iOS";
     session.startTime = entered;
-    EXPECT_EQ(session.toJSONText(), R"({"app_version":"2.4.1","sdk_version":"1.0.0","operating_system":"iOS",)"
-                                    R"("start_time":"2016-07-16T17:20:30.450+0000"})");
+    EXPECT_EQ(session.toJSONText(),
+              R"({"app_version":"2.4.1","sdk_version":"1.0.0","operating_system":"iOS",)"
+              R"("start_time":"2016-07-16T17:20:30.450+0000"})");
 
     const auto back = SessionLog::fromJSON(line.toJSON());
     EXPECT_EQ(back->entranceTime, entered);

@@ -20,7 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 
 class FileKeyValueStoreTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char pattern[] = "/tmp/pelm-store-XXXXXX";
         ASSERT_NE(::mkdtemp(pattern), nullptr);

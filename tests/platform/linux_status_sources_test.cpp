@@ -73,7 +73,8 @@ TEST(LinuxBluetooth, SaysUnsupportedWithoutAControllerAndOffWhenBlocked) {
 
 TEST(LinuxBluetooth, IsUnknownUntilFirstLookedAtThenTellsObservers) {
     pelm::testing::TestPlatform platform;
-    const auto root = std::filesystem::temp_directory_path() / ("pelm-sysfs-empty-" + std::to_string(::getpid()));
+    const auto root =
+        std::filesystem::temp_directory_path() / ("pelm-sysfs-empty-" + std::to_string(::getpid()));
     std::filesystem::create_directories(root);
     LinuxBluetooth source(platform.loop, 50ms, root);
     std::vector<int> seen;

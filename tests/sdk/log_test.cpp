@@ -21,8 +21,9 @@ TEST(Log, ErrorLinesHaveTheTwoTagsAndOneBlank) {
     Log::error("No app token set.");
     Log::error("x", "Domain=net Code=-1004");
     Log::error("");
-    EXPECT_THAT(platform.lines(), ElementsAre("[PELM][ERROR] No app token set.",
-                                              "[PELM][ERROR] x with error Domain=net Code=-1004", "[PELM][ERROR] "));
+    EXPECT_THAT(platform.lines(),
+                ElementsAre("[PELM][ERROR] No app token set.",
+                            "[PELM][ERROR] x with error Domain=net Code=-1004", "[PELM][ERROR] "));
 }
 
 TEST(Log, MessageIsEvaluatedOnceForErrorsAndNeverForDebug) {

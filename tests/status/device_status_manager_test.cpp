@@ -16,17 +16,23 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class RecordingStatusDelegate : public PelmDeviceStatusManagerDelegate {
-public:
+  public:
     void didChangeReachableStatus(ReachableStatus s) override {
-        events.push_back(s == ReachableStatus::Reachable ? "reachable" : s == ReachableStatus::UnReachable ? "unreachable" : "unknown");
+        events.push_back(s == ReachableStatus::Reachable     ? "reachable"
+                         : s == ReachableStatus::UnReachable ? "unreachable"
+                                                             : "unknown");
     }
-    void didChangeLocationStatus(LocationStatus s) override { events.push_back("location " + std::to_string(static_cast<int>(s))); }
-    void didChangeBluetoothStatus(BluetoothStatus s) override { events.push_back("bluetooth " + std::to_string(static_cast<int>(s))); }
+    void didChangeLocationStatus(LocationStatus s) override {
+        events.push_back("location " + std::to_string(static_cast<int>(s)));
+    }
+    void didChangeBluetoothStatus(BluetoothStatus s) override {
+        events.push_back("bluetooth " + std::to_string(static_cast<int>(s)));
+    }
     std::vector<std::string> events;
 };
 
 class DeviceStatusTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { SettingsManager::sharedInstance()->setApiHost("content.example:8443"); }
     std::shared_ptr<PelmDeviceStatusManager> make() {
         auto manager = PelmDeviceStatusManager::make();
@@ -63,8 +69,8 @@ TEST_F(DeviceStatusTest, LocationAndBluetoothReportAtOnceAndOnEveryChange) {
     manager->startBluetoothNotifier();
     platform_.bluetooth->change(5);
     platform_.bluetooth->change(4);
-    EXPECT_THAT(delegate_->events, ElementsAre("location 2", "location 2", "location 0", "bluetooth 3", "bluetooth 0",
-                                               "bluetooth 1"));
+    EXPECT_THAT(delegate_->events, ElementsAre("location 2", "location 2", "location 0", "bluetooth 3",
+                                               "bluetooth 0", "bluetooth 1"));
 }
 
 TEST_F(DeviceStatusTest, ReachabilityReportsTheWatchersAnswerOnTheMainQueue) {
@@ -73,7 +79,7 @@ TEST_F(DeviceStatusTest, ReachabilityReportsTheWatchersAnswerOnTheMainQueue) {
     manager->startReachabilityNotifier();
     auto* watcher = platform_.reachability->watcher();
     ASSERT_NE(watcher, nullptr);
-    watcher->fire(false);  // the unreachable callback, while the host is reachable again
+    watcher->fire(false);                       // the unreachable callback, while the host is reachable again
     EXPECT_THAT(delegate_->events, IsEmpty());  // handed to the main queue, not run here
     platform_.loop->runUntilIdle();
     platform_.reachability->reachable = false;
@@ -120,8 +126,8 @@ TEST_F(DeviceStatusTest, NothingArrivesAfterDestructionWhileCallbacksFireFromThe
     // The real watcher, re-evaluating every millisecond with an answer that flips each time: its callbacks
     // keep coming from its own thread while the manager is destroyed.
     std::atomic<int> flips{0};
-    platform_.services->reachability = std::make_shared<platform::LinuxReachability>(
-        std::chrono::milliseconds(1), [&](const std::string&) {
+    platform_.services->reachability =
+        std::make_shared<platform::LinuxReachability>(std::chrono::milliseconds(1), [&](const std::string&) {
             return ++flips % 2 == 0 ? std::vector<std::string>{"127.0.0.1"} : std::vector<std::string>{};
         });
     auto manager = PelmDeviceStatusManager::make();

@@ -12,7 +12,7 @@ namespace pelm::testing {
 /// Keeps what a session manager tells it, in order: content as "content <id>", lines as "line <text>" with
 /// " (critical)" appended for critical ones.
 class RecordingSessionDelegate : public PelmSessionManagerDelegate {
-public:
+  public:
     void didFindNewContent(std::shared_ptr<Content> content, std::shared_ptr<Beacon> beacon) override {
         events.push_back("content " + (content->id ? std::to_string(*content->id) : std::string("?")));
         contents.push_back(content);

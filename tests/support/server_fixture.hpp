@@ -41,7 +41,7 @@ inline JSON testSeed() {
 /// A pelm-server over HTTPS on a free loopback port with its own throwaway certificate, and a test platform
 /// whose transport trusts it.
 class ServerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char pattern[] = "/tmp/pelm-server-test-XXXXXX";
         ASSERT_NE(::mkdtemp(pattern), nullptr);

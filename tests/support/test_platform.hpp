@@ -35,8 +35,10 @@ struct TestPlatform {
     std::shared_ptr<platform::CapturedLogSink> log = std::make_shared<platform::CapturedLogSink>();
     std::shared_ptr<platform::FixedIdentity> identity;
     std::shared_ptr<platform::CurlTransport> http;
-    std::shared_ptr<platform::ScriptedBeaconVendor> vendor = std::make_shared<platform::ScriptedBeaconVendor>();
-    std::shared_ptr<platform::ScriptedReachability> reachability = std::make_shared<platform::ScriptedReachability>();
+    std::shared_ptr<platform::ScriptedBeaconVendor> vendor =
+        std::make_shared<platform::ScriptedBeaconVendor>();
+    std::shared_ptr<platform::ScriptedReachability> reachability =
+        std::make_shared<platform::ScriptedReachability>();
     std::shared_ptr<platform::ScriptedLocation> location = std::make_shared<platform::ScriptedLocation>();
     std::shared_ptr<platform::ScriptedBluetooth> bluetooth = std::make_shared<platform::ScriptedBluetooth>();
     std::shared_ptr<platform::Platform> services;
@@ -60,7 +62,8 @@ struct TestPlatform {
         services->bluetooth = bluetooth;
         platform::install(services);
     }
-    explicit TestPlatform(std::optional<std::string> vendorId) : TestPlatform(withVendor(std::move(vendorId))) {}
+    explicit TestPlatform(std::optional<std::string> vendorId)
+        : TestPlatform(withVendor(std::move(vendorId))) {}
     ~TestPlatform() {
         // A test may have put another platform in place already; leave that one alone.
         if (platform::current() == services) platform::install(nullptr);
@@ -72,7 +75,7 @@ struct TestPlatform {
 
     std::vector<std::string> lines() const { return log->lines(); }
 
-private:
+  private:
     static TestPlatformOptions withVendor(std::optional<std::string> vendorId) {
         TestPlatformOptions options;
         options.vendorId = std::move(vendorId);

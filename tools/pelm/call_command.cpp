@@ -8,7 +8,9 @@
 namespace pelm::cli {
 namespace {
 
-JSON orNull(const auto& record) { return record ? record->toJSON() : JSON(); }
+JSON orNull(const auto& record) {
+    return record ? record->toJSON() : JSON();
+}
 
 std::optional<std::int64_t> integerArgument(const std::string& text) {
     try {
@@ -42,9 +44,13 @@ int callCommand(const Arguments& args) {
     std::optional<JSON> result;
     const auto& what = words[1];
     if (what == "status" && words.size() == 2) {
-        client->status([&](bool ok, auto status) { result = JSON{{"successful", ok}, {"status", orNull(status)}}; });
+        client->status([&](bool ok, auto status) {
+            result = JSON{{"successful", ok}, {"status", orNull(status)}};
+        });
     } else if (what == "app-config" && words.size() == 2) {
-        client->appConfig([&](bool ok, auto config) { result = JSON{{"successful", ok}, {"appConfig", orNull(config)}}; });
+        client->appConfig([&](bool ok, auto config) {
+            result = JSON{{"successful", ok}, {"appConfig", orNull(config)}};
+        });
     } else if (what == "content" && words.size() == 3 && integerArgument(words[2])) {
         client->contentById(*integerArgument(words[2]), user, [&](bool ok, auto content) {
             result = JSON{{"succesful", ok}, {"content", orNull(content)}};

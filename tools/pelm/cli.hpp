@@ -15,7 +15,7 @@ namespace pelm::cli {
 
 /// A command line split into positional words and --options (with or without a value).
 class Arguments {
-public:
+  public:
     /// `flags` are options that take no value.
     Arguments(int argc, char** argv, std::vector<std::string> flags);
 
@@ -27,7 +27,7 @@ public:
     /// Options given that are not in `known`.
     std::vector<std::string> unknown(const std::vector<std::string>& known) const;
 
-private:
+  private:
     std::vector<std::string> positional_;
     std::map<std::string, std::string> options_;
     std::optional<std::string> error_;
@@ -36,7 +36,8 @@ private:
 /// The Linux platform for --app, --config-dir and --ca, installed, with its run loop.
 std::shared_ptr<platform::Platform> installPlatform(const Arguments& args);
 /// Runs the installed platform's loop until `done()` holds; false after `timeout`.
-bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(60));
+bool runUntil(const std::function<bool()>& done,
+              std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
 /// Prints the four stored settings.
 void printSettings(const SettingsManager& settings);

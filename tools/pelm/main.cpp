@@ -7,26 +7,29 @@
 
 namespace {
 
-std::string command_name(const pelm::cli::Arguments& args) { return args.positional().front(); }
+std::string command_name(const pelm::cli::Arguments& args) {
+    return args.positional().front();
+}
 
 void usage(std::FILE* out) {
-    std::fprintf(out,
-                 "usage: pelm <command> [options]\n"
-                 "\n"
-                 "commands:\n"
-                 "  simulate [SCENARIO] [--seed N] [--speed X] [--report FILE] [--host H --token T]\n"
-                 "                                             walk a shopper through a simulated store\n"
-                 "  settings [--app NAME] [--config-dir DIR]   show what the library has stored for a host app\n"
-                 "  setup --token T --host H [--ca FILE]        fetch and store the app configuration\n"
-                 "  call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR [--ca FILE]\n"
-                 "                                             make one server call, print what came back\n"
-                 "  serve [--db FILE] [--seed FILE] [--port N] [--cert FILE --key FILE]\n"
-                 "                                             run pelm-server (demo data unless --seed)\n"
-                 "  status [--host H] [--watch]                 server reachability, location use and Bluetooth\n"
-                 "  (--app NAME and --config-dir DIR choose whose settings setup and call use)\n"
-                 "\n"
-                 "  --version                                  print the library version\n"
-                 "  --help                                     show this text\n");
+    std::fprintf(
+        out,
+        "usage: pelm <command> [options]\n"
+        "\n"
+        "commands:\n"
+        "  simulate [SCENARIO] [--seed N] [--speed X] [--report FILE] [--host H --token T]\n"
+        "                                             walk a shopper through a simulated store\n"
+        "  settings [--app NAME] [--config-dir DIR]   show what the library has stored for a host app\n"
+        "  setup --token T --host H [--ca FILE]        fetch and store the app configuration\n"
+        "  call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR [--ca FILE]\n"
+        "                                             make one server call, print what came back\n"
+        "  serve [--db FILE] [--seed FILE] [--port N] [--cert FILE --key FILE]\n"
+        "                                             run pelm-server (demo data unless --seed)\n"
+        "  status [--host H] [--watch]                 server reachability, location use and Bluetooth\n"
+        "  (--app NAME and --config-dir DIR choose whose settings setup and call use)\n"
+        "\n"
+        "  --version                                  print the library version\n"
+        "  --help                                     show this text\n");
 }
 
 }  // namespace
@@ -65,9 +68,11 @@ int main(int argc, char** argv) {
     };
     if (command == "setup") return run({"token", "host"}, pelm::cli::setupCommand);
     if (command == "call") return run({}, pelm::cli::callCommand);
-    if (command == "simulate") return run({"host", "token", "seed", "speed", "report"}, pelm::cli::simulateCommand);
+    if (command == "simulate")
+        return run({"host", "token", "seed", "speed", "report"}, pelm::cli::simulateCommand);
     if (command == "status") return run({"host", "watch"}, pelm::cli::statusCommand);
-    if (command == "serve") return run({"db", "seed", "port", "bind", "cert", "key"}, pelm::cli::serveCommand);
+    if (command == "serve")
+        return run({"db", "seed", "port", "bind", "cert", "key"}, pelm::cli::serveCommand);
     std::fprintf(stderr, "pelm: unknown command '%s'\n\n", command.c_str());
     usage(stderr);
     return 2;

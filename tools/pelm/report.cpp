@@ -10,11 +10,20 @@ std::string escape(const std::string& text) {
     std::string out;
     for (const char c : text) {
         switch (c) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -27,7 +36,8 @@ std::optional<std::pair<int, int>> subRegionOf(const std::string& text, const st
     const auto before = text.rfind(" - ", last - 1);
     if (last == std::string::npos || before == std::string::npos) return std::nullopt;
     try {
-        return std::pair{std::stoi(text.substr(before + 3, last - before - 3)), std::stoi(text.substr(last + 3))};
+        return std::pair{std::stoi(text.substr(before + 3, last - before - 3)),
+                         std::stoi(text.substr(last + 3))};
     } catch (const std::exception&) {
         return std::nullopt;
     }
@@ -41,18 +51,18 @@ std::string htmlReport(const platform::Scenario& scenario, const SimulationResul
     const auto x = [&](double at) { return kLeft + at / seconds * kWidth; };
     const int rows = static_cast<int>(scenario.beacons.size()) + 1;
     std::ostringstream svg;
-    svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << kLeft + kWidth + 20 << "' height='" << rows * kRow + 40
-        << "' font-family='sans-serif' font-size='12'>";
+    svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << kLeft + kWidth + 20 << "' height='"
+        << rows * kRow + 40 << "' font-family='sans-serif' font-size='12'>";
     for (int minute = 0; minute <= seconds / 60; ++minute) {
         svg << "<line x1='" << x(minute * 60) << "' y1='0' x2='" << x(minute * 60) << "' y2='" << rows * kRow
-            << "' stroke='#ddd'/><text x='" << x(minute * 60) + 2 << "' y='" << rows * kRow + 15 << "' fill='#666'>"
-            << minute << " min</text>";
+            << "' stroke='#ddd'/><text x='" << x(minute * 60) + 2 << "' y='" << rows * kRow + 15
+            << "' fill='#666'>" << minute << " min</text>";
     }
     for (std::size_t i = 0; i < scenario.beacons.size(); ++i) {
         const auto& beacon = scenario.beacons[i];
         const int top = static_cast<int>(i) * kRow;
-        svg << "<text x='4' y='" << top + 19 << "'>" << escape(beacon.name) << " (" << beacon.major << "/" << beacon.minor
-            << ")</text>";
+        svg << "<text x='4' y='" << top + 19 << "'>" << escape(beacon.name) << " (" << beacon.major << "/"
+            << beacon.minor << ")</text>";
         if (i < result.heardSeconds.size()) {
             for (const auto second : result.heardSeconds[i]) {
                 svg << "<rect x='" << x(static_cast<double>(second)) << "' y='" << top + 8 << "' width='"
@@ -65,8 +75,9 @@ std::string htmlReport(const platform::Scenario& scenario, const SimulationResul
                                       : subRegionOf(event.text, "Exiting SUB Region: ");
             if (!region || region->first != beacon.major || region->second != beacon.minor) continue;
             const double at = static_cast<double>(event.at.count()) / 1000.0;
-            svg << "<path d='M" << x(at) << " " << top + 4 << " l5 " << (entry ? 11 : -0) << " l-10 0 z' fill='"
-                << (entry ? "#2a9d3f" : "#c0392b") << "'><title>" << escape(event.text) << "</title></path>";
+            svg << "<path d='M" << x(at) << " " << top + 4 << " l5 " << (entry ? 11 : -0)
+                << " l-10 0 z' fill='" << (entry ? "#2a9d3f" : "#c0392b") << "'><title>" << escape(event.text)
+                << "</title></path>";
         }
     }
     const int contentTop = static_cast<int>(scenario.beacons.size()) * kRow;
@@ -84,16 +95,20 @@ std::string htmlReport(const platform::Scenario& scenario, const SimulationResul
          << "</title><style>body{font-family:sans-serif;margin:2em}td{padding:2px 8px}"
             "tr.c{color:#b35900;font-weight:bold}tr.x{color:#c0392b}</style></head><body><h1>"
          << escape(scenario.name) << "</h1><p>" << result.advertisements << " advertisements, "
-         << result.timeline.size() << " events. Blue: heard by the radio; green and red: sub-region entry and exit; "
-         << "orange: content handed to the app (hover for details).</p>" << svg.str() << "<h2>Timeline</h2><table>";
+         << result.timeline.size()
+         << " events. Blue: heard by the radio; green and red: sub-region entry and exit; "
+         << "orange: content handed to the app (hover for details).</p>" << svg.str()
+         << "<h2>Timeline</h2><table>";
     for (const auto& event : result.timeline) {
         char clock[32];
         std::snprintf(clock, sizeof clock, "%02lld:%04.1f", static_cast<long long>(event.at.count() / 60000),
                       static_cast<double>(event.at.count() % 60000) / 1000.0);
         const char* cls = event.kind == TimelineEvent::Kind::Content ? "c" : event.critical ? "x" : "";
-        page << "<tr class='" << cls << "'><td>" << clock << "</td><td>" << escape(event.text) << "</td></tr>";
+        page << "<tr class='" << cls << "'><td>" << clock << "</td><td>" << escape(event.text)
+             << "</td></tr>";
     }
-    page << "</table><h2>Stored visit</h2><pre>" << escape(result.storedVisits.dump(2)) << "</pre></body></html>\n";
+    page << "</table><h2>Stored visit</h2><pre>" << escape(result.storedVisits.dump(2))
+         << "</pre></body></html>\n";
     return page.str();
 }
 

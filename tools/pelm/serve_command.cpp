@@ -47,9 +47,12 @@ int serveCommand(const Arguments& args) {
         server::PelmServer server(options);
         server.store().seed(*seed);
         server.start();
-        std::printf("pelm-server on https://localhost:%d, database %s, %s\n", server.port(), options.database.c_str(),
-                    args.option("seed") ? ("seeded from " + *args.option("seed")).c_str() : "demo data (token demo-token)");
-        if (auto ca = server.caFile()) std::printf("throwaway certificate: trust it with --ca %s\n", ca->c_str());
+        std::printf("pelm-server on https://localhost:%d, database %s, %s\n", server.port(),
+                    options.database.c_str(),
+                    args.option("seed") ? ("seeded from " + *args.option("seed")).c_str()
+                                        : "demo data (token demo-token)");
+        if (auto ca = server.caFile())
+            std::printf("throwaway certificate: trust it with --ca %s\n", ca->c_str());
         std::printf("Ctrl-C stops it.\n");
         std::fflush(stdout);
         std::signal(SIGINT, [](int) { interrupted = 1; });

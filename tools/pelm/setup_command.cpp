@@ -22,9 +22,10 @@ int setupCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm setup: no answer within a minute\n");
         return 1;
     }
-    std::printf(*outcome ? "Configuration fetched and stored.\n"
-                         : "Could not fetch the configuration (the log line above says why); token and host are "
-                           "stored, the beacon settings are unchanged.\n");
+    std::printf(*outcome
+                    ? "Configuration fetched and stored.\n"
+                    : "Could not fetch the configuration (the log line above says why); token and host are "
+                      "stored, the beacon settings are unchanged.\n");
     printSettings(*SettingsManager::sharedInstance());
     return *outcome ? 0 : 1;
 }

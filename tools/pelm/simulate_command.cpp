@@ -23,10 +23,14 @@ std::string clock(std::chrono::milliseconds at) {
 
 const char* label(const TimelineEvent& event) {
     switch (event.kind) {
-        case TimelineEvent::Kind::Content: return "CONTENT ";
-        case TimelineEvent::Kind::Devices: return "nearby  ";
-        case TimelineEvent::Kind::Log: return "LOG     ";
-        default: return event.critical ? "STATUS! " : "status  ";
+        case TimelineEvent::Kind::Content:
+            return "CONTENT ";
+        case TimelineEvent::Kind::Devices:
+            return "nearby  ";
+        case TimelineEvent::Kind::Log:
+            return "LOG     ";
+        default:
+            return event.critical ? "STATUS! " : "status  ";
     }
 }
 
@@ -73,10 +77,11 @@ int simulateCommand(const Arguments& args) {
         return 2;
     }
 
-    std::printf("Simulating \"%s\": %zu beacons, a walk of %s, seed %llu, %s\n", options.scenario.name.c_str(),
-                options.scenario.beacons.size(), clock(options.scenario.duration()).c_str(),
-                static_cast<unsigned long long>(options.seed),
-                options.host ? ("server https://" + *options.host).c_str() : "embedded pelm-server with demo data");
+    std::printf(
+        "Simulating \"%s\": %zu beacons, a walk of %s, seed %llu, %s\n", options.scenario.name.c_str(),
+        options.scenario.beacons.size(), clock(options.scenario.duration()).c_str(),
+        static_cast<unsigned long long>(options.seed),
+        options.host ? ("server https://" + *options.host).c_str() : "embedded pelm-server with demo data");
     std::printf("What the host app sees:\n");
     std::fflush(stdout);
     const bool realTime = options.speed > 0;
@@ -97,8 +102,8 @@ int simulateCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm simulate: %s\n", result.failure.c_str());
         return 1;
     }
-    std::printf("\n%llu advertisements over %s of store time.\n", static_cast<unsigned long long>(result.advertisements),
-                clock(result.simulated).c_str());
+    std::printf("\n%llu advertisements over %s of store time.\n",
+                static_cast<unsigned long long>(result.advertisements), clock(result.simulated).c_str());
     if (!options.host) {
         std::printf("The visit as the server stored it:\n%s\n", result.storedVisits.dump(2).c_str());
     }

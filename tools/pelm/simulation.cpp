@@ -1,8 +1,8 @@
 #include "simulation.hpp"
 
+#include <unistd.h>
 #include <filesystem>
 #include <thread>
-#include <unistd.h>
 
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 #include <pelm/platform/ble/region_engine.hpp>
@@ -23,13 +23,16 @@ using namespace std::chrono_literals;
 
 /// Collects what the host app hears, stamped with the virtual time since the start.
 class Recorder : public PelmBeaconManagerDelegate, public platform::LogSink {
-public:
-    Recorder(std::shared_ptr<platform::VirtualLoop> loop, const std::function<void(const TimelineEvent&)>& onEvent)
+  public:
+    Recorder(std::shared_ptr<platform::VirtualLoop> loop,
+             const std::function<void(const TimelineEvent&)>& onEvent)
         : loop_(std::move(loop)), start_(loop_->now()), onEvent_(onEvent) {}
 
     void didFindContent(std::shared_ptr<Content> content) override {
-        std::string text = content->textRecord && content->textRecord->name ? *content->textRecord->name : "(untitled)";
-        if (content->displayType) text += std::string(" [") + std::string(rawValue(*content->displayType)) + "]";
+        std::string text =
+            content->textRecord && content->textRecord->name ? *content->textRecord->name : "(untitled)";
+        if (content->displayType)
+            text += std::string(" [") + std::string(rawValue(*content->displayType)) + "]";
         add(TimelineEvent::Kind::Content, text, false, content->id);
     }
     void didReceiveLog(const std::string& text, bool critical) override {
@@ -43,15 +46,18 @@ public:
         std::string text = std::to_string(beacons.size()) + " nearby:";
         for (const auto& b : beacons) {
             text += " " + b.identifier + " (" + std::to_string(b.rssi) + " dBm, battery " +
-                    std::to_string(b.batteryLevel) + "%" + (b.firmwareVersion.empty() ? "" : ", fw " + b.firmwareVersion) + ")";
+                    std::to_string(b.batteryLevel) + "%" +
+                    (b.firmwareVersion.empty() ? "" : ", fw " + b.firmwareVersion) + ")";
         }
         add(TimelineEvent::Kind::Devices, text, false, std::nullopt);
     }
-    void write(std::string_view line) override { add(TimelineEvent::Kind::Log, std::string(line), true, std::nullopt); }
+    void write(std::string_view line) override {
+        add(TimelineEvent::Kind::Log, std::string(line), true, std::nullopt);
+    }
 
     std::vector<TimelineEvent> events;
 
-private:
+  private:
     void add(TimelineEvent::Kind kind, std::string text, bool critical, std::optional<std::int64_t> id) {
         events.push_back({std::chrono::duration_cast<std::chrono::milliseconds>(loop_->now() - start_), kind,
                           std::move(text), critical, id});
@@ -73,11 +79,13 @@ struct LogForwarder : platform::LogSink {
 
 }  // namespace
 
-SimulationResult runSimulation(const SimulationOptions& options, const std::function<void(const TimelineEvent&)>& onEvent,
-                               const std::function<void(std::chrono::milliseconds, std::chrono::milliseconds)>& onProgress) {
+SimulationResult runSimulation(
+    const SimulationOptions& options, const std::function<void(const TimelineEvent&)>& onEvent,
+    const std::function<void(std::chrono::milliseconds, std::chrono::milliseconds)>& onProgress) {
     SimulationResult result;
     std::unique_ptr<server::PelmServer> embedded;
-    const auto folder = std::filesystem::temp_directory_path() / ("pelm-simulate-" + std::to_string(::getpid()));
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("pelm-simulate-" + std::to_string(::getpid()));
     auto host = options.host;
     auto token = options.token;
     auto ca = options.caFile;
@@ -93,7 +101,8 @@ SimulationResult runSimulation(const SimulationOptions& options, const std::func
         ca = embedded->caFile()->string();
     }
 
-    auto loop = std::make_shared<platform::VirtualLoop>(Date{std::chrono::sys_days{std::chrono::year{2026} / 11 / 22}} + 9h);
+    auto loop = std::make_shared<platform::VirtualLoop>(
+        Date{std::chrono::sys_days{std::chrono::year{2026} / 11 / 22}} + 9h);
     auto recorder = std::make_shared<Recorder>(loop, onEvent);
     auto forwarder = std::make_shared<LogForwarder>();
     forwarder->recorder = recorder;
@@ -103,7 +112,8 @@ SimulationResult runSimulation(const SimulationOptions& options, const std::func
     auto services = std::make_shared<platform::Platform>();
     services->mainQueue = loop;
     services->store = std::make_shared<platform::MemoryKeyValueStore>();
-    services->identity = std::make_shared<platform::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
+    services->identity =
+        std::make_shared<platform::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
     services->log = forwarder;
     services->http = std::make_shared<platform::CurlTransport>(loop, http);
     services->beaconVendor = engine;
@@ -131,7 +141,8 @@ SimulationResult runSimulation(const SimulationOptions& options, const std::func
             store.advertiseUntil(t, *engine);
             loop->advance(step);
             if (options.speed > 0) {
-                std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(step.count() / options.speed));
+                std::this_thread::sleep_for(
+                    std::chrono::duration<double, std::milli>(step.count() / options.speed));
             }
             if (onProgress && t.count() % 1000 == 0) onProgress(t, end);
         }

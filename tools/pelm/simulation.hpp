@@ -44,8 +44,8 @@ struct SimulationResult {
 
 /// Walks the scenario's shopper through the store against a real server: the region engine hears the
 /// simulated advertisements in virtual time and drives the real beacon manager and session engine.
-SimulationResult runSimulation(const SimulationOptions& options,
-                               const std::function<void(const TimelineEvent&)>& onEvent = {},
-                               const std::function<void(std::chrono::milliseconds, std::chrono::milliseconds)>& onProgress = {});
+SimulationResult runSimulation(
+    const SimulationOptions& options, const std::function<void(const TimelineEvent&)>& onEvent = {},
+    const std::function<void(std::chrono::milliseconds, std::chrono::milliseconds)>& onProgress = {});
 
 }  // namespace pelm::cli

@@ -15,28 +15,38 @@ namespace {
 volatile std::sig_atomic_t interrupted = 0;
 
 const char* text(ReachableStatus s) {
-    return s == ReachableStatus::Reachable ? "Reachable" : s == ReachableStatus::UnReachable ? "UnReachable" : "Unknown";
+    return s == ReachableStatus::Reachable     ? "Reachable"
+           : s == ReachableStatus::UnReachable ? "UnReachable"
+                                               : "Unknown";
 }
 const char* text(LocationStatus s) {
     switch (s) {
-        case LocationStatus::AlwaysAllowed: return "AlwaysAllowed";
-        case LocationStatus::WhenInUseAllowed: return "WhenInUseAllowed";
-        case LocationStatus::NotAllowed: return "NotAllowed";
-        default: return "Unknown";
+        case LocationStatus::AlwaysAllowed:
+            return "AlwaysAllowed";
+        case LocationStatus::WhenInUseAllowed:
+            return "WhenInUseAllowed";
+        case LocationStatus::NotAllowed:
+            return "NotAllowed";
+        default:
+            return "Unknown";
     }
 }
 const char* text(BluetoothStatus s) {
     switch (s) {
-        case BluetoothStatus::On: return "On";
-        case BluetoothStatus::Off: return "Off";
-        case BluetoothStatus::Error: return "Error (no controller, or not usable)";
-        default: return "Unknown";
+        case BluetoothStatus::On:
+            return "On";
+        case BluetoothStatus::Off:
+            return "Off";
+        case BluetoothStatus::Error:
+            return "Error (no controller, or not usable)";
+        default:
+            return "Unknown";
     }
 }
 
 // Prints each status as it arrives, with the time when watching.
 class Printer : public PelmDeviceStatusManagerDelegate {
-public:
+  public:
     Printer(std::string host, bool stamped) : host_(std::move(host)), stamped_(stamped) {}
     void didChangeReachableStatus(ReachableStatus status) override {
         print("server " + host_, text(status));
@@ -50,7 +60,7 @@ public:
     bool reachability = false;
     bool bluetoothKnown = false;
 
-private:
+  private:
     void print(const std::string& what, const char* value) const {
         if (stamped_) {
             const auto now = std::time(nullptr);
@@ -90,7 +100,8 @@ int statusCommand(const Arguments& args) {
         std::signal(SIGTERM, [](int) { interrupted = 1; });
         runUntil([] { return interrupted != 0; }, std::chrono::hours(24 * 365));
     } else {
-        runUntil([&] { return (printer->reachability || !host) && printer->bluetoothKnown; }, std::chrono::seconds(3));
+        runUntil([&] { return (printer->reachability || !host) && printer->bluetoothKnown; },
+                 std::chrono::seconds(3));
     }
     manager.reset();
     return 0;

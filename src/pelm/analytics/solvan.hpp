@@ -36,8 +36,9 @@ struct RawValues<SolvanAnalyticsCategory> {
 
 template <>
 struct RawValues<SolvanAnalyticsAction> {
-    static constexpr std::array table{std::pair{SolvanAnalyticsAction::discoverd, std::string_view{"Discovered"}},
-                                      std::pair{SolvanAnalyticsAction::delivered, std::string_view{"Delivered"}}};
+    static constexpr std::array table{
+        std::pair{SolvanAnalyticsAction::discoverd, std::string_view{"Discovered"}},
+        std::pair{SolvanAnalyticsAction::delivered, std::string_view{"Delivered"}}};
 };
 
 template <>
@@ -53,7 +54,8 @@ struct Solvan {
     /// The merchandise group's name, or the number's decimal text.
     static std::string merchandiseGroupName(std::int64_t number);
     /// uuid + "+" + major + "+" + minor, unchanged.
-    static std::string eventLabelByBeacon(std::string_view uuid, std::string_view major, std::string_view minor);
+    static std::string eventLabelByBeacon(std::string_view uuid, std::string_view major,
+                                          std::string_view minor);
 };
 
 }  // namespace pelm

@@ -13,7 +13,9 @@ struct Overloaded : Visitors... {
 template <class... Visitors>
 Overloaded(Visitors...) -> Overloaded<Visitors...>;
 
-JSON objectOf(const auto& record) { return record ? record->toJSON() : JSON::object(); }
+JSON objectOf(const auto& record) {
+    return record ? record->toJSON() : JSON::object();
+}
 
 // A lookup is meaningless without the whole identity; a missing text is sent empty and finds nothing.
 std::string textOf(const std::shared_ptr<Beacon>& beacon, std::optional<std::string> Beacon::*field) {
@@ -51,9 +53,15 @@ std::string APIRequest::path() const {
 
 JSON APIRequest::parameters() const {
     return std::visit(Overloaded{
-                          [](const Status& c) { return JSON{{"app_token", c.appToken}}; },
-                          [](const AppConfig& c) { return JSON{{"app_token", c.appToken}}; },
-                          [](const ContentById& c) { return JSON{{"app_token", c.appToken}, {"session_user", c.user}}; },
+                          [](const Status& c) {
+                              return JSON{{"app_token", c.appToken}};
+                          },
+                          [](const AppConfig& c) {
+                              return JSON{{"app_token", c.appToken}};
+                          },
+                          [](const ContentById& c) {
+                              return JSON{{"app_token", c.appToken}, {"session_user", c.user}};
+                          },
                           [](const ContentByHardware& c) {
                               return JSON{{"app_token", c.appToken},
                                           {"major", textOf(c.beacon, &Beacon::major)},
@@ -83,7 +91,8 @@ std::optional<platform::HttpRequest> APIRequest::urlRequest() const {
     request.url = joinURL(*base, path());
     const auto encoded = formEncode(parameters());
     if (request.method == "GET") {
-        if (!encoded.empty()) request.url += (request.url.find('?') == std::string::npos ? "?" : "&") + encoded;
+        if (!encoded.empty())
+            request.url += (request.url.find('?') == std::string::npos ? "?" : "&") + encoded;
     } else {
         request.body = encoded;
         request.headers.emplace_back("Content-Type", "application/x-www-form-urlencoded; charset=utf-8");

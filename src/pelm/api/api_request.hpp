@@ -18,7 +18,7 @@ namespace pelm {
 /// One call to the content server, and the HTTP request it becomes. The token and user travel as ordinary
 /// parameters; no call sets an authentication header.
 class APIRequest {
-public:
+  public:
     struct Status {
         std::string appToken;
     };
@@ -46,8 +46,8 @@ public:
 
     /// A request is its case: any of the five converts.
     template <class C>
-        requires std::is_constructible_v<Case, C&&>
-    APIRequest(C&& value) : case_(std::forward<C>(value)) {}  // NOLINT(google-explicit-constructor)
+    requires std::is_constructible_v<Case, C&&> APIRequest(C&& value)
+        : case_(std::forward<C>(value)) {}  // NOLINT(google-explicit-constructor)
 
     const Case& value() const { return case_; }
     /// "GET" or "POST".
@@ -60,7 +60,7 @@ public:
     /// The finished request for the host stored now; none when no host is stored.
     std::optional<platform::HttpRequest> urlRequest() const;
 
-private:
+  private:
     Case case_;
 };
 

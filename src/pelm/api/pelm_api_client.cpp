@@ -19,14 +19,16 @@ void replaceAll(std::string& text, const std::string& what, std::string_view wit
 
 // The envelope a reply makes, or why it makes none.
 template <class Envelope>
-std::variant<std::shared_ptr<Envelope>, std::string> judge(const platform::HttpReply& reply, bool exactly200) {
+std::variant<std::shared_ptr<Envelope>, std::string> judge(const platform::HttpReply& reply,
+                                                           bool exactly200) {
     if (reply.error) return *reply.error;
     const bool accepted = exactly200 ? reply.status == 200 : (reply.status >= 200 && reply.status <= 299);
     if (!accepted) return "Response status code was unacceptable: " + std::to_string(reply.status) + ".";
     if (reply.body.empty()) return std::string("The reply could not be read: its body is empty.");
     const auto parsed = parseJSONText(reply.body);
     if (!parsed) return std::string("The reply could not be read: its body is not valid JSON.");
-    if (!parsed->is_object()) return std::string("The reply could not be read: its body is not a JSON object.");
+    if (!parsed->is_object())
+        return std::string("The reply could not be read: its body is not a JSON object.");
     return Envelope::fromJSON(*parsed);
 }
 
@@ -72,16 +74,20 @@ void PelmAPIClient::perform(const APIRequest& request, Accepted accepted,
                             std::function<void(std::shared_ptr<Envelope>)> onSuccess,
                             std::function<void()> onFailure) const {
     // Everything the reply needs is captured here; the client itself may be gone by then.
-    auto finish = [token = appToken_, exactly200 = accepted == Accepted::Exactly200, onSuccess = std::move(onSuccess),
+    auto finish = [token = appToken_, exactly200 = accepted == Accepted::Exactly200,
+                   onSuccess = std::move(onSuccess),
                    onFailure = std::move(onFailure)](const platform::HttpReply& reply) {
         auto outcome = judge<Envelope>(reply, exactly200);
-        if (auto* envelope = std::get_if<std::shared_ptr<Envelope>>(&outcome)) return onSuccess(std::move(*envelope));
+        if (auto* envelope = std::get_if<std::shared_ptr<Envelope>>(&outcome))
+            return onSuccess(std::move(*envelope));
         Log::error([&] { return withoutSecret(std::get<std::string>(std::move(outcome)), token); });
         onFailure();
     };
     auto http = request.urlRequest();
     if (!http) {
-        mainQueue_->post([finish = std::move(finish)] { finish(platform::HttpReply{0, {}, "No api host set."}); });
+        mainQueue_->post([finish = std::move(finish)] {
+            finish(platform::HttpReply{0, {}, "No api host set."});
+        });
         return;
     }
     transport_->send(std::move(*http), std::move(finish));
@@ -132,7 +138,8 @@ void PelmAPIClient::contentByHardware(std::shared_ptr<Beacon> beacon, std::strin
         });
 }
 
-void PelmAPIClient::createSession(std::shared_ptr<Session> session, std::string user, std::shared_ptr<Beacon> beacon,
+void PelmAPIClient::createSession(std::shared_ptr<Session> session, std::string user,
+                                  std::shared_ptr<Beacon> beacon,
                                   std::vector<std::shared_ptr<SessionLog>> sessionLogs,
                                   CreateSessionCompletion completion) const {
     perform<SessionResponse>(

@@ -19,12 +19,12 @@ namespace pelm {
 /// line in the log. A call in flight needs nothing of the client: dropping the client right after a call
 /// still completes it.
 class PelmAPIClient {
-public:
+  public:
     using StatusCompletion = std::function<void(bool successful, std::shared_ptr<StatusResponse> status)>;
     using AppConfigCompletion = std::function<void(bool successful, std::shared_ptr<AppConfig> appConfig)>;
     using ContentByIdCompletion = std::function<void(bool succesful, std::shared_ptr<Content> content)>;
-    using ContentByHardwareCompletion = std::function<void(bool successful, std::shared_ptr<Content> entryContent,
-                                                           std::shared_ptr<Content> exitContent)>;
+    using ContentByHardwareCompletion = std::function<void(
+        bool successful, std::shared_ptr<Content> entryContent, std::shared_ptr<Content> exitContent)>;
     using CreateSessionCompletion = std::function<void(bool successful)>;
 
     /// Token and host from the shared settings; none (after an error line) when either is missing.
@@ -38,17 +38,19 @@ public:
     void contentByHardware(std::shared_ptr<Beacon> beacon, std::string user,
                            ContentByHardwareCompletion completion) const;
     void createSession(std::shared_ptr<Session> session, std::string user, std::shared_ptr<Beacon> beacon,
-                       std::vector<std::shared_ptr<SessionLog>> sessionLogs, CreateSessionCompletion completion) const;
+                       std::vector<std::shared_ptr<SessionLog>> sessionLogs,
+                       CreateSessionCompletion completion) const;
 
     const std::string& appToken() const { return appToken_; }
     const std::string& apiHost() const { return apiHost_; }
 
-private:
+  private:
     enum class Accepted { Any2xx, Exactly200 };
 
     template <class Envelope>
     void perform(const APIRequest& request, Accepted accepted,
-                 std::function<void(std::shared_ptr<Envelope>)> onSuccess, std::function<void()> onFailure) const;
+                 std::function<void(std::shared_ptr<Envelope>)> onSuccess,
+                 std::function<void()> onFailure) const;
 
     std::string appToken_;
     std::string apiHost_;

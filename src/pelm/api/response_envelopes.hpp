@@ -14,12 +14,13 @@ enum class APIResponseStatus { Successful, Error };
 
 template <>
 struct RawValues<APIResponseStatus> {
-    static constexpr std::array table{std::pair{APIResponseStatus::Successful, std::string_view{"successful"}},
-                                      std::pair{APIResponseStatus::Error, std::string_view{"error"}}};
+    static constexpr std::array table{
+        std::pair{APIResponseStatus::Successful, std::string_view{"successful"}},
+        std::pair{APIResponseStatus::Error, std::string_view{"error"}}};
 };
 
 class StatusResponse : public Mappable<StatusResponse> {
-public:
+  public:
     std::optional<APIResponseStatus> status;
     std::optional<std::string> version;
     std::optional<std::string> apiVersion;
@@ -35,7 +36,7 @@ public:
 };
 
 class AppConfigResponse : public Mappable<AppConfigResponse> {
-public:
+  public:
     std::optional<APIResponseStatus> status;
     std::shared_ptr<AppConfig> appConfig;
 
@@ -47,7 +48,7 @@ public:
 };
 
 class ContentByIdResponse : public Mappable<ContentByIdResponse> {
-public:
+  public:
     std::optional<APIResponseStatus> status;
     std::shared_ptr<Content> content;
 
@@ -60,7 +61,7 @@ public:
 
 /// Note the word order: fields entry/exit first, keys content_ first.
 class ContentByHardwareResponse : public Mappable<ContentByHardwareResponse> {
-public:
+  public:
     std::optional<APIResponseStatus> status;
     std::shared_ptr<Content> entryContent;
     std::shared_ptr<Content> exitContent;
@@ -74,7 +75,7 @@ public:
 };
 
 class SessionResponse : public Mappable<SessionResponse> {
-public:
+  public:
     std::optional<APIResponseStatus> status;
 
     template <class Self, class Map>

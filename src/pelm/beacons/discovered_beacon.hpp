@@ -22,8 +22,8 @@ struct DiscoveredBeacon {
     /// None for a device without a unique identifier: the host app could not tell such devices apart.
     static std::optional<DiscoveredBeacon> fromKontaktBeacon(const platform::NearbyDevice& device) {
         if (!device.uniqueID) return std::nullopt;
-        return DiscoveredBeacon{*device.uniqueID, device.transmissionPower, device.firmwareVersion.value_or(""),
-                                device.batteryLevel, device.rssi};
+        return DiscoveredBeacon{*device.uniqueID, device.transmissionPower,
+                                device.firmwareVersion.value_or(""), device.batteryLevel, device.rssi};
     }
 };
 

@@ -13,9 +13,13 @@ using platform::BeaconRegion;
 constexpr const char* kMainRegionIdentifier = "PELM Region";
 constexpr const char* kSubRegionIdentifier = "Custom Region";
 
-bool isSubRegion(const BeaconRegion& region) { return region.major && region.minor; }
+bool isSubRegion(const BeaconRegion& region) {
+    return region.major && region.minor;
+}
 
-std::string uuidText(const BeaconRegion& region) { return region.proximityUUID.uuidString(); }
+std::string uuidText(const BeaconRegion& region) {
+    return region.proximityUUID.uuidString();
+}
 
 void notifyOnEverything(BeaconRegion& region) {
     region.notifyOnEntry = true;
@@ -25,22 +29,31 @@ void notifyOnEverything(BeaconRegion& region) {
 
 const char* authorizationText(platform::AuthorizationStatus status) {
     switch (status) {
-        case 0: return " status: Not Determined";
-        case 1: return " status: Restricted";
-        case 2: return " status: Denied";
-        case 3: return " status: AuthorizedAlways";
-        case 4: return " status: AuthorizedWhenInUse";
-        default: return "";
+        case 0:
+            return " status: Not Determined";
+        case 1:
+            return " status: Restricted";
+        case 2:
+            return " status: Denied";
+        case 3:
+            return " status: AuthorizedAlways";
+        case 4:
+            return " status: AuthorizedWhenInUse";
+        default:
+            return "";
     }
 }
 
 }  // namespace
 
-std::shared_ptr<PelmBeaconManager> PelmBeaconManager::make() { return make<PelmBeaconManager>(); }
+std::shared_ptr<PelmBeaconManager> PelmBeaconManager::make() {
+    return make<PelmBeaconManager>();
+}
 
 PelmBeaconManager::PelmBeaconManager() : PelmBeaconManager(platform::current()->beaconVendor) {}
 
-PelmBeaconManager::PelmBeaconManager(std::shared_ptr<platform::BeaconVendor> vendor) : vendor_(std::move(vendor)) {}
+PelmBeaconManager::PelmBeaconManager(std::shared_ptr<platform::BeaconVendor> vendor)
+    : vendor_(std::move(vendor)) {}
 
 void PelmBeaconManager::setUp() {
     setupSessionManager();
@@ -120,10 +133,13 @@ void PelmBeaconManager::monitorNewRegion(const platform::ProximityUUID& uuid, st
     notifyOnEverything(region);
     beaconManger_->startMonitoring(region);
     beaconManger_->requestState(region);
-    sendLog("Starting monitoring for: major: " + std::to_string(major) + " minor: " + std::to_string(minor), false);
+    sendLog("Starting monitoring for: major: " + std::to_string(major) + " minor: " + std::to_string(minor),
+            false);
 }
 
-void PelmBeaconManager::startRangingForRegion(const BeaconRegion& region) { beaconManger_->startRanging(region); }
+void PelmBeaconManager::startRangingForRegion(const BeaconRegion& region) {
+    beaconManger_->startRanging(region);
+}
 
 void PelmBeaconManager::stopRangingForRegion(const BeaconRegion& region) {
     beaconManger_->stopRanging(region);
@@ -136,8 +152,8 @@ void PelmBeaconManager::stopRangingForRegion(const BeaconRegion& region) {
 
 void PelmBeaconManager::addSessionEntryLogForRegion(const BeaconRegion& region) {
     if (!isSubRegion(region)) return;
-    sessionManager_->addEntryEvent(
-        std::make_shared<Beacon>(uuidText(region), std::to_string(*region.major), std::to_string(*region.minor)));
+    sessionManager_->addEntryEvent(std::make_shared<Beacon>(uuidText(region), std::to_string(*region.major),
+                                                            std::to_string(*region.minor)));
 }
 
 // --- the vendor's callbacks -------------------------------------------------------------------------------
@@ -152,8 +168,12 @@ void PelmBeaconManager::didChangeLocationAuthorizationStatus(platform::Authoriza
 void PelmBeaconManager::didDetermineState(platform::RegionState state, const BeaconRegion& region) {
     std::string line = "DidDetermineState";
     switch (state) {
-        case platform::RegionState::Unknown: line += " state: Unknown"; break;
-        case platform::RegionState::Outside: line += " state: Outside"; break;
+        case platform::RegionState::Unknown:
+            line += " state: Unknown";
+            break;
+        case platform::RegionState::Outside:
+            line += " state: Outside";
+            break;
         case platform::RegionState::Inside:
             line += " state: Inside";
             startDiscoveryWithInterval(2.0);
@@ -181,9 +201,11 @@ void PelmBeaconManager::didEnterRegion(const BeaconRegion& region) {
     firstBeacon_ = true;
 }
 
-void PelmBeaconManager::didRangeBeacons(const std::vector<platform::RangedBeacon>& beacons, const BeaconRegion&) {
+void PelmBeaconManager::didRangeBeacons(const std::vector<platform::RangedBeacon>& beacons,
+                                        const BeaconRegion&) {
     for (const auto& ranged : beacons) {
-        if (sessionManager_->addBeacon(std::make_shared<Beacon>(ranged.proximityUUID, ranged.major, ranged.minor))) {
+        if (sessionManager_->addBeacon(
+                std::make_shared<Beacon>(ranged.proximityUUID, ranged.major, ranged.minor))) {
             monitorNewRegion(ranged.proximityUUID, ranged.major, ranged.minor);
         }
     }
@@ -241,7 +263,8 @@ void PelmBeaconManager::stopDiscovery() {
     sendLog("Stopping discovery with interval", false);
 }
 
-void PelmBeaconManager::didDiscoverDevices(const std::optional<std::vector<platform::NearbyDevice>>& devices) {
+void PelmBeaconManager::didDiscoverDevices(
+    const std::optional<std::vector<platform::NearbyDevice>>& devices) {
     if (!devices) return;
     std::vector<DiscoveredBeacon> found;
     found.reserve(devices->size());
@@ -259,15 +282,19 @@ void PelmBeaconManager::didFailToStartDiscovery(const std::optional<std::string>
 void PelmBeaconManager::didFindNewContent(std::shared_ptr<Content> content, std::shared_ptr<Beacon> beacon) {
     if (delegate) delegate->didFindContent(content);
     std::string line = "Did find new content";
-    if (content && content->textRecord && content->textRecord->name) line += ": " + *content->textRecord->name;
+    if (content && content->textRecord && content->textRecord->name)
+        line += ": " + *content->textRecord->name;
     sendLog(line, false);
     if (beacon && beacon->uuid && beacon->major && beacon->minor) {
-        trackEvent(SolvanAnalyticsCategory::beaconViews, std::string(rawValue(SolvanAnalyticsAction::discoverd)),
+        trackEvent(SolvanAnalyticsCategory::beaconViews,
+                   std::string(rawValue(SolvanAnalyticsAction::discoverd)),
                    Solvan::eventLabelByBeacon(*beacon->uuid, *beacon->major, *beacon->minor));
     }
 }
 
-void PelmBeaconManager::didChangeSessionStatus(const std::string& status, bool critical) { sendLog(status, critical); }
+void PelmBeaconManager::didChangeSessionStatus(const std::string& status, bool critical) {
+    sendLog(status, critical);
+}
 
 void PelmBeaconManager::sendLog(const std::string& text, bool critical) const {
     if (delegate) delegate->didReceiveLog(text, critical);
@@ -283,8 +310,8 @@ void PelmBeaconManager::trackEvent(SolvanAnalyticsCategory category, const std::
 void PelmBeaconManager::trackSubRegionEntry(const BeaconRegion& region) {
     const auto store = Solvan::storeName(*region.major);
     const std::string enter(rawValue(SolvanAnalyticsLabel::enter));
-    const auto label =
-        Solvan::eventLabelByBeacon(uuidText(region), std::to_string(*region.major), std::to_string(*region.minor));
+    const auto label = Solvan::eventLabelByBeacon(uuidText(region), std::to_string(*region.major),
+                                                  std::to_string(*region.minor));
     trackEvent(SolvanAnalyticsCategory::beaconStoreMerchandiseGroup, store,
                Solvan::merchandiseGroupName(*region.minor));
     if (firstBeacon_) {
@@ -293,7 +320,8 @@ void PelmBeaconManager::trackSubRegionEntry(const BeaconRegion& region) {
     }
     trackEvent(SolvanAnalyticsCategory::beaconViews, store, label);
     trackEvent(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime, store, enter);
-    trackEvent(SolvanAnalyticsCategory::beaconViews, std::string(rawValue(SolvanAnalyticsAction::discoverd)), label);
+    trackEvent(SolvanAnalyticsCategory::beaconViews, std::string(rawValue(SolvanAnalyticsAction::discoverd)),
+               label);
 }
 
 void PelmBeaconManager::trackSubRegionExit(const BeaconRegion& region) {

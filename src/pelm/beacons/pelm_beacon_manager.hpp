@@ -23,7 +23,7 @@ class PelmBeaconManager : public PelmSessionManagerDelegate,
                           public platform::RegionMonitorDelegate,
                           public platform::DeviceScannerDelegate,
                           public std::enable_shared_from_this<PelmBeaconManager> {
-public:
+  public:
     /// Reads the stored vendor key and UUID once, now, and sets up accordingly. Never fails: without a key
     /// (or without a beacon platform) it stays without vendor services; without a valid UUID, without a
     /// main region.
@@ -66,7 +66,7 @@ public:
     bool firstBeacon() const { return firstBeacon_; }
     std::optional<std::int64_t> lastBeaconMajorId() const { return lastBeaconMajorId_; }
 
-protected:
+  protected:
     /// Uses the installed platform's beacon vendor.
     PelmBeaconManager();
     explicit PelmBeaconManager(std::shared_ptr<platform::BeaconVendor> vendor);
@@ -77,7 +77,7 @@ protected:
     virtual void trackEvent(SolvanAnalyticsCategory category, const std::string& action,
                             const std::optional<std::string>& label);
 
-private:
+  private:
     void setupSessionManager();
     void setupKontaktSDK();
     void setupMainRegion();

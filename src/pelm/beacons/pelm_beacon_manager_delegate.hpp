@@ -11,7 +11,7 @@ namespace pelm {
 
 /// What the host app implements to hear from the beacon manager. All calls arrive on the main queue.
 class PelmBeaconManagerDelegate {
-public:
+  public:
     virtual ~PelmBeaconManagerDelegate() = default;
     /// Content found for a beacon; the host app decides how to show it.
     virtual void didFindContent(std::shared_ptr<Content> content) = 0;

@@ -10,7 +10,7 @@ namespace pelm {
 
 /// The configuration the server keeps for one host app.
 class AppConfig : public Mappable<AppConfig> {
-public:
+  public:
     std::optional<std::int64_t> slcDistance;
     std::optional<std::string> minSDK;
     std::optional<std::int64_t> maxSessionTime;

@@ -12,7 +12,7 @@ namespace pelm {
 /// A beacon's identity: proximity UUID in canonical 36-character form, major and minor as decimal text.
 /// Shared by reference (std::shared_ptr<Beacon>); two beacons are compared by their texts, never by address.
 class Beacon : public Mappable<Beacon> {
-public:
+  public:
     std::optional<std::string> uuid;
     std::optional<std::string> major;
     std::optional<std::string> minor;

@@ -13,7 +13,7 @@ namespace pelm {
 /// What the server assigns to a beacon for entering or leaving it. The library reads only `coolDownTime`;
 /// everything else reaches the host app as the server sent it.
 class Content : public Mappable<Content> {
-public:
+  public:
     enum class DisplayType { entry, exit };
 
     std::optional<std::int64_t> id;

@@ -21,7 +21,7 @@ using JSON = nlohmann::ordered_json;
 /// Reading direction of a record's binding list: each field takes its member only when the member has the
 /// field's JSON type; anything else (missing, null, another type) leaves the field as it is.
 class JSONReader {
-public:
+  public:
     explicit JSONReader(const JSON& object) : object_(object) {}
 
     void operator()(std::string_view key, std::optional<std::string>& field) const {
@@ -65,7 +65,8 @@ public:
         if (value.is_number_float()) {
             const double d = value.get<double>();
             // 2^63 is exactly representable; every double below it in magnitude fits.
-            if (!std::isfinite(d) || d != std::trunc(d) || d >= 9223372036854775808.0 || d < -9223372036854775808.0) {
+            if (!std::isfinite(d) || d != std::trunc(d) || d >= 9223372036854775808.0 ||
+                d < -9223372036854775808.0) {
                 return std::nullopt;
             }
             return static_cast<std::int64_t>(d);
@@ -73,7 +74,7 @@ public:
         return std::nullopt;
     }
 
-private:
+  private:
     const JSON* find(std::string_view key) const {
         const auto found = object_.find(key);
         if (found == object_.end() || found->is_null()) return nullptr;
@@ -85,7 +86,7 @@ private:
 
 /// Writing direction: fields with a value are written in binding order; empty ones are left out.
 class JSONWriter {
-public:
+  public:
     template <class T>
     void operator()(std::string_view key, const std::optional<T>& field) {
         if (!field) return;
@@ -110,7 +111,7 @@ public:
 
     JSON take() { return std::move(object_); }
 
-private:
+  private:
     JSON object_ = JSON::object();
 };
 
@@ -118,7 +119,7 @@ private:
 /// anything that is not an object gives a record with every field empty.
 template <class Record>
 class Mappable {
-public:
+  public:
     static std::shared_ptr<Record> fromJSON(const JSON& json) {
         auto record = std::make_shared<Record>();
         if (json.is_object()) {
@@ -140,7 +141,7 @@ public:
     /// Invalid UTF-8 in a text field is replaced rather than thrown at the caller.
     std::string toJSONText() const { return toJSON().dump(-1, ' ', false, JSON::error_handler_t::replace); }
 
-protected:
+  protected:
     Mappable() = default;
 };
 

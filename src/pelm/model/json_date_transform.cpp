@@ -18,9 +18,12 @@ Fields fieldsOf(sys_seconds instant) {
     const auto days = floor<std::chrono::days>(instant);
     const year_month_day ymd{days};
     const hh_mm_ss clock{instant - days};
-    return {static_cast<int>(ymd.year()),     static_cast<int>(static_cast<unsigned>(ymd.month())),
-            static_cast<int>(static_cast<unsigned>(ymd.day())), static_cast<int>(clock.hours().count()),
-            static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count())};
+    return {static_cast<int>(ymd.year()),
+            static_cast<int>(static_cast<unsigned>(ymd.month())),
+            static_cast<int>(static_cast<unsigned>(ymd.day())),
+            static_cast<int>(clock.hours().count()),
+            static_cast<int>(clock.minutes().count()),
+            static_cast<int>(clock.seconds().count())};
 }
 
 // The local offset at an instant, in whole minutes. Historic zones have offsets with seconds (local mean
@@ -55,7 +58,8 @@ std::string dateText(Date date) {
     char text[48];
     std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d%c%02d%02d", f.year, f.month, f.day,
                   f.hour, f.minute, f.second, static_cast<int>((millis - seconds).count()),
-                  offset.count() < 0 ? '-' : '+', static_cast<int>(magnitude / 60), static_cast<int>(magnitude % 60));
+                  offset.count() < 0 ? '-' : '+', static_cast<int>(magnitude / 60),
+                  static_cast<int>(magnitude % 60));
     return text;
 }
 
@@ -67,9 +71,9 @@ std::optional<Date> dateFromText(std::string_view text) {
         return std::nullopt;
     }
     int y, mo, d, h, mi, s, ms, oh, om;
-    if (!digits(text, 0, 4, y) || !digits(text, 5, 2, mo) || !digits(text, 8, 2, d) || !digits(text, 11, 2, h) ||
-        !digits(text, 14, 2, mi) || !digits(text, 17, 2, s) || !digits(text, 20, 3, ms) ||
-        !digits(text, 24, 2, oh) || !digits(text, 26, 2, om)) {
+    if (!digits(text, 0, 4, y) || !digits(text, 5, 2, mo) || !digits(text, 8, 2, d) ||
+        !digits(text, 11, 2, h) || !digits(text, 14, 2, mi) || !digits(text, 17, 2, s) ||
+        !digits(text, 20, 3, ms) || !digits(text, 24, 2, oh) || !digits(text, 26, 2, om)) {
         return std::nullopt;
     }
     const year_month_day ymd{year{y}, month{static_cast<unsigned>(mo)}, day{static_cast<unsigned>(d)}};

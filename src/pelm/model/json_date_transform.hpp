@@ -12,7 +12,7 @@ namespace pelm {
 /// Dates travel as "yyyy-MM-dd'T'HH:mm:ss.SSSZ": 2016-07-16T19:20:30.450+0200, written in the local time
 /// zone and read back with the offset in the text deciding the instant.
 class JSONDateTransform {
-public:
+  public:
     /// The date's text, or none for no date.
     std::optional<std::string> transformToJSON(const std::optional<Date>& value) const;
     /// A date for any JSON string (the current instant when the text does not match the form); none for a

@@ -13,6 +13,7 @@ namespace pelm {
 inline constexpr std::size_t kMaxJSONDepth = 128;
 
 /// Parses JSON text; none for malformed text or text nested deeper than `maxDepth`. Never throws.
-std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text, std::size_t maxDepth = kMaxJSONDepth);
+std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text,
+                                                    std::size_t maxDepth = kMaxJSONDepth);
 
 }  // namespace pelm

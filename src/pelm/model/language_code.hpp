@@ -9,7 +9,7 @@ namespace pelm {
 
 /// The language of a content text.
 class LanguageCode : public Mappable<LanguageCode> {
-public:
+  public:
     std::optional<std::string> code;
     std::optional<std::string> name;
 

@@ -9,7 +9,7 @@ namespace pelm {
 
 /// Where a content's image is and where it links to, kept as the server's text.
 class MetaInfo : public Mappable<MetaInfo> {
-public:
+  public:
     std::optional<std::string> imageURI;
     std::optional<std::string> linkURI;
 

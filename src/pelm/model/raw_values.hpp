@@ -12,7 +12,9 @@ template <class E>
 struct RawValues;
 
 template <class E>
-concept RawRepresentable = requires { RawValues<E>::table; };
+concept RawRepresentable = requires {
+    RawValues<E>::table;
+};
 
 /// The raw text of a case.
 template <RawRepresentable E>

@@ -10,7 +10,7 @@ namespace pelm {
 
 /// One visit, filled when it ends and sent with its log lines.
 class Session : public Mappable<Session> {
-public:
+  public:
     std::optional<std::string> appVersion;
     std::optional<std::string> sdkVersion;
     std::optional<std::string> operatingSystem;

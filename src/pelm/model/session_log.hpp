@@ -11,7 +11,7 @@ namespace pelm {
 /// One beacon of a visit: when it was entered and, once left, when it was left. Shared by reference:
 /// the same line moves from the open list to the finished one.
 class SessionLog : public Mappable<SessionLog> {
-public:
+  public:
     std::optional<std::string> uuid;
     std::optional<std::string> major;
     std::optional<std::string> minor;
@@ -20,7 +20,10 @@ public:
 
     SessionLog() = default;
     SessionLog(std::string uuid, std::string major, std::string minor, Date entranceTime)
-        : uuid(std::move(uuid)), major(std::move(major)), minor(std::move(minor)), entranceTime(entranceTime) {}
+        : uuid(std::move(uuid)),
+          major(std::move(major)),
+          minor(std::move(minor)),
+          entranceTime(entranceTime) {}
 
     template <class Self, class Map>
     static void mapping(Self& self, Map& map) {

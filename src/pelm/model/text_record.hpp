@@ -10,7 +10,7 @@ namespace pelm {
 
 /// The text of a content, its title and its language.
 class TextRecord : public Mappable<TextRecord> {
-public:
+  public:
     std::optional<std::string> name;
     std::optional<std::string> text;
     std::shared_ptr<LanguageCode> languageCode;

@@ -22,7 +22,8 @@ struct BeaconRegion {
 
     /// Whether a beacon with this identity belongs to the region.
     bool contains(const ProximityUUID& uuid, std::uint16_t beaconMajor, std::uint16_t beaconMinor) const {
-        return uuid == proximityUUID && (!major || *major == beaconMajor) && (!minor || *minor == beaconMinor);
+        return uuid == proximityUUID && (!major || *major == beaconMajor) &&
+               (!minor || *minor == beaconMinor);
     }
     friend bool operator==(const BeaconRegion&, const BeaconRegion&) = default;
 };

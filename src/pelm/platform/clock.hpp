@@ -6,7 +6,7 @@ namespace pelm::platform {
 
 /// Where the library's "now" comes from. In virtual time it moves only when advanced.
 class Clock {
-public:
+  public:
     virtual ~Clock() = default;
     virtual Date now() const = 0;
 };

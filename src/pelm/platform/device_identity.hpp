@@ -7,7 +7,7 @@ namespace pelm::platform {
 
 /// Who this device and host app are.
 class DeviceIdentity {
-public:
+  public:
     virtual ~DeviceIdentity() = default;
     /// Identifier of this device, stable for all apps of one vendor; none when it cannot be had yet.
     /// When present it is the 36-character canonical UUID text.

@@ -8,7 +8,7 @@ namespace pelm::platform {
 
 /// Watches whether one host name can be reached. The callbacks may come from any thread.
 class ReachabilityWatcher {
-public:
+  public:
     using Callback = std::function<void(ReachabilityWatcher&)>;
     virtual ~ReachabilityWatcher() = default;
     /// Set before starting: called when the host becomes reachable, and when it becomes unreachable.
@@ -22,7 +22,7 @@ public:
 
 /// Makes reachability watchers; none when a watcher cannot be made for the host.
 class ReachabilityService {
-public:
+  public:
     virtual ~ReachabilityService() = default;
     virtual std::unique_ptr<ReachabilityWatcher> makeWatcher(const std::string& host) = 0;
 };
@@ -30,7 +30,7 @@ public:
 /// Whether the app may use location services: 0 not determined, 1 restricted, 2 denied, 3 always,
 /// 4 when in use.
 class LocationAuthorization {
-public:
+  public:
     virtual ~LocationAuthorization() = default;
     virtual int authorizationStatus() const = 0;
     /// The answer, if it changes anything, arrives through the observers.
@@ -42,7 +42,7 @@ public:
 /// The Bluetooth controller's state: 0 unknown, 1 resetting, 2 unsupported, 3 unauthorised, 4 powered off,
 /// 5 powered on.
 class BluetoothState {
-public:
+  public:
     virtual ~BluetoothState() = default;
     virtual int state() const = 0;
     /// Calls `onChange` on the main queue at every change, for as long as the returned handle is kept.

@@ -26,7 +26,7 @@ struct HttpReply {
 /// Sends requests off the main queue. Each `send` ends in exactly one call of `completion`, posted to the
 /// main queue, whatever the network does, also when the transport is destroyed first.
 class HttpTransport {
-public:
+  public:
     virtual ~HttpTransport() = default;
     virtual void send(HttpRequest request, std::function<void(HttpReply)> completion) = 0;
 };

@@ -9,7 +9,7 @@ namespace pelm::platform {
 /// The host application's persistent key-value store. Safe to use from any thread;
 /// a read that follows a write, on any thread, sees the written value.
 class KeyValueStore {
-public:
+  public:
     virtual ~KeyValueStore() = default;
     virtual std::optional<std::string> get(std::string_view key) const = 0;
     virtual void set(std::string_view key, std::string_view value) = 0;

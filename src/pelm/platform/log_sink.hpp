@@ -6,7 +6,7 @@ namespace pelm::platform {
 
 /// The system log. Each call writes one whole line; the sink adds its own time stamp and process prefix.
 class LogSink {
-public:
+  public:
     virtual ~LogSink() = default;
     virtual void write(std::string_view line) = 0;
 };

@@ -11,7 +11,7 @@ namespace pelm::platform {
 /// The one library thread: work posted here runs one item at a time, in the order posted. Its clock is the
 /// library's "now". Posting is safe from any thread; everything else belongs to the queue's own thread.
 class MainQueue : public Clock {
-public:
+  public:
     using Task = std::function<void()>;
     using TimerId = std::uint64_t;
 

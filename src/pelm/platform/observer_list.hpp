@@ -12,7 +12,7 @@ namespace pelm::platform {
 /// Observers that stay registered while their handle is kept. Safe to use from any thread.
 template <class... Args>
 class ObserverList {
-public:
+  public:
     std::shared_ptr<void> add(std::function<void(Args...)> observer) {
         std::lock_guard lock(state_->mutex);
         const auto id = state_->next++;
@@ -34,7 +34,7 @@ public:
         for (const auto& observer : observers) observer(args...);
     }
 
-private:
+  private:
     struct State {
         std::mutex mutex;
         std::uint64_t next = 0;

@@ -15,7 +15,9 @@ std::atomic<std::shared_ptr<const Platform>>& slot() {
 
 }  // namespace
 
-void install(std::shared_ptr<const Platform> platform) { slot().store(std::move(platform)); }
+void install(std::shared_ptr<const Platform> platform) {
+    slot().store(std::move(platform));
+}
 
 std::shared_ptr<const Platform> current() {
     if (auto platform = slot().load()) return platform;

@@ -4,11 +4,11 @@
 
 #include <pelm/platform/device_identity.hpp>
 #include <pelm/platform/device_status_sources.hpp>
-#include <pelm/platform/region_monitor.hpp>
 #include <pelm/platform/http_transport.hpp>
 #include <pelm/platform/key_value_store.hpp>
 #include <pelm/platform/log_sink.hpp>
 #include <pelm/platform/main_queue.hpp>
+#include <pelm/platform/region_monitor.hpp>
 
 namespace pelm::platform {
 

@@ -15,7 +15,7 @@ using AuthorizationStatus = int;
 
 /// What a region monitor reports, on the main queue.
 class RegionMonitorDelegate {
-public:
+  public:
     virtual ~RegionMonitorDelegate() = default;
     virtual void didChangeLocationAuthorizationStatus(AuthorizationStatus status) = 0;
     virtual void didDetermineState(RegionState state, const BeaconRegion& region) = 0;
@@ -26,7 +26,7 @@ public:
 
 /// Watches regions (entry, exit, state) and ranges the beacons inside them. Destroying it ends its callbacks.
 class RegionMonitor {
-public:
+  public:
     virtual ~RegionMonitor() = default;
     /// The answer arrives later through didChangeLocationAuthorizationStatus.
     virtual void requestLocationAlwaysAuthorization() = 0;
@@ -44,7 +44,7 @@ public:
 
 /// What a device scanner reports, on the main queue.
 class DeviceScannerDelegate {
-public:
+  public:
     virtual ~DeviceScannerDelegate() = default;
     virtual void didDiscoverDevices(const std::optional<std::vector<NearbyDevice>>& devices) = 0;
     virtual void didFailToStartDiscovery(const std::optional<std::string>& error) = 0;
@@ -52,7 +52,7 @@ public:
 
 /// Lists the beacon devices nearby, about once per interval. Destroying it ends its callbacks.
 class DeviceScanner {
-public:
+  public:
     virtual ~DeviceScanner() = default;
     virtual bool isDiscovering() const = 0;
     virtual void startDiscovery(double intervalSeconds) = 0;
@@ -65,12 +65,14 @@ public:
 /// The beacon vendor's services: its key, a region monitor and a device scanner, each reporting to a
 /// delegate held weakly.
 class BeaconVendor {
-public:
+  public:
     virtual ~BeaconVendor() = default;
     /// Registers the vendor key for the whole process.
     virtual void setAPIKey(const std::string& key) = 0;
-    virtual std::unique_ptr<RegionMonitor> makeRegionMonitor(std::weak_ptr<RegionMonitorDelegate> delegate) = 0;
-    virtual std::unique_ptr<DeviceScanner> makeDeviceScanner(std::weak_ptr<DeviceScannerDelegate> delegate) = 0;
+    virtual std::unique_ptr<RegionMonitor> makeRegionMonitor(
+        std::weak_ptr<RegionMonitorDelegate> delegate) = 0;
+    virtual std::unique_ptr<DeviceScanner> makeDeviceScanner(
+        std::weak_ptr<DeviceScannerDelegate> delegate) = 0;
 };
 
 }  // namespace pelm::platform

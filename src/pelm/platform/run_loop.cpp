@@ -52,7 +52,8 @@ bool RunLoop::runOne(std::optional<SteadyTime> deadline) {
             }
             if (deadline && now >= *deadline) return false;
             auto until = deadline;
-            if (!timers_.empty() && (!until || timers_.begin()->first < *until)) until = timers_.begin()->first;
+            if (!timers_.empty() && (!until || timers_.begin()->first < *until))
+                until = timers_.begin()->first;
             if (until) {
                 wake_.wait_until(lock, *until);
             } else {

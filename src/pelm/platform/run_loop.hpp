@@ -14,7 +14,7 @@ namespace pelm::platform {
 /// A real-time main queue. The host runs it on a thread of its choice with `run()` (until `stop()`), or
 /// drives it in slices with `runFor`/`runUntil`.
 class RunLoop final : public MainQueue {
-public:
+  public:
     Date now() const override { return std::chrono::system_clock::now(); }
     void post(Task task) override;
     TimerId postAfter(std::chrono::milliseconds delay, Task task) override;
@@ -28,7 +28,7 @@ public:
     /// Runs until `done()` holds (checked after every task) or `timeout` passes; answers whether it held.
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
-private:
+  private:
     using SteadyTime = std::chrono::steady_clock::time_point;
     // Runs one due item, or waits for one until `deadline`; false once stopped or past the deadline.
     bool runOne(std::optional<SteadyTime> deadline);

@@ -9,7 +9,9 @@ constexpr std::string_view kTag = "[PELM]";
 
 }  // namespace
 
-std::string_view Log::rawValue(Level level) { return level == Level::Debug ? "[DEBUG]" : "[ERROR]"; }
+std::string_view Log::rawValue(Level level) {
+    return level == Level::Debug ? "[DEBUG]" : "[ERROR]";
+}
 
 std::optional<Log::Level> Log::levelFromRawValue(std::string_view raw) {
     if (raw == "[DEBUG]") return Level::Debug;

@@ -11,7 +11,7 @@ namespace pelm {
 /// "[PELM][ERROR] message", or "[PELM][ERROR] message with error description".
 /// The message is passed as a callable so that it costs nothing when no line is written.
 class Log {
-public:
+  public:
     enum class Level { Debug, Error };
 
     /// "[DEBUG]" or "[ERROR]".
@@ -35,7 +35,7 @@ public:
     /// The line as the system log receives it, before the log's own prefix.
     static std::string format(Level level, std::string_view message, std::optional<std::string_view> error);
 
-private:
+  private:
     static void write(Level level, const std::string& message, std::optional<std::string_view> error);
 };
 

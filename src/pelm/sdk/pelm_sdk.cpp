@@ -21,15 +21,16 @@ void PelmSDK::setupGoogleAnalytics(const std::string& trackingID) {
 void PelmSDK::updateAppConfig(const std::string& appToken, const std::string& apiHost,
                               std::function<void(bool successful)> completion) {
     // The client may go at once: its call completes without it.
-    PelmAPIClient(appToken, apiHost).appConfig([completion](bool successful, std::shared_ptr<AppConfig> config) {
-        if (successful) {
-            // A configuration without a value removes what an earlier one stored.
-            const auto settings = SettingsManager::sharedInstance();
-            settings->setDefaultBeaconUUID(config ? config->defaultBeaconUUID : std::nullopt);
-            settings->setKontaktIoAPIKey(config ? config->kontaktIoAPIKey : std::nullopt);
-        }
-        if (completion) completion(successful);
-    });
+    PelmAPIClient(appToken, apiHost)
+        .appConfig([completion](bool successful, std::shared_ptr<AppConfig> config) {
+            if (successful) {
+                // A configuration without a value removes what an earlier one stored.
+                const auto settings = SettingsManager::sharedInstance();
+                settings->setDefaultBeaconUUID(config ? config->defaultBeaconUUID : std::nullopt);
+                settings->setKontaktIoAPIKey(config ? config->kontaktIoAPIKey : std::nullopt);
+            }
+            if (completion) completion(successful);
+        });
 }
 
 }  // namespace pelm

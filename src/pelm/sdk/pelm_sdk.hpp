@@ -7,7 +7,7 @@ namespace pelm {
 
 /// Where a host app starts: tell the library its token and server, and it fetches the app's configuration.
 class PelmSDK {
-public:
+  public:
     /// Stores token and host at once (before any server call, whatever the server answers), then fetches
     /// the configuration and stores its beacon UUID and vendor key. `completion`, if given, is called once
     /// on the main queue: true when the configuration was fetched and stored.
@@ -16,7 +16,7 @@ public:
     /// Hands the analytics property identifier to the analytics bridge, which keeps nothing.
     static void setupGoogleAnalytics(const std::string& trackingID);
 
-private:
+  private:
     static void updateAppConfig(const std::string& appToken, const std::string& apiHost,
                                 std::function<void(bool successful)> completion);
 };

@@ -13,7 +13,7 @@ namespace pelm {
 /// and the app. Nothing is cached: every read goes to the store or the platform, every write straight to
 /// the store, and writing none removes the key.
 class SettingsManager {
-public:
+  public:
     // The key texts are the storage format: a later version must find what an earlier one wrote.
     const std::string appTokenKey = "pelm.apptoken";
     const std::string defaultBeaconUUIDKey = "pelm.uuid";
@@ -42,7 +42,7 @@ public:
     std::string appVersion() const { return identity_->appVersion(); }
     std::string appBuildVersion() const { return identity_->appBuildVersion(); }
 
-private:
+  private:
     void put(const std::string& key, const std::optional<std::string>& value);
 
     std::shared_ptr<platform::KeyValueStore> defaults_;

@@ -15,7 +15,9 @@ bool sameIdentity(const A& a, const B& b) {
            *a.major == *b.major && *a.minor == *b.minor;
 }
 
-bool hasIdentity(const Beacon& beacon) { return beacon.uuid && beacon.major && beacon.minor; }
+bool hasIdentity(const Beacon& beacon) {
+    return beacon.uuid && beacon.major && beacon.minor;
+}
 
 // Only for beacons with all three texts. The separator cannot occur in a UUID or a decimal text, and
 // texts that contain it still give distinct keys because the lengths come first.
@@ -32,13 +34,16 @@ std::string identityKey(const Beacon& beacon) {
 
 }  // namespace
 
-std::shared_ptr<PelmSessionManager> PelmSessionManager::make() { return make(PelmAPIClient::make()); }
+std::shared_ptr<PelmSessionManager> PelmSessionManager::make() {
+    return make(PelmAPIClient::make());
+}
 
 std::shared_ptr<PelmSessionManager> PelmSessionManager::make(std::shared_ptr<PelmAPIClient> client) {
     return std::make_shared<PelmSessionManager>(std::move(client), platform::current()->mainQueue);
 }
 
-PelmSessionManager::PelmSessionManager(std::shared_ptr<PelmAPIClient> client, std::shared_ptr<platform::Clock> clock)
+PelmSessionManager::PelmSessionManager(std::shared_ptr<PelmAPIClient> client,
+                                       std::shared_ptr<platform::Clock> clock)
     : pelmAPIClient_(std::move(client)), clock_(std::move(clock)) {}
 
 // --- beacons in range -------------------------------------------------------------------------------------
@@ -91,15 +96,19 @@ std::optional<PelmSessionManager::CoolDownBeacon> PelmSessionManager::beaconInCo
     return std::nullopt;
 }
 
-std::optional<std::size_t> PelmSessionManager::beaconIndexInCoolDownArray(const CoolDownBeacon& record) const {
+std::optional<std::size_t> PelmSessionManager::beaconIndexInCoolDownArray(
+    const CoolDownBeacon& record) const {
     for (std::size_t i = 0; i < coolDownBeacons_.size(); ++i) {
         const auto& candidate = coolDownBeacons_[i];
-        if (candidate.contentType == record.contentType && sameIdentity(*candidate.beacon, *record.beacon)) return i;
+        if (candidate.contentType == record.contentType && sameIdentity(*candidate.beacon, *record.beacon))
+            return i;
     }
     return std::nullopt;
 }
 
-void PelmSessionManager::addBeaconToCoolDown(CoolDownBeacon record) { coolDownBeacons_.push_back(std::move(record)); }
+void PelmSessionManager::addBeaconToCoolDown(CoolDownBeacon record) {
+    coolDownBeacons_.push_back(std::move(record));
+}
 
 void PelmSessionManager::removeBeaconFromCoolDown(const CoolDownBeacon& record) {
     if (const auto position = beaconIndexInCoolDownArray(record)) {
@@ -126,8 +135,8 @@ void PelmSessionManager::contentForBeacon(const std::shared_ptr<Beacon>& beacon,
         });
 }
 
-void PelmSessionManager::onContent(const std::shared_ptr<Beacon>& beacon, Content::DisplayType type, bool successful,
-                                   const std::shared_ptr<Content>& entryContent,
+void PelmSessionManager::onContent(const std::shared_ptr<Beacon>& beacon, Content::DisplayType type,
+                                   bool successful, const std::shared_ptr<Content>& entryContent,
                                    const std::shared_ptr<Content>& exitContent) {
     if (!successful) return;  // the next trigger looks up again
     const auto& content = type == Content::DisplayType::entry ? entryContent : exitContent;
@@ -143,8 +152,10 @@ void PelmSessionManager::onContent(const std::shared_ptr<Beacon>& beacon, Conten
 void PelmSessionManager::addEntryEvent(const std::shared_ptr<Beacon>& beacon) {
     if (!beacon || !hasIdentity(*beacon)) return;
     // A second entry without an exit opens a second line: the platform may report both state and entry.
-    unfinishedSessionLogs_.push_back(std::make_shared<SessionLog>(*beacon->uuid, *beacon->major, *beacon->minor, now()));
-    sendLog("Session Log: major: " + *beacon->major + " minor: " + *beacon->minor + " uuid: " + *beacon->uuid, false);
+    unfinishedSessionLogs_.push_back(
+        std::make_shared<SessionLog>(*beacon->uuid, *beacon->major, *beacon->minor, now()));
+    sendLog("Session Log: major: " + *beacon->major + " minor: " + *beacon->minor + " uuid: " + *beacon->uuid,
+            false);
 }
 
 void PelmSessionManager::addExitEvent(const std::shared_ptr<Beacon>& beacon) {

@@ -27,7 +27,7 @@ namespace pelm {
 /// A server call in flight keeps the manager alive until its completion has run; the delegate is held
 /// weakly (its owner owns this manager) and is skipped when it is gone.
 class PelmSessionManager : public std::enable_shared_from_this<PelmSessionManager> {
-public:
+  public:
     /// Content of one beacon and display type held back until `showAfter`.
     struct CoolDownBeacon {
         std::shared_ptr<Beacon> beacon;
@@ -61,18 +61,21 @@ public:
     const std::vector<std::shared_ptr<Beacon>>& discoveredBeacons() const { return discoveredBeacons_; }
     const std::vector<CoolDownBeacon>& coolDownBeacons() const { return coolDownBeacons_; }
     const std::vector<std::shared_ptr<SessionLog>>& sessionLogs() const { return sessionLogs_; }
-    const std::vector<std::shared_ptr<SessionLog>>& unfinishedSessionLogs() const { return unfinishedSessionLogs_; }
+    const std::vector<std::shared_ptr<SessionLog>>& unfinishedSessionLogs() const {
+        return unfinishedSessionLogs_;
+    }
     bool hasAPIClient() const { return pelmAPIClient_ != nullptr; }
 
     PelmSessionManager(std::shared_ptr<PelmAPIClient> client, std::shared_ptr<platform::Clock> clock);
 
-private:
+  private:
     bool beaconInArray(const Beacon& beacon) const;
     std::optional<std::size_t> beaconIndexInArray(const Beacon& beacon) const;
     void addBeaconToCoolDown(CoolDownBeacon record);
     void removeBeaconFromCoolDown(const CoolDownBeacon& record);
     std::optional<std::size_t> beaconIndexInCoolDownArray(const CoolDownBeacon& record) const;
-    std::optional<CoolDownBeacon> beaconInCoolDownArray(const Beacon& beacon, Content::DisplayType type) const;
+    std::optional<CoolDownBeacon> beaconInCoolDownArray(const Beacon& beacon,
+                                                        Content::DisplayType type) const;
     bool beaconIsHot(const CoolDownBeacon& record);
     void contentStep(const std::shared_ptr<Beacon>& beacon, Content::DisplayType type);
     void contentForBeacon(const std::shared_ptr<Beacon>& beacon, Content::DisplayType type);

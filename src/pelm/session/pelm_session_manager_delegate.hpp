@@ -10,7 +10,7 @@ namespace pelm {
 
 /// What the session manager tells its owner: content found for a beacon, and short status lines.
 class PelmSessionManagerDelegate {
-public:
+  public:
     virtual ~PelmSessionManagerDelegate() = default;
     virtual void didFindNewContent(std::shared_ptr<Content> content, std::shared_ptr<Beacon> beacon) = 0;
     virtual void didChangeSessionStatus(const std::string& status, bool critical) = 0;

@@ -21,7 +21,9 @@ PelmDeviceStatusManager::PelmDeviceStatusManager()
       locationManager_(platform::current()->location),
       bluetoothManager_(platform::current()->bluetooth) {}
 
-PelmDeviceStatusManager::~PelmDeviceStatusManager() { stopReachabilityNotifier(); }
+PelmDeviceStatusManager::~PelmDeviceStatusManager() {
+    stopReachabilityNotifier();
+}
 
 void PelmDeviceStatusManager::setupReachability(const std::string& hostname) {
     const auto service = platform::current()->reachability;

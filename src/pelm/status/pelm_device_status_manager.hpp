@@ -12,7 +12,7 @@ namespace pelm {
 /// whether Bluetooth is on, and again at every change. Make it, set `delegate`, start the notifiers wanted.
 /// Everything reaches the delegate on the main queue; nothing arrives after the manager is destroyed.
 class PelmDeviceStatusManager : public std::enable_shared_from_this<PelmDeviceStatusManager> {
-public:
+  public:
     /// Watches the host the settings held when first asked (see PelmConstants::apiHost).
     static std::shared_ptr<PelmDeviceStatusManager> make();
     /// Stops the reachability watcher first.
@@ -31,7 +31,7 @@ public:
     /// Reports the current state at once (Unknown while undetermined), then every change.
     void startBluetoothNotifier();
 
-private:
+  private:
     PelmDeviceStatusManager();
     void setupReachability(const std::string& hostname);
     void didChangeReachability(platform::ReachabilityWatcher& watcher);

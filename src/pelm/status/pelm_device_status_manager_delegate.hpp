@@ -6,7 +6,7 @@ namespace pelm {
 
 /// What the host app hears from the device status manager, on the main queue.
 class PelmDeviceStatusManagerDelegate {
-public:
+  public:
     virtual ~PelmDeviceStatusManagerDelegate() = default;
     virtual void didChangeReachableStatus(ReachableStatus status) = 0;
     virtual void didChangeLocationStatus(LocationStatus status) = 0;

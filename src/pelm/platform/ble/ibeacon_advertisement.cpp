@@ -29,7 +29,7 @@ std::optional<IBeaconFrame> parseIBeacon(std::span<const std::uint8_t> advertisi
     std::size_t at = 0;
     while (at < advertisingData.size()) {
         const std::size_t length = advertisingData[at];
-        if (length == 0) break;  // the rest is padding
+        if (length == 0) break;                                             // the rest is padding
         if (at + 1 + length > advertisingData.size()) return std::nullopt;  // truncated structure
         const auto type = advertisingData[at + 1];
         if (type == kManufacturerSpecific) {

@@ -6,13 +6,14 @@ namespace pelm::platform {
 namespace {
 
 std::string identityKey(const IBeaconFrame& frame) {
-    return frame.proximityUUID.uuidString() + "/" + std::to_string(frame.major) + "/" + std::to_string(frame.minor);
+    return frame.proximityUUID.uuidString() + "/" + std::to_string(frame.major) + "/" +
+           std::to_string(frame.minor);
 }
 
 }  // namespace
 
 class RegionEngine::Monitor final : public RegionMonitor {
-public:
+  public:
     Monitor(std::shared_ptr<RegionEngine> engine, std::weak_ptr<RegionMonitorDelegate> delegate)
         : engine_(std::move(engine)), delegate(std::move(delegate)) {}
     ~Monitor() override {
@@ -62,7 +63,9 @@ public:
             if (auto d = weak.lock()) d->didDetermineState(state, region);
         });
     }
-    void startRanging(const BeaconRegion& region) override { engine_->ranged_.insert_or_assign(region.identifier, region); }
+    void startRanging(const BeaconRegion& region) override {
+        engine_->ranged_.insert_or_assign(region.identifier, region);
+    }
     void stopRanging(const BeaconRegion& region) override { engine_->ranged_.erase(region.identifier); }
 
     std::shared_ptr<RegionEngine> engine_;
@@ -70,7 +73,7 @@ public:
 };
 
 class RegionEngine::Scanner final : public DeviceScanner {
-public:
+  public:
     Scanner(std::shared_ptr<RegionEngine> engine, std::weak_ptr<DeviceScannerDelegate> delegate)
         : engine_(std::move(engine)), delegate(std::move(delegate)) {}
     ~Scanner() override { engine_->scanner_ = nullptr; }
@@ -102,14 +105,16 @@ RegionEngine::~RegionEngine() {
     if (tick_) queue_->cancel(*tick_);
 }
 
-std::unique_ptr<RegionMonitor> RegionEngine::makeRegionMonitor(std::weak_ptr<RegionMonitorDelegate> delegate) {
+std::unique_ptr<RegionMonitor> RegionEngine::makeRegionMonitor(
+    std::weak_ptr<RegionMonitorDelegate> delegate) {
     auto monitor = std::make_unique<Monitor>(shared_from_this(), std::move(delegate));
     monitor_ = monitor.get();
     scheduleTick();
     return monitor;
 }
 
-std::unique_ptr<DeviceScanner> RegionEngine::makeDeviceScanner(std::weak_ptr<DeviceScannerDelegate> delegate) {
+std::unique_ptr<DeviceScanner> RegionEngine::makeDeviceScanner(
+    std::weak_ptr<DeviceScannerDelegate> delegate) {
     auto scanner = std::make_unique<Scanner>(shared_from_this(), std::move(delegate));
     scanner_ = scanner.get();
     scheduleTick();
@@ -139,7 +144,8 @@ bool RegionEngine::heardWithin(const BeaconRegion& region, std::chrono::millisec
 
 void RegionEngine::hear(const HeardAdvertisement& advertisement) {
     const auto now = queue_->now();
-    devices_.insert_or_assign(advertisement.uniqueID.value_or(advertisement.address), std::pair{advertisement, now});
+    devices_.insert_or_assign(advertisement.uniqueID.value_or(advertisement.address),
+                              std::pair{advertisement, now});
     const auto frame = parseIBeacon(advertisement.data);
     if (!frame) return;
     ++beaconAdvertisements_;
@@ -201,11 +207,13 @@ void RegionEngine::reportRanging(Date now) {
         for (const auto& [key, beacon] : beacons_) {
             if (now - beacon.at <= options_.rangingPeriod &&
                 region.contains(beacon.frame.proximityUUID, beacon.frame.major, beacon.frame.minor)) {
-                heard.push_back({beacon.frame.proximityUUID, beacon.frame.major, beacon.frame.minor, beacon.rssi, -1});
+                heard.push_back(
+                    {beacon.frame.proximityUUID, beacon.frame.major, beacon.frame.minor, beacon.rssi, -1});
             }
         }
         // Strongest first; equal signals in a fixed order, so a run repeats exactly.
-        std::stable_sort(heard.begin(), heard.end(), [](const auto& a, const auto& b) { return a.rssi > b.rssi; });
+        std::stable_sort(heard.begin(), heard.end(),
+                         [](const auto& a, const auto& b) { return a.rssi > b.rssi; });
         if (monitor_ == nullptr) return;
         if (auto delegate = monitor_->delegate.lock()) delegate->didRangeBeacons(heard, region);
     }
@@ -219,8 +227,8 @@ void RegionEngine::reportDevices() {
     for (const auto& [key, entry] : devices_) {
         const auto& [advertisement, at] = entry;
         if (at < since) continue;
-        devices.push_back({advertisement.uniqueID, advertisement.transmissionPower, advertisement.firmwareVersion,
-                           advertisement.batteryLevel, advertisement.rssi});
+        devices.push_back({advertisement.uniqueID, advertisement.transmissionPower,
+                           advertisement.firmwareVersion, advertisement.batteryLevel, advertisement.rssi});
     }
     delegate->didDiscoverDevices(devices);
 }

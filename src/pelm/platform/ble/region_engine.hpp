@@ -40,9 +40,10 @@ struct RegionEngineOptions {
 /// source or a simulated store) on the main queue. Regions are kept by identifier; each monitored region is
 /// unknown, inside or outside; a transition reports the state and the entry or exit; a region is left after
 /// `exitTimeout` without a matching advertisement; ranging reports every `rangingPeriod` the beacons heard in
-/// that period, strongest first. It is also the device scanner, reporting the devices heard once per interval.
+/// that period, strongest first. It is also the device scanner, reporting the devices heard once per
+/// interval.
 class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<RegionEngine> {
-public:
+  public:
     RegionEngine(std::shared_ptr<MainQueue> mainQueue, RegionEngineOptions options = {});
     ~RegionEngine() override;
 
@@ -56,7 +57,7 @@ public:
     /// Advertisements heard and parsed as iBeacons so far.
     std::uint64_t beaconAdvertisements() const { return beaconAdvertisements_; }
 
-private:
+  private:
     class Monitor;
     class Scanner;
     struct Heard {

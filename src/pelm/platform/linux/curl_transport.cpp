@@ -54,7 +54,7 @@ std::optional<Origin> originOf(const char* url) {
 
 // Everything that touches curl lives on this worker's thread.
 class CurlTransport::Worker {
-public:
+  public:
     Worker(std::shared_ptr<MainQueue> queue, CurlTransportOptions options)
         : queue_(std::move(queue)), options_(std::move(options)) {
         initialiseCurlOnce();
@@ -87,9 +87,10 @@ public:
         curl_multi_wakeup(multi_);
     }
 
-private:
+  private:
     struct Transfer {
-        Transfer(HttpRequest r, std::function<void(HttpReply)> c) : request(std::move(r)), completion(std::move(c)) {}
+        Transfer(HttpRequest r, std::function<void(HttpReply)> c)
+            : request(std::move(r)), completion(std::move(c)) {}
         ~Transfer() {
             if (easy != nullptr) curl_easy_cleanup(easy);
             if (headers != nullptr) curl_slist_free_all(headers);
@@ -175,10 +176,12 @@ private:
             t.headers = curl_slist_append(t.headers, (name + ": " + value).c_str());
         }
         if (t.request.method == "POST") {
-            // curl would otherwise ask larger bodies to wait for "100 Continue", costing a round trip or a second.
+            // curl would otherwise ask larger bodies to wait for "100 Continue", costing a round trip or a
+            // second.
             t.headers = curl_slist_append(t.headers, "Expect:");
             curl_easy_setopt(easy, CURLOPT_POST, 1L);
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t.request.body.size()));
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                             static_cast<curl_off_t>(t.request.body.size()));
             curl_easy_setopt(easy, CURLOPT_POSTFIELDS, t.request.body.c_str());
         } else {
             curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
@@ -212,11 +215,12 @@ private:
 
     void done(std::unique_ptr<Transfer> t, CURLcode result) {
         if (t->tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
-            return finish(std::move(t), "The reply body is larger than " + std::to_string(options_.maxBodyBytes) +
-                                            " bytes");
+            return finish(std::move(t), "The reply body is larger than " +
+                                            std::to_string(options_.maxBodyBytes) + " bytes");
         }
         if (result != CURLE_OK) {
-            return finish(std::move(t), t->error[0] != '\0' ? std::string(t->error) : curl_easy_strerror(result));
+            return finish(std::move(t),
+                          t->error[0] != '\0' ? std::string(t->error) : curl_easy_strerror(result));
         }
         long status = 0;
         curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
@@ -240,7 +244,8 @@ private:
                                             std::to_string(status) + ")");
         }
         if (++t->redirects > options_.maxRedirects) {
-            return finish(std::move(t), "Too many redirects (more than " + std::to_string(options_.maxRedirects) + ")");
+            return finish(std::move(t),
+                          "Too many redirects (more than " + std::to_string(options_.maxRedirects) + ")");
         }
         t->request.url = location;
         if (status == 303) {
@@ -267,9 +272,8 @@ private:
             transfer->easy = nullptr;
         }
         queue_->finishExternalWork(transfer->ticket,
-                                   [completion = std::move(transfer->completion), reply = std::move(reply)]() mutable {
-                                       completion(std::move(reply));
-                                   });
+                                   [completion = std::move(transfer->completion),
+                                    reply = std::move(reply)]() mutable { completion(std::move(reply)); });
     }
 
     void shutDown() {

@@ -26,7 +26,7 @@ struct CurlTransportOptions {
 /// HTTPS over libcurl on one worker thread. Connections are kept and reused across calls; calls run
 /// concurrently; every result is posted to the main queue.
 class CurlTransport final : public HttpTransport {
-public:
+  public:
     CurlTransport(std::shared_ptr<MainQueue> mainQueue, CurlTransportOptions options = {});
     /// Ends every call still in flight with an error, then stops the worker.
     ~CurlTransport() override;
@@ -35,7 +35,7 @@ public:
 
     void send(HttpRequest request, std::function<void(HttpReply)> completion) override;
 
-private:
+  private:
     class Worker;
     std::unique_ptr<Worker> worker_;
 };

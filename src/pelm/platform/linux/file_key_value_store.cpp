@@ -19,7 +19,7 @@ using nlohmann::ordered_json;
 
 // Closes a descriptor on every path out.
 class FileDescriptor {
-public:
+  public:
     explicit FileDescriptor(int fd) : fd_(fd) {}
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
@@ -29,7 +29,7 @@ public:
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
 
-private:
+  private:
     int fd_;
 };
 
@@ -46,10 +46,13 @@ bool writeAll(int fd, const std::string& data) {
 
 void reportFailure(const std::filesystem::path& file, const char* what) {
     const int code = errno;
-    Log::error([&] { return "Unable to " + std::string(what) + " " + file.string() + ": " + std::strerror(code); });
+    Log::error(
+        [&] { return "Unable to " + std::string(what) + " " + file.string() + ": " + std::strerror(code); });
 }
 
-std::string suffixed(const std::filesystem::path& file, const char* suffix) { return file.string() + suffix; }
+std::string suffixed(const std::filesystem::path& file, const char* suffix) {
+    return file.string() + suffix;
+}
 
 }  // namespace
 

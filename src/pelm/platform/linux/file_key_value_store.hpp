@@ -16,7 +16,7 @@ namespace pelm::platform {
 /// concurrent writers never lose each other's keys. Every read goes to the file: a value written by
 /// another process is seen at once.
 class FileKeyValueStore final : public KeyValueStore {
-public:
+  public:
     explicit FileKeyValueStore(std::filesystem::path file);
 
     std::optional<std::string> get(std::string_view key) const override;
@@ -27,7 +27,7 @@ public:
     /// Every text value in the file, in file order.
     std::vector<std::pair<std::string, std::string>> entries() const;
 
-private:
+  private:
     nlohmann::ordered_json load() const;
     void update(const std::function<void(nlohmann::ordered_json&)>& change);
     void replaceFile(const nlohmann::ordered_json& contents) const;

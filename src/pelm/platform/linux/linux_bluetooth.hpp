@@ -15,11 +15,13 @@ namespace pelm::platform {
 
 /// The Bluetooth state from the kernel: no controller under /sys/class/bluetooth is unsupported (2); a
 /// controller blocked by rfkill (soft or hard) is off (4); otherwise the controller's up flag decides between
-/// on (5) and off (4). Unknown (0) until first looked at, which happens at once on a thread of its own started by the first question; then
-/// looked at again every `interval`. Changes reach observers on the main queue.
+/// on (5) and off (4). Unknown (0) until first looked at, which happens at once on a thread of its own
+/// started by the first question; then looked at again every `interval`. Changes reach observers on the main
+/// queue.
 class LinuxBluetooth : public BluetoothState {
-public:
-    LinuxBluetooth(std::shared_ptr<MainQueue> mainQueue, std::chrono::milliseconds interval = std::chrono::seconds(2),
+  public:
+    LinuxBluetooth(std::shared_ptr<MainQueue> mainQueue,
+                   std::chrono::milliseconds interval = std::chrono::seconds(2),
                    std::filesystem::path sysfs = "/sys/class");
     ~LinuxBluetooth() override;
 
@@ -29,7 +31,7 @@ public:
     /// One look at the machine, as described above.
     static int probe(const std::filesystem::path& sysfs);
 
-private:
+  private:
     void startWatching() const;
     void watch() const;
 
@@ -45,13 +47,15 @@ private:
 
 /// Location use on a machine without a permission prompt: the status the host grants, reported as it is.
 class PolicyLocation : public LocationAuthorization {
-public:
+  public:
     explicit PolicyLocation(int grantedStatus) : status_(grantedStatus) {}
     int authorizationStatus() const override { return status_; }
     void requestAlwaysAuthorization() override {}
-    std::shared_ptr<void> observe(std::function<void(int)> onChange) override { return observers_.add(std::move(onChange)); }
+    std::shared_ptr<void> observe(std::function<void(int)> onChange) override {
+        return observers_.add(std::move(onChange));
+    }
 
-private:
+  private:
     int status_;
     ObserverList<int> observers_;
 };

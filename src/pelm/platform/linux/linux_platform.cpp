@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include <pelm/platform/linux/file_key_value_store.hpp>
-#include <pelm/platform/linux/machine_identity.hpp>
-#include <pelm/platform/linux/stderr_log_sink.hpp>
 #include <pelm/platform/linux/curl_transport.hpp>
+#include <pelm/platform/linux/file_key_value_store.hpp>
 #include <pelm/platform/linux/linux_bluetooth.hpp>
 #include <pelm/platform/linux/linux_reachability.hpp>
+#include <pelm/platform/linux/machine_identity.hpp>
+#include <pelm/platform/linux/stderr_log_sink.hpp>
 #include <pelm/platform/run_loop.hpp>
 
 namespace pelm::platform {
@@ -35,7 +35,9 @@ std::string fileSafe(std::string name) {
 
 }  // namespace
 
-std::string defaultAppName() { return fileSafe(program_invocation_short_name); }
+std::string defaultAppName() {
+    return fileSafe(program_invocation_short_name);
+}
 
 std::filesystem::path settingsFilePath(const LinuxPlatformOptions& options) {
     const auto folder = options.configDirectory.value_or(defaultConfigRoot());

@@ -18,7 +18,7 @@ namespace pelm::platform {
 namespace {
 
 class Watcher final : public ReachabilityWatcher {
-public:
+  public:
     Watcher(std::string host, std::chrono::milliseconds interval, LinuxReachability::Resolver resolver)
         : host_(std::move(host)), interval_(interval), resolver_(std::move(resolver)) {}
     ~Watcher() override { stopNotifier(); }
@@ -52,13 +52,14 @@ public:
 
     bool isReachable() const override { return evaluate(); }
 
-private:
+  private:
     static int openNetlink() {
         const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
         if (fd < 0) return -1;
         sockaddr_nl address{};
         address.nl_family = AF_NETLINK;
-        address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+        address.nl_groups =
+            RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
         if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
             ::close(fd);
             return -1;
@@ -110,7 +111,8 @@ private:
 }  // namespace
 
 LinuxReachability::LinuxReachability(std::chrono::milliseconds interval, Resolver resolver)
-    : interval_(interval), resolver_(resolver ? std::move(resolver) : Resolver(&LinuxReachability::resolve)) {}
+    : interval_(interval),
+      resolver_(resolver ? std::move(resolver) : Resolver(&LinuxReachability::resolve)) {}
 
 std::unique_ptr<ReachabilityWatcher> LinuxReachability::makeWatcher(const std::string& host) {
     const auto name = hostPart(host);
@@ -125,7 +127,8 @@ std::string LinuxReachability::hostPart(const std::string& hostWithPort) {
         return close == std::string::npos ? std::string() : host.substr(1, close - 1);
     }
     // One colon separates a port; more than one is a bare IPv6 address.
-    if (const auto colon = host.find(':'); colon != std::string::npos && host.find(':', colon + 1) == std::string::npos) {
+    if (const auto colon = host.find(':');
+        colon != std::string::npos && host.find(':', colon + 1) == std::string::npos) {
         host.erase(colon);
     }
     return host;
@@ -140,9 +143,10 @@ std::vector<std::string> LinuxReachability::resolve(const std::string& host) {
     if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return addresses;
     for (auto* entry = found; entry != nullptr; entry = entry->ai_next) {
         char text[INET6_ADDRSTRLEN] = {};
-        const void* raw = entry->ai_family == AF_INET
-                              ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(entry->ai_addr)->sin_addr)
-                              : static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(entry->ai_addr)->sin6_addr);
+        const void* raw =
+            entry->ai_family == AF_INET
+                ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(entry->ai_addr)->sin_addr)
+                : static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(entry->ai_addr)->sin6_addr);
         if (::inet_ntop(entry->ai_family, raw, text, sizeof text) != nullptr) addresses.emplace_back(text);
     }
     ::freeaddrinfo(found);

@@ -15,11 +15,12 @@ namespace pelm::platform {
 /// Evaluated when started, whenever the kernel reports a link, address or route change (netlink), and at
 /// every `interval`; callbacks fire, on the watcher's thread, when the answer changes.
 class LinuxReachability : public ReachabilityService {
-public:
+  public:
     /// Host name to the addresses it resolves to; replaceable for tests.
     using Resolver = std::function<std::vector<std::string>(const std::string& host)>;
 
-    explicit LinuxReachability(std::chrono::milliseconds interval = std::chrono::seconds(10), Resolver resolver = {});
+    explicit LinuxReachability(std::chrono::milliseconds interval = std::chrono::seconds(10),
+                               Resolver resolver = {});
     std::unique_ptr<ReachabilityWatcher> makeWatcher(const std::string& host) override;
 
     /// The host part of "host", "host:port", "[v6]:port" or "v6".
@@ -29,7 +30,7 @@ public:
     /// Whether the kernel has a route to the numeric address.
     static bool routeExists(const std::string& address);
 
-private:
+  private:
     std::chrono::milliseconds interval_;
     Resolver resolver_;
 };

@@ -10,7 +10,7 @@ namespace pelm::platform {
 /// The device identifier is a name-based UUID (version 5) of the machine id and the vendor name: stable
 /// across runs and reinstalls, the same for every app of one vendor, and not the machine id itself.
 class MachineIdentity final : public DeviceIdentity {
-public:
+  public:
     MachineIdentity(std::string vendorName, std::string appVersion, std::string appBuildVersion,
                     std::filesystem::path machineIdFile = "/etc/machine-id");
 
@@ -18,7 +18,7 @@ public:
     std::string appVersion() const override { return appVersion_; }
     std::string appBuildVersion() const override { return appBuildVersion_; }
 
-private:
+  private:
     std::string vendorName_;
     std::string appVersion_;
     std::string appBuildVersion_;

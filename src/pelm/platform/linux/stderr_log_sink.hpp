@@ -9,11 +9,11 @@ namespace pelm::platform {
 /// Writes "2026-11-22 19:43:05.123 app[pid:tid] line" to standard error, one write per line so lines
 /// from different threads never interleave; optionally also to syslog.
 class StderrLogSink final : public LogSink {
-public:
+  public:
     StderrLogSink(std::string processName, bool alsoSyslog);
     void write(std::string_view line) override;
 
-private:
+  private:
     std::string processName_;
     bool syslog_;
 };

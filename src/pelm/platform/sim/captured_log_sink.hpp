@@ -10,7 +10,7 @@ namespace pelm::platform {
 
 /// Keeps every line written, for tests and for the simulator's timeline.
 class CapturedLogSink final : public LogSink {
-public:
+  public:
     void write(std::string_view line) override {
         std::lock_guard lock(mutex_);
         lines_.emplace_back(line);
@@ -24,7 +24,7 @@ public:
         lines_.clear();
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
 };

@@ -6,8 +6,9 @@ namespace pelm::platform {
 
 /// An identity given up front.
 class FixedIdentity final : public DeviceIdentity {
-public:
-    FixedIdentity(std::optional<std::string> vendorIdentifier, std::string appVersion, std::string appBuildVersion)
+  public:
+    FixedIdentity(std::optional<std::string> vendorIdentifier, std::string appVersion,
+                  std::string appBuildVersion)
         : vendorIdentifier_(std::move(vendorIdentifier)),
           appVersion_(std::move(appVersion)),
           appBuildVersion_(std::move(appBuildVersion)) {}
@@ -15,7 +16,7 @@ public:
     std::string appVersion() const override { return appVersion_; }
     std::string appBuildVersion() const override { return appBuildVersion_; }
 
-private:
+  private:
     std::optional<std::string> vendorIdentifier_;
     std::string appVersion_;
     std::string appBuildVersion_;

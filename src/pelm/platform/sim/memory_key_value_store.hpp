@@ -9,7 +9,7 @@ namespace pelm::platform {
 
 /// A store that lives as long as the object: for tests and simulations.
 class MemoryKeyValueStore final : public KeyValueStore {
-public:
+  public:
     std::optional<std::string> get(std::string_view key) const override {
         std::lock_guard lock(mutex_);
         const auto found = values_.find(key);
@@ -29,7 +29,7 @@ public:
         return values_.find(key) != values_.end();
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::map<std::string, std::string, std::less<>> values_;
 };

@@ -13,8 +13,9 @@ std::string ScriptedBeaconVendor::describe(const BeaconRegion& region) {
         text += std::to_string(*number);
     }
     std::string flags;
-    for (const auto& [set, name] : {std::pair{region.notifyOnEntry, "entry"}, std::pair{region.notifyOnExit, "exit"},
-                                    std::pair{region.notifyEntryStateOnDisplay, "display"}}) {
+    for (const auto& [set, name] :
+         {std::pair{region.notifyOnEntry, "entry"}, std::pair{region.notifyOnExit, "exit"},
+          std::pair{region.notifyEntryStateOnDisplay, "display"}}) {
         if (!set) continue;
         if (!flags.empty()) flags += ',';
         flags += name;
@@ -23,7 +24,7 @@ std::string ScriptedBeaconVendor::describe(const BeaconRegion& region) {
 }
 
 class ScriptedBeaconVendor::Monitor final : public RegionMonitor {
-public:
+  public:
     explicit Monitor(ScriptedBeaconVendor& vendor) : vendor_(vendor) {}
     void requestLocationAlwaysAuthorization() override { note("requestLocationAlwaysAuthorization"); }
     std::vector<BeaconRegion> monitoredRegions() const override {
@@ -60,7 +61,7 @@ public:
         vendor_.ranged.erase(region.identifier);
     }
 
-private:
+  private:
     static std::vector<BeaconRegion> values(const std::map<std::string, BeaconRegion>& regions) {
         std::vector<BeaconRegion> list;
         for (const auto& [identifier, region] : regions) list.push_back(region);
@@ -71,7 +72,7 @@ private:
 };
 
 class ScriptedBeaconVendor::Scanner final : public DeviceScanner {
-public:
+  public:
     explicit Scanner(ScriptedBeaconVendor& vendor) : vendor_(vendor) {}
     bool isDiscovering() const override {
         vendor_.calls.push_back("isDiscovering");
@@ -92,17 +93,19 @@ public:
         vendor_.discovering = false;
     }
 
-private:
+  private:
     ScriptedBeaconVendor& vendor_;
 };
 
-std::unique_ptr<RegionMonitor> ScriptedBeaconVendor::makeRegionMonitor(std::weak_ptr<RegionMonitorDelegate> delegate) {
+std::unique_ptr<RegionMonitor> ScriptedBeaconVendor::makeRegionMonitor(
+    std::weak_ptr<RegionMonitorDelegate> delegate) {
     calls.push_back("makeRegionMonitor");
     monitorDelegate_ = std::move(delegate);
     return std::make_unique<Monitor>(*this);
 }
 
-std::unique_ptr<DeviceScanner> ScriptedBeaconVendor::makeDeviceScanner(std::weak_ptr<DeviceScannerDelegate> delegate) {
+std::unique_ptr<DeviceScanner> ScriptedBeaconVendor::makeDeviceScanner(
+    std::weak_ptr<DeviceScannerDelegate> delegate) {
     calls.push_back("makeDeviceScanner");
     scannerDelegate_ = std::move(delegate);
     return std::make_unique<Scanner>(*this);

@@ -14,7 +14,7 @@ namespace pelm::platform {
 /// Region F7826DA6-... [entry,exit,display]"), keeps the monitored and ranged regions by identifier as the
 /// platform does, and lets the test deliver any callback to the current delegates.
 class ScriptedBeaconVendor : public BeaconVendor {
-public:
+  public:
     /// Every call made on the vendor, its monitors and scanners.
     std::vector<std::string> calls;
     /// Regions said to be left over from an earlier run, until stopMonitoringForAllRegions.
@@ -41,7 +41,7 @@ public:
     /// Whether any monitor or scanner made by this vendor is still alive.
     bool hasLiveMonitor() const { return !monitorDelegate_.expired(); }
 
-private:
+  private:
     class Monitor;
     class Scanner;
     std::weak_ptr<RegionMonitorDelegate> monitorDelegate_;

@@ -12,9 +12,9 @@ namespace pelm::platform {
 /// Reachability for tests: the host's answer, whether making or starting fails, and callbacks fired on demand
 /// from any thread.
 class ScriptedReachability : public ReachabilityService {
-public:
+  public:
     class Watcher : public ReachabilityWatcher {
-    public:
+      public:
         explicit Watcher(ScriptedReachability& owner) : owner_(owner) {}
         ~Watcher() override { owner_.watcher_ = nullptr; }
         void setCallbacks(Callback whenReachable, Callback whenUnreachable) override {
@@ -38,7 +38,7 @@ public:
             if (callback) callback(*this);
         }
 
-    private:
+      private:
         ScriptedReachability& owner_;
         Callback reachable_, unreachable_;
         std::atomic<bool> notifying_{false};
@@ -60,39 +60,43 @@ public:
     /// The watcher made last, while it lives.
     Watcher* watcher() const { return watcher_; }
 
-private:
+  private:
     Watcher* watcher_ = nullptr;
 };
 
 /// A location authorisation the test sets.
 class ScriptedLocation : public LocationAuthorization {
-public:
+  public:
     int status = 0;
     int requests = 0;
     int authorizationStatus() const override { return status; }
     void requestAlwaysAuthorization() override { ++requests; }
-    std::shared_ptr<void> observe(std::function<void(int)> onChange) override { return observers_.add(std::move(onChange)); }
+    std::shared_ptr<void> observe(std::function<void(int)> onChange) override {
+        return observers_.add(std::move(onChange));
+    }
     void change(int to) {
         status = to;
         observers_.notify(to);
     }
 
-private:
+  private:
     ObserverList<int> observers_;
 };
 
 /// A Bluetooth state the test sets.
 class ScriptedBluetooth : public BluetoothState {
-public:
+  public:
     int value = 0;
     int state() const override { return value; }
-    std::shared_ptr<void> observe(std::function<void(int)> onChange) override { return observers_.add(std::move(onChange)); }
+    std::shared_ptr<void> observe(std::function<void(int)> onChange) override {
+        return observers_.add(std::move(onChange));
+    }
     void change(int to) {
         value = to;
         observers_.notify(to);
     }
 
-private:
+  private:
     ObserverList<int> observers_;
 };
 

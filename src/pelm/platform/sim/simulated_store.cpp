@@ -13,7 +13,8 @@ const JSON& member(const JSON& object, const std::string& key, const std::string
     return *found;
 }
 
-double number(const JSON& object, const std::string& key, const std::string& where, std::optional<double> fallback = {}) {
+double number(const JSON& object, const std::string& key, const std::string& where,
+              std::optional<double> fallback = {}) {
     const auto found = object.find(key);
     if (found == object.end() && fallback) return *fallback;
     const auto& value = member(object, key, where);
@@ -21,20 +22,22 @@ double number(const JSON& object, const std::string& key, const std::string& whe
     return value.get<double>();
 }
 
-long long whole(const JSON& object, const std::string& key, const std::string& where, long long low, long long high,
-                std::optional<long long> fallback = {}) {
+long long whole(const JSON& object, const std::string& key, const std::string& where, long long low,
+                long long high, std::optional<long long> fallback = {}) {
     const auto found = object.find(key);
     if (found == object.end() && fallback) return *fallback;
     const auto& value = member(object, key, where);
     if (!value.is_number_integer()) throw ScenarioError(where + key + ": must be a whole number");
     const auto n = value.get<long long>();
     if (n < low || n > high) {
-        throw ScenarioError(where + key + ": must be between " + std::to_string(low) + " and " + std::to_string(high));
+        throw ScenarioError(where + key + ": must be between " + std::to_string(low) + " and " +
+                            std::to_string(high));
     }
     return n;
 }
 
-std::string text(const JSON& object, const std::string& key, const std::string& where, std::optional<std::string> fallback = {}) {
+std::string text(const JSON& object, const std::string& key, const std::string& where,
+                 std::optional<std::string> fallback = {}) {
     const auto found = object.find(key);
     if (found == object.end() && fallback) return *fallback;
     const auto& value = member(object, key, where);
@@ -78,18 +81,22 @@ Scenario Scenario::fromJSON(const JSON& json) {
     const auto defaultUuid = text(json, "uuid", "", "");
     const auto& beacons = list(json, "beacons", "");
     for (std::size_t i = 0; i < beacons.size(); ++i) {
-        scenario.beacons.push_back(beaconFrom(beacons[i], "beacons[" + std::to_string(i) + "].", defaultUuid));
+        scenario.beacons.push_back(
+            beaconFrom(beacons[i], "beacons[" + std::to_string(i) + "].", defaultUuid));
     }
     const auto& walk = member(json, "path", "");
     if (!walk.is_object()) throw ScenarioError("path: must be an object");
     scenario.walkingSpeed = number(walk, "speed", "path.", 1.0);
-    if (!(scenario.walkingSpeed > 0 && scenario.walkingSpeed < 20)) throw ScenarioError("path.speed: must be above 0 and below 20");
+    if (!(scenario.walkingSpeed > 0 && scenario.walkingSpeed < 20))
+        throw ScenarioError("path.speed: must be above 0 and below 20");
     const auto& points = list(walk, "points", "path.");
     for (std::size_t i = 0; i < points.size(); ++i) {
         const auto where = "path.points[" + std::to_string(i) + "].";
-        if (!points[i].is_object()) throw ScenarioError(where.substr(0, where.size() - 1) + ": must be an object");
+        if (!points[i].is_object())
+            throw ScenarioError(where.substr(0, where.size() - 1) + ": must be an object");
         const double dwell = number(points[i], "dwell", where, 0.0);
-        if (dwell < 0 || dwell > 86400) throw ScenarioError(where + "dwell: must be between 0 and 86400 seconds");
+        if (dwell < 0 || dwell > 86400)
+            throw ScenarioError(where + "dwell: must be between 0 and 86400 seconds");
         scenario.path.push_back({number(points[i], "x", where), number(points[i], "y", where),
                                  milliseconds(static_cast<long long>(dwell * 1000))});
     }
@@ -101,7 +108,8 @@ Scenario Scenario::fromJSON(const JSON& json) {
     if (scenario.pathLossExponent < 1 || scenario.pathLossExponent > 6) {
         throw ScenarioError("radio.path_loss_exponent: must be between 1 and 6");
     }
-    if (scenario.noiseDb < 0 || scenario.noiseDb > 30) throw ScenarioError("radio.noise_db: must be between 0 and 30");
+    if (scenario.noiseDb < 0 || scenario.noiseDb > 30)
+        throw ScenarioError("radio.noise_db: must be between 0 and 30");
     return scenario;
 }
 
@@ -125,18 +133,22 @@ std::pair<double, double> Scenario::positionAt(milliseconds at) const {
         const double metres = std::hypot(path[i + 1].x - path[i].x, path[i + 1].y - path[i].y);
         const auto leg = milliseconds(static_cast<long long>(metres / walkingSpeed * 1000));
         if (at <= leg) {
-            const double share = leg.count() == 0 ? 1.0 : static_cast<double>(at.count()) / static_cast<double>(leg.count());
-            return {path[i].x + (path[i + 1].x - path[i].x) * share, path[i].y + (path[i + 1].y - path[i].y) * share};
+            const double share =
+                leg.count() == 0 ? 1.0 : static_cast<double>(at.count()) / static_cast<double>(leg.count());
+            return {path[i].x + (path[i + 1].x - path[i].x) * share,
+                    path[i].y + (path[i + 1].y - path[i].y) * share};
         }
         at -= leg;
     }
     return {path.back().x, path.back().y};
 }
 
-SimulatedStore::SimulatedStore(Scenario scenario, std::uint64_t seed) : scenario_(std::move(scenario)), random_(seed) {
+SimulatedStore::SimulatedStore(Scenario scenario, std::uint64_t seed)
+    : scenario_(std::move(scenario)), random_(seed) {
     for (const auto& beacon : scenario_.beacons) {
         // Beacons are not in step with each other: each starts at its own moment within its interval.
-        nextAdvertisement_.push_back(milliseconds(static_cast<long long>(random_() % beacon.interval.count())));
+        nextAdvertisement_.push_back(
+            milliseconds(static_cast<long long>(random_() % beacon.interval.count())));
         data_.push_back(advertisingData(beacon));
     }
 }
@@ -144,7 +156,8 @@ SimulatedStore::SimulatedStore(Scenario scenario, std::uint64_t seed) : scenario
 std::vector<std::uint8_t> SimulatedStore::advertisingData(const Scenario::Beacon& beacon) {
     std::vector<std::uint8_t> data;
     data.reserve(30);
-    for (const std::uint8_t byte : {0x02, 0x01, 0x06, 0x1A, 0xFF, 0x4C, 0x00, 0x02, 0x15}) data.push_back(byte);
+    for (const std::uint8_t byte : {0x02, 0x01, 0x06, 0x1A, 0xFF, 0x4C, 0x00, 0x02, 0x15})
+        data.push_back(byte);
     for (const auto byte : beacon.uuid.bytes) data.push_back(byte);
     data.push_back(static_cast<std::uint8_t>(beacon.major >> 8));
     data.push_back(static_cast<std::uint8_t>(beacon.major & 0xFF));

@@ -15,7 +15,7 @@ namespace pelm::platform {
 
 /// A bad scenario: `what()` names the field and why ("beacons[2].x: must be a number").
 class ScenarioError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -40,10 +40,10 @@ struct Scenario {
     std::string name;
     std::vector<Beacon> beacons;
     std::vector<WayPoint> path;
-    double walkingSpeed = 1.0;       // metres per second
-    double pathLossExponent = 2.0;   // free space is 2; shop floors are a little above
-    double noiseDb = 2.0;            // standard deviation of the received signal
-    int detectionThresholdDbm = -90; // weaker advertisements are not heard
+    double walkingSpeed = 1.0;        // metres per second
+    double pathLossExponent = 2.0;    // free space is 2; shop floors are a little above
+    double noiseDb = 2.0;             // standard deviation of the received signal
+    int detectionThresholdDbm = -90;  // weaker advertisements are not heard
 
     /// Reads a scenario; throws ScenarioError naming the first bad field.
     static Scenario fromJSON(const JSON& json);
@@ -56,7 +56,7 @@ struct Scenario {
 /// Plays a scenario as a stream of advertisements into a region engine, in virtual time. The same seed gives
 /// the same stream.
 class SimulatedStore {
-public:
+  public:
     SimulatedStore(Scenario scenario, std::uint64_t seed);
 
     const Scenario& scenario() const { return scenario_; }
@@ -71,7 +71,7 @@ public:
     /// The advertising data an iBeacon of this identity sends (with a Flags structure).
     static std::vector<std::uint8_t> advertisingData(const Scenario::Beacon& beacon);
 
-private:
+  private:
     double gaussian();
 
     Scenario scenario_;

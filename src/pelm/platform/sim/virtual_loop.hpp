@@ -3,8 +3,8 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
-#include <optional>
 #include <mutex>
+#include <optional>
 
 #include <pelm/platform/main_queue.hpp>
 
@@ -15,7 +15,7 @@ namespace pelm::platform {
 /// Outside results run only when nothing else is ready, in the order their work began.
 /// Posting is safe from any thread; `advance` and `runUntilIdle` belong to the thread that drives the loop.
 class VirtualLoop final : public MainQueue {
-public:
+  public:
     explicit VirtualLoop(Date start = Date{std::chrono::milliseconds{1'700'000'000'000}});
 
     Date now() const override;
@@ -33,7 +33,7 @@ public:
     bool advanceToNextTimer();
     std::size_t pendingTimers() const;
 
-private:
+  private:
     bool runReady(std::unique_lock<std::mutex>& lock);
 
     mutable std::mutex mutex_;
