@@ -75,9 +75,11 @@ std::string htmlReport(const platform::Scenario& scenario, const SimulationResul
                                       : subRegionOf(event.text, "Exiting SUB Region: ");
             if (!region || region->first != beacon.major || region->second != beacon.minor) continue;
             const double at = static_cast<double>(event.at.count()) / 1000.0;
-            svg << "<path d='M" << x(at) << " " << top + 4 << " l5 " << (entry ? 11 : -0)
-                << " l-10 0 z' fill='" << (entry ? "#2a9d3f" : "#c0392b") << "'><title>" << escape(event.text)
-                << "</title></path>";
+            // Entries point up, exits point down.
+            const int tip = entry ? top + 4 : top + 22;
+            const int base = entry ? 11 : -11;
+            svg << "<path d='M" << x(at) << " " << tip << " l5 " << base << " l-10 0 z' fill='"
+                << (entry ? "#2a9d3f" : "#c0392b") << "'><title>" << escape(event.text) << "</title></path>";
         }
     }
     const int contentTop = static_cast<int>(scenario.beacons.size()) * kRow;
