@@ -69,14 +69,6 @@ class Recorder : public PelmBeaconManagerDelegate, public platform::LogSink {
     std::string lastDevices_;
 };
 
-// Forwards log lines to the recorder while it lives.
-struct LogForwarder : platform::LogSink {
-    std::weak_ptr<Recorder> recorder;
-    void write(std::string_view line) override {
-        if (auto r = recorder.lock()) r->write(line);
-    }
-};
-
 }  // namespace
 
 SimulationResult runSimulation(
@@ -104,8 +96,6 @@ SimulationResult runSimulation(
     auto loop = std::make_shared<platform::VirtualLoop>(
         Date{std::chrono::sys_days{std::chrono::year{2026} / 11 / 22}} + 9h);
     auto recorder = std::make_shared<Recorder>(loop, onEvent);
-    auto forwarder = std::make_shared<LogForwarder>();
-    forwarder->recorder = recorder;
     platform::CurlTransportOptions http;
     if (ca) http.extraCABundle = *ca;
     auto engine = std::make_shared<platform::RegionEngine>(loop);
@@ -114,7 +104,7 @@ SimulationResult runSimulation(
     services->store = std::make_shared<platform::MemoryKeyValueStore>();
     services->identity =
         std::make_shared<platform::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
-    services->log = forwarder;
+    services->log = recorder;  // library faults join the timeline
     services->http = std::make_shared<platform::CurlTransport>(loop, http);
     services->beaconVendor = engine;
     platform::install(services);
