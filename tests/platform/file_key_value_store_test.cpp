@@ -12,7 +12,9 @@
 #include <sstream>
 #include <thread>
 
-#include "support/test_platform.hpp"
+#include <pelm/platform/platform.hpp>
+#include <pelm/platform/sim/captured_log_sink.hpp>
+#include <pelm/platform/sim/virtual_loop.hpp>
 
 namespace pelm::platform {
 namespace {
@@ -22,12 +24,20 @@ namespace fs = std::filesystem;
 class FileKeyValueStoreTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        // Only what the store touches, and nothing that starts a thread: these tests fork, and a child forked
+        // while another thread holds an allocator or libc lock can deadlock on its first allocation.
+        services_->mainQueue = std::make_shared<VirtualLoop>();
+        services_->log = log_;
+        install(services_);
         char pattern[] = "/tmp/pelm-store-XXXXXX";
         ASSERT_NE(::mkdtemp(pattern), nullptr);
         folder_ = pattern;
         file_ = folder_ / "nested" / "hostapp.json";
     }
-    void TearDown() override { fs::remove_all(folder_); }
+    void TearDown() override {
+        install(nullptr);
+        fs::remove_all(folder_);
+    }
 
     std::string fileText() const {
         std::ifstream in(file_);
@@ -50,7 +60,8 @@ class FileKeyValueStoreTest : public ::testing::Test {
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
 
-    pelm::testing::TestPlatform platform_;  // catches the store's own error lines
+    std::shared_ptr<CapturedLogSink> log_ = std::make_shared<CapturedLogSink>();  // the store's own error lines
+    std::shared_ptr<Platform> services_ = std::make_shared<Platform>();
     fs::path folder_;
     fs::path file_;
 };
@@ -94,7 +105,7 @@ TEST_F(FileKeyValueStoreTest, AWriterKilledMidStreamLeavesTheOldOrTheNewFile) {
         EXPECT_TRUE(std::regex_match(*token, written)) << *token;
         EXPECT_EQ(token->rfind(prefix, 0), 0u) << *token;
     }
-    EXPECT_TRUE(platform_.lines().empty());
+    EXPECT_TRUE(log_->lines().empty());
 }
 
 TEST_F(FileKeyValueStoreTest, EightThreadsLoseNoWrite) {
@@ -163,8 +174,8 @@ TEST_F(FileKeyValueStoreTest, AnUnwritableFolderIsReportedNotFatal) {
     FileKeyValueStore store(folder_ / "plainfile" / "hostapp.json");
     store.set("pelm.apptoken", "t");
     EXPECT_EQ(store.get("pelm.apptoken"), std::nullopt);
-    ASSERT_EQ(platform_.lines().size(), 1u);
-    EXPECT_EQ(platform_.lines()[0].rfind("[PELM][ERROR] Unable to lock ", 0), 0u) << platform_.lines()[0];
+    ASSERT_EQ(log_->lines().size(), 1u);
+    EXPECT_EQ(log_->lines()[0].rfind("[PELM][ERROR] Unable to lock ", 0), 0u) << log_->lines()[0];
 }
 
 }  // namespace
