@@ -79,7 +79,7 @@ TEST(LinuxBluetooth, IsUnknownUntilFirstLookedAtThenTellsObservers) {
     LinuxBluetooth source(platform.loop, 50ms, root);
     std::vector<int> seen;
     const auto handle = source.observe([&](int state) { seen.push_back(state); });
-    for (int i = 0; i < 200 && seen.empty(); ++i) {
+    for (int i = 0; i < 1000 && seen.empty(); ++i) {  // up to 10 s on a loaded machine
         std::this_thread::sleep_for(10ms);
         platform.loop->runUntilIdle();
     }
