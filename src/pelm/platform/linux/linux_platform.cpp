@@ -5,6 +5,7 @@
 
 #include <pelm/platform/linux/curl_transport.hpp>
 #include <pelm/platform/linux/file_key_value_store.hpp>
+#include <pelm/platform/linux/linux_beacon_vendor.hpp>
 #include <pelm/platform/linux/linux_bluetooth.hpp>
 #include <pelm/platform/linux/linux_reachability.hpp>
 #include <pelm/platform/linux/machine_identity.hpp>
@@ -60,6 +61,7 @@ std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options) {
     platform->reachability = std::make_shared<LinuxReachability>();
     platform->location = std::make_shared<PolicyLocation>(options.locationAuthorization);
     platform->bluetooth = std::make_shared<LinuxBluetooth>(platform->mainQueue);
+    if (options.beacons) platform->beaconVendor = LinuxBeaconVendor::make(platform->mainQueue);
     return platform;
 }
 

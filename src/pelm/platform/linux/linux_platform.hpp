@@ -26,6 +26,8 @@ struct LinuxPlatformOptions {
     int locationAuthorization = 3;
     /// Also send log lines to syslog.
     bool syslog = false;
+    /// Listen for beacons through BlueZ, when it has an adapter. Without one there is no beacon vendor.
+    bool beacons = true;
 };
 
 /// The settings file a Linux host app with these options uses.
