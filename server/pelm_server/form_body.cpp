@@ -2,15 +2,10 @@
 
 #include <vector>
 
+#include <pelm/api/form_encoding.hpp>
+
 namespace pelm::server {
 namespace {
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
 
 // "session_logs[][uuid]" -> {"session_logs", "", "uuid"}
 std::vector<std::string> nameParts(const std::string& name) {
@@ -53,23 +48,6 @@ void assign(JSON& target, const std::vector<std::string>& parts, std::size_t ind
 }
 
 }  // namespace
-
-std::string formDecode(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '+') {
-            out += ' ';
-        } else if (text[i] == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 &&
-                   hexValue(text[i + 2]) >= 0) {
-            out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
 
 JSON parseFormBody(std::string_view body) {
     JSON result = JSON::object();

@@ -11,7 +11,4 @@ namespace pelm::server {
 /// value stays text, as it travelled.
 JSON parseFormBody(std::string_view body);
 
-/// Undoes percent-escaping; "+" stands for a blank.
-std::string formDecode(std::string_view text);
-
 }  // namespace pelm::server

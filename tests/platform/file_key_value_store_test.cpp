@@ -60,7 +60,8 @@ class FileKeyValueStoreTest : public ::testing::Test {
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
 
-    std::shared_ptr<CapturedLogSink> log_ = std::make_shared<CapturedLogSink>();  // the store's own error lines
+    std::shared_ptr<CapturedLogSink> log_ =
+        std::make_shared<CapturedLogSink>();  // the store's own error lines
     std::shared_ptr<Platform> services_ = std::make_shared<Platform>();
     fs::path folder_;
     fs::path file_;

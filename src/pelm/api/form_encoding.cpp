@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include <pelm/model/hex_digits.hpp>
+
 namespace pelm {
 namespace {
 
@@ -34,7 +36,6 @@ void expand(const std::string& name, const JSON& value, std::string& out) {
 }  // namespace
 
 std::string percentEscape(std::string_view text) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
     std::string escaped;
     escaped.reserve(text.size() * 3);
     for (const char raw : text) {
@@ -43,11 +44,28 @@ std::string percentEscape(std::string_view text) {
             escaped += raw;
         } else {
             escaped += '%';
-            escaped += kHex[c >> 4];
-            escaped += kHex[c & 0x0F];
+            escaped += kHexDigits[c >> 4];
+            escaped += kHexDigits[c & 0x0F];
         }
     }
     return escaped;
+}
+
+std::string formDecode(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '+') {
+            out += ' ';
+        } else if (text[i] == '%' && i + 2 < text.size() && hexDigitValue(text[i + 1]) >= 0 &&
+                   hexDigitValue(text[i + 2]) >= 0) {
+            out += static_cast<char>(hexDigitValue(text[i + 1]) * 16 + hexDigitValue(text[i + 2]));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
 }
 
 std::string formEncode(const JSON& parameters) {
