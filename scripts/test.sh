@@ -1,33 +1,41 @@
 #!/usr/bin/env bash
-# The whole test suite: installs what it needs, then builds and runs everything twice (plainly, and under
-# AddressSanitizer + UndefinedBehaviorSanitizer), then gives each fuzzer a short run.
+# The whole test suite: installs what it needs, then builds and runs everything with gcc, again under
+# AddressSanitizer + UndefinedBehaviorSanitizer with clang (which also builds the fuzzers), the threaded tests
+# under ThreadSanitizer, clang-tidy's use-after-move check, and gives each fuzzer a short run.
+#   FUZZ_SECONDS=N   seconds per fuzzer (default 20; 0 skips fuzzing)
+#   SKIP_TSAN=1      leaves out the ThreadSanitizer build
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-FUZZ_SECONDS=${FUZZ_SECONDS:-30}
+FUZZ_SECONDS=${FUZZ_SECONDS:-20}
 jobs=$(nproc 2>/dev/null || echo 2)
+started=$SECONDS
+stage() { echo "== $1 ($((SECONDS - started)) s in)"; }
 
 scripts/install-deps.sh
 
-echo "== plain build"
+stage "gcc build"
 scripts/build.sh plain
 (cd build/plain && ctest --output-on-failure -j "$jobs")
 
-echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+stage "clang build with AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh asan
 (cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
    ctest --output-on-failure -j "$jobs")
 
-if [ "$FUZZ_SECONDS" -gt 0 ]; then
-  echo "== fuzzing, ${FUZZ_SECONDS}s per target"
-  scripts/build.sh fuzz
-  for fuzzer in build/fuzz/fuzz/*_fuzzer; do
-    corpus="fuzz/corpus/$(basename "$fuzzer" _fuzzer)"
-    work=$(mktemp -d)
-    [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/
-    echo "-- $(basename "$fuzzer")"
-    "$fuzzer" -max_total_time="$FUZZ_SECONDS" -print_final_stats=0 "$work" 2>&1 | tail -n 3
-    rm -rf "$work"
-  done
+stage "clang-tidy: use after move"
+scripts/tidy.sh build/asan
+
+if [ "${SKIP_TSAN:-0}" != 1 ]; then
+  stage "clang build with ThreadSanitizer: the tests with threads of their own"
+  scripts/build.sh tsan
+  (cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+     ctest --output-on-failure -j "$jobs" -R "$(scripts/threaded-tests.sh)")
 fi
+
+if [ "$FUZZ_SECONDS" -gt 0 ]; then
+  stage "fuzzing, ${FUZZ_SECONDS}s per target"
+  scripts/fuzz.sh "$FUZZ_SECONDS"
+fi
+stage "done"
 echo "all tests passed"

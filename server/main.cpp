@@ -1,5 +1,5 @@
 // pelm-server: the reference content server.
-//   pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--cert FILE --key FILE]
+//   pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--threads N] [--cert FILE --key FILE]
 //   pelm-server sessions --db FILE      prints the stored uploads as JSON
 #include <csignal>
 #include <cstdio>
@@ -9,18 +9,20 @@
 #include <string>
 
 #include <pelm/model/json_text.hpp>
+#include <pelm/platform/linux/bounded_file.hpp>
 
 #include "pelm_server/pelm_server.hpp"
+#include "pelm_server/text_numbers.hpp"
 
 namespace {
 
 volatile std::sig_atomic_t stopRequested = 0;
 
 void usage() {
-    std::fprintf(
-        stderr,
-        "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--cert FILE --key FILE]\n"
-        "       pelm-server sessions --db FILE\n");
+    std::fprintf(stderr,
+                 "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--threads N]\n"
+                 "                   [--cert FILE --key FILE]\n"
+                 "       pelm-server sessions --db FILE\n");
 }
 
 int fail(const std::string& message) {
@@ -48,9 +50,15 @@ int main(int argc, char** argv) {
                 options.database = value();
             else if (word == "--seed")
                 seed = value();
-            else if (word == "--port")
-                options.port = std::stoi(value());
-            else if (word == "--bind")
+            else if (word == "--port") {
+                const auto port = pelm::server::wholeNumber(value(), 1, 65535);
+                if (!port) return fail("--port takes a port number from 1 to 65535");
+                options.port = static_cast<int>(*port);
+            } else if (word == "--threads") {
+                const auto threads = pelm::server::wholeNumber(value(), 1, 4096);
+                if (!threads) return fail("--threads takes a number from 1 to 4096");
+                options.threads = static_cast<int>(*threads);
+            } else if (word == "--bind")
                 options.bindAddress = value();
             else if (word == "--cert")
                 options.certFile = value();
@@ -70,18 +78,16 @@ int main(int argc, char** argv) {
     try {
         if (listSessions) {
             pelm::server::ContentStore store(options.database);
-            std::cout << store.sessions().dump(2) << "\n";
+            std::cout << pelm::jsonText(store.sessions(), 2) << "\n";
             return 0;
         }
         if (!options.certFile)
             options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
         pelm::server::PelmServer server(options);
         if (seed) {
-            std::ifstream in(*seed);
-            if (!in) return fail("cannot read " + *seed);
-            std::stringstream text;
-            text << in.rdbuf();
-            const auto parsed = pelm::parseJSONText(text.str());
+            const auto text = pelm::platform::readBoundedFile(*seed);
+            if (!text.bytes) return fail(*seed + " " + text.error);
+            const auto parsed = pelm::parseJSONText(*text.bytes);
             if (!parsed) return fail(*seed + " is not valid JSON");
             server.store().seed(*parsed);
         }

@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <pelm/model/json_text.hpp>
+
 #include <stdexcept>
 #include <vector>
 
@@ -82,6 +84,13 @@ const JSON& requireObject(const JSON& entry, const char* key, const std::string&
     return *found;
 }
 
+// What the store wrote itself; a database changed by other hands may hold anything.
+JSON storedJSON(const std::string& text) {
+    auto parsed = parseJSONText(text);
+    if (!parsed) throw std::runtime_error("the database holds a record that is not JSON");
+    return std::move(*parsed);
+}
+
 void putText(JSON& object, const char* key, const Statement& row, int column) {
     if (!row.isNull(column)) object[key] = row.text(column);
 }
@@ -128,7 +137,7 @@ void ContentStore::seed(const JSON& data) {
             const auto& config = requireObject(apps[i], "app_config", where);
             Statement(db_, "INSERT OR REPLACE INTO apps (token, config) VALUES (?, ?)")
                 .bind(1, token)
-                .bind(2, config.dump())
+                .bind(2, jsonText(config))
                 .step();
         }
         const auto contents = data.value("contents", JSON::array());
@@ -156,7 +165,7 @@ void ContentStore::seed(const JSON& data) {
                 .bind(4, requireText(beacon, "major", where + ".beacon"))
                 .bind(5, requireText(beacon, "minor", where + ".beacon"))
                 .bind(6, type)
-                .bind(7, content.dump())
+                .bind(7, jsonText(content))
                 .step();
         }
         execute("COMMIT");
@@ -171,7 +180,7 @@ std::optional<JSON> ContentStore::appConfig(const std::string& token) const {
     Statement query(db_, "SELECT config FROM apps WHERE token = ?");
     query.bind(1, token);
     if (!query.step()) return std::nullopt;
-    return JSON::parse(query.text(0));
+    return storedJSON(query.text(0));
 }
 
 std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t id) const {
@@ -179,7 +188,7 @@ std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t
     Statement query(db_, "SELECT content FROM contents WHERE token = ? AND id = ?");
     query.bind(1, token).bind(2, id);
     if (!query.step()) return std::nullopt;
-    return JSON::parse(query.text(0));
+    return storedJSON(query.text(0));
 }
 
 std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, const std::string& uuid,
@@ -191,7 +200,7 @@ std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, con
                     "AND display_type = ? ORDER BY id LIMIT 1");
     query.bind(1, token).bind(2, uuid).bind(3, major).bind(4, minor).bind(5, displayType);
     if (!query.step()) return std::nullopt;
-    return JSON::parse(query.text(0));
+    return storedJSON(query.text(0));
 }
 
 std::int64_t ContentStore::storeSession(const std::string& token, const std::string& user,

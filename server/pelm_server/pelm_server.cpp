@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 
+#include <charconv>
 #include <stdexcept>
 
 #include <pelm/sdk/pelm_constants.hpp>
@@ -15,7 +16,7 @@ constexpr const char* kJSON = "application/json; charset=utf-8";
 
 void reply(httplib::Response& res, int status, const JSON& body) {
     res.status = status;
-    res.set_content(body.dump(-1, ' ', false, JSON::error_handler_t::replace), kJSON);
+    res.set_content(jsonText(body), kJSON);
 }
 
 void error(httplib::Response& res, int status, const std::string& message) {
@@ -51,7 +52,9 @@ PelmServer::PelmServer(Options options)
     http_->set_tcp_nodelay(true);
     http_->set_keep_alive_max_count(100000);
     http_->set_keep_alive_timeout(options_.keepAliveSeconds);
-    http_->set_payload_max_length(std::size_t{8} << 20);
+    http_->set_payload_max_length(kMaxBodyBytes);
+    const auto threads = static_cast<std::size_t>(std::max(1, options_.threads));
+    http_->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     routes();
 }
 
@@ -91,7 +94,7 @@ void PelmServer::clearFaults() {
 
 std::vector<PelmServer::ReceivedRequest> PelmServer::requests() const {
     std::lock_guard lock(mutex_);
-    return requests_;
+    return {requests_.begin(), requests_.end()};
 }
 
 std::size_t PelmServer::connectionCount() const {
@@ -99,23 +102,47 @@ std::size_t PelmServer::connectionCount() const {
     return connections_.size();
 }
 
+void PelmServer::record(const void* request, ReceivedRequest received) {
+    if (options_.recordRequests == 0) return;
+    std::lock_guard lock(mutex_);
+    recordOf_[request] = dropped_ + requests_.size();
+    connections_.insert(received.remotePort);
+    requests_.push_back(std::move(received));
+    if (requests_.size() > options_.recordRequests) {
+        requests_.pop_front();
+        ++dropped_;
+    }
+}
+
 void PelmServer::recordBody(const void* request, const std::string& body) {
+    if (options_.recordRequests == 0) return;
     std::lock_guard lock(mutex_);
     if (const auto found = recordOf_.find(request); found != recordOf_.end()) {
-        requests_[found->second].body = body;
+        if (found->second >= dropped_) requests_[found->second - dropped_].body = body;
         recordOf_.erase(found);
     }
 }
 
+// The server library reads the whole head before any handler of ours runs; this at least answers a head
+// beyond what a client of ours ever sends with 431 instead of serving it.
+bool PelmServer::headersWithinLimits(const void* request) {
+    const auto& req = *static_cast<const httplib::Request*>(request);
+    std::size_t bytes = req.target.size();
+    for (const auto& [name, value] : req.headers) bytes += name.size() + value.size() + 4;
+    return req.headers.size() <= kMaxHeaderCount && bytes <= kMaxHeaderBytes;
+}
+
 void PelmServer::routes() {
     http_->set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+        if (!headersWithinLimits(&req)) {
+            error(res, 431, "Request header fields too large");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        record(&req, {req.method, req.path, req.target, req.get_header_value("Content-Type"),
+                      req.get_header_value("Expect"), req.body, req.remote_port});
         std::optional<Fault> fault;
         {
             std::lock_guard lock(mutex_);
-            recordOf_[&req] = requests_.size();
-            requests_.push_back({req.method, req.path, req.target, req.get_header_value("Content-Type"),
-                                 req.get_header_value("Expect"), req.body, req.remote_port});
-            connections_.insert(req.remote_port);
             if (const auto found = faults_.find(req.path); found != faults_.end()) fault = found->second;
         }
         if (!fault) return httplib::Server::HandlerResponse::Unhandled;
@@ -152,11 +179,9 @@ void PelmServer::routes() {
         const auto token = param(req, "app_token");
         if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");
         std::int64_t id = 0;
-        try {
-            id = std::stoll(req.matches[1].str());
-        } catch (const std::exception&) {
+        const auto digits = req.matches[1].str();
+        if (std::from_chars(digits.data(), digits.data() + digits.size(), id).ec != std::errc())
             return error(res, 404, "No such content");
-        }
         const auto content = store_->content(token, id);
         if (!content) return error(res, 404, "No such content");
         reply(res, 200, {{"status", "successful"}, {"content", *content}});

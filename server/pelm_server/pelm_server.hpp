@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -31,9 +32,13 @@ class PelmServer {
         /// 0 picks a free port.
         int port = 0;
         std::string bindAddress = "127.0.0.1";
-        /// How long an idle keep-alive connection is held open; stopping waits for idle connections this
-        /// long.
-        int keepAliveSeconds = 5;
+        /// How long an idle keep-alive connection is held open. Each open connection holds a worker thread,
+        /// and stopping waits for idle connections this long, so it is short.
+        int keepAliveSeconds = 1;
+        /// Worker threads: one per open connection, so as many as phones may be connected at once.
+        int threads = 256;
+        /// Keep what arrived, for tests: the last `recordRequests` requests (and their connections).
+        std::size_t recordRequests = 0;
         /// Certificate and key; a throwaway pair is made in `certificateFolder` when none is given.
         std::optional<std::filesystem::path> certFile;
         std::optional<std::filesystem::path> keyFile;
@@ -48,6 +53,11 @@ class PelmServer {
         bool dropConnection = false;          // send the headers, then close without the promised body
         std::optional<std::string> location;  // a Location header, for redirects
     };
+
+    /// What one request may carry; more is answered 431 (headers) or 413 (body) before any handler runs.
+    static constexpr std::size_t kMaxHeaderCount = 100;
+    static constexpr std::size_t kMaxHeaderBytes = 16 * 1024;
+    static constexpr std::size_t kMaxBodyBytes = 1024 * 1024;
 
     /// One request as it arrived.
     struct ReceivedRequest {
@@ -77,13 +87,16 @@ class PelmServer {
 
     void setFault(const std::string& path, Fault fault);
     void clearFaults();
+    /// The requests kept (see Options::recordRequests), oldest first.
     std::vector<ReceivedRequest> requests() const;
-    /// Distinct client connections seen so far (each has its own source port).
+    /// Distinct client connections seen so far while requests are kept (each has its own source port).
     std::size_t connectionCount() const;
 
   private:
     void routes();
+    void record(const void* request, ReceivedRequest received);
     void recordBody(const void* request, const std::string& body);
+    static bool headersWithinLimits(const void* request);
 
     Options options_;
     std::unique_ptr<ContentStore> store_;
@@ -93,7 +106,8 @@ class PelmServer {
     std::optional<std::filesystem::path> caFile_;
     mutable std::mutex mutex_;
     std::map<std::string, Fault> faults_;
-    std::vector<ReceivedRequest> requests_;
+    std::deque<ReceivedRequest> requests_;
+    std::size_t dropped_ = 0;  // records let go from the front of requests_
     // The body is read after routing starts; a handler finds its request's record by the request's address.
     std::map<const void*, std::size_t> recordOf_;
     std::set<int> connections_;

@@ -67,6 +67,26 @@ TEST_F(APIRequestTest, TheHostIsTheOneStoredWhenTheRequestIsBuilt) {
     EXPECT_FALSE(status.urlRequest());
 }
 
+TEST_F(APIRequestTest, OnlyAWellFormedHostGetsARequest) {
+    const APIRequest status(APIRequest::Status{"T"});
+    for (const char* good : {"content.example", "10.0.0.7:8443", "[::1]:8443", "[fe80::1]", "my_host.lan:1",
+                             "content.example/", "q.example?tenant=7", "shop.example:65535"}) {
+        SettingsManager::sharedInstance()->setApiHost(good);
+        EXPECT_TRUE(status.urlRequest()) << good;
+    }
+    for (const char* bad :
+         {"", "https://content.example", "content.example/api", "user:pw@content.example", "content .example",
+          "content.example\t", "content.example#top", "content.example:0", "content.example:70000",
+          "content.example:", "content.example:+80", "[::1", "[::1]x",
+          "b\xC3\xA4"
+          "cker.example",
+          ":8443", "/", "?a=b"}) {
+        SettingsManager::sharedInstance()->setApiHost(bad);
+        EXPECT_FALSE(status.urlRequest()) << bad;
+        EXPECT_TRUE(APIRequest::hostProblem(bad)) << bad;
+    }
+}
+
 TEST_F(APIRequestTest, SessionUploadIsAFormPostWithNestedRecords) {
     auto session = std::make_shared<Session>();
     session->appVersion = "2.4.1";

@@ -244,6 +244,22 @@ TEST_F(APIClientTest, NetworkFailuresCompleteOnceWithFalse) {
     EXPECT_EQ(lines().size(), 3u);
 }
 
+TEST_F(APIClientTest, AMalformedHostFailsTheCallBeforeAnyConnection) {
+    // Each of these would have reached this server (or "api", for the empty host) with the token in the
+    // query.
+    const auto port = std::to_string(server_->port());
+    for (const auto& host :
+         {std::string(), "user@localhost:" + port, "localhost:" + port + "/shop", "https://localhost:" + port,
+          "localhost:" + port + " ", "localhost:" + port + "\n"}) {
+        SettingsManager::sharedInstance()->setApiHost(host);
+        EXPECT_FALSE(lookup(beacon()).successful) << host;
+        ASSERT_FALSE(lines().empty());
+        EXPECT_THAT(lines().back(), HasSubstr("Refused to send a request to the api host")) << host;
+    }
+    EXPECT_EQ(lines().size(), 6u);
+    EXPECT_EQ(server_->connectionCount(), 0u);
+}
+
 TEST_F(APIClientTest, ACertificateTheClientDoesNotTrustFailsTheCall) {
     platform_ = std::make_unique<testing::TestPlatform>();  // trusts only the system's authorities
     SettingsManager::sharedInstance()->setApiHost(server_->host());

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <limits>
 
 #include "support/test_platform.hpp"
 
@@ -132,6 +133,19 @@ TEST(DateComparison, EachTestsForOneOutcome) {
     EXPECT_TRUE(equalToDate(a, a));
     EXPECT_FALSE(equalToDate(a, b));
     EXPECT_EQ(dateByAddingSeconds(a, -60), a - seconds{60});
+}
+
+TEST(DateArithmetic, AddingSecondsSaturatesAtTheEndsOfTheClock) {
+    const auto a = utc(2026, 11, 23, 9, 0, 0);
+    // 10^10 s is about 317 years: beyond what a Date holds either way.
+    EXPECT_EQ(dateByAddingSeconds(a, 10'000'000'000LL), Date::max());
+    EXPECT_EQ(dateByAddingSeconds(a, -10'000'000'000LL), Date::min());
+    EXPECT_EQ(dateByAddingSeconds(a, std::numeric_limits<long long>::max()), Date::max());
+    EXPECT_EQ(dateByAddingSeconds(a, std::numeric_limits<long long>::min()), Date::min());
+    // "Never again" still reads as a date, as late as the clock can say.
+    EXPECT_TRUE(isGreaterThanDate(dateByAddingSeconds(a, 9'999'999'999LL), a + hours{24 * 365 * 200}));
+    EXPECT_EQ(dateDescription(Date::max()).substr(0, 5), "2262-");
+    EXPECT_EQ(dateByAddingSeconds(a, 3600), a + hours{1});
 }
 
 TEST(DateDescription, IsUtcToTheSecond) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -152,9 +153,64 @@ TEST_F(FileKeyValueStoreTest, ABrokenFileReadsAsEmptyAndIsKeptAsideOnTheNextWrit
     std::ofstream(file_) << "{\"pelm.apptoken\": \"half";
     FileKeyValueStore store(file_);
     EXPECT_EQ(store.get("pelm.apptoken"), std::nullopt);
+    EXPECT_EQ(store.get("pelm.uuid"), std::nullopt);
+    // Said once, naming the file; reading leaves the file alone.
+    ASSERT_EQ(log_->lines().size(), 1u);
+    EXPECT_EQ(log_->lines()[0], "[PELM][ERROR] The settings file " + file_.string() +
+                                    " is not a JSON object of texts; reading it as empty.");
+    EXPECT_EQ(fileText(), "{\"pelm.apptoken\": \"half");
     store.set("pelm.apihost", "h");
     EXPECT_EQ(store.get("pelm.apihost"), "h");
     EXPECT_TRUE(fs::exists(file_.string() + ".corrupt"));
+}
+
+TEST_F(FileKeyValueStoreTest, AnEndlessFileIsReadOnlyUpToTheLimit) {
+    fs::create_directories(file_.parent_path());
+    fs::create_symlink("/dev/zero", file_);
+    FileKeyValueStore store(file_);
+    EXPECT_EQ(store.get("pelm.apptoken"), std::nullopt);
+    ASSERT_EQ(log_->lines().size(), 1u);
+    EXPECT_NE(log_->lines()[0].find("is larger than 64 MiB"), std::string::npos) << log_->lines()[0];
+}
+
+TEST_F(FileKeyValueStoreTest, TextThatIsNotUtf8IsRefusedWithoutThrowingOrTouchingTheFile) {
+    FileKeyValueStore store(file_);
+    store.set("pelm.apptoken", "good");
+    const auto before = fileText();
+    for (const char* bad : {"\xFF", "a\xC3", "\xED\xA0\x80", "\xC0\xAF"}) store.set("pelm.apptoken", bad);
+    store.set("\xFE", "value");
+    EXPECT_EQ(store.get("pelm.apptoken"), "good");
+    EXPECT_EQ(fileText(), before);
+    ASSERT_EQ(log_->lines().size(), 5u);
+    EXPECT_EQ(log_->lines()[0], "[PELM][ERROR] Unable to store \"pelm.apptoken\" in " + file_.string() +
+                                    ": the text is not valid UTF-8");
+    EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
+    // Valid text of any size and kind goes in and comes back byte for byte.
+    const std::string large(1 << 20, 'x');
+    for (const std::string& good : {std::string(), std::string("K\xC3\xA4se \xF0\x9F\xA7\x80"), large}) {
+        store.set("pelm.apptoken", good);
+        EXPECT_EQ(store.get("pelm.apptoken"), good);
+    }
+}
+
+TEST_F(FileKeyValueStoreTest, AFailedWriteKeepsTheOldFileRemovesItsTemporaryAndSaysWhy) {
+    FileKeyValueStore store(file_);
+    store.set("pelm.apptoken", "old");
+    const auto before = fileText();
+    // A file size limit makes the kernel cut the write short and then refuse it, as a full disk would.
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit small = saved;
+    small.rlim_cur = 40;
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    store.set("pelm.apptoken", std::string(1000, 'n'));
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    EXPECT_EQ(fileText(), before);
+    EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
+    ASSERT_EQ(log_->lines().size(), 1u);
+    EXPECT_EQ(log_->lines()[0], "[PELM][ERROR] Unable to store \"pelm.apptoken\" in " + file_.string() +
+                                    ": cannot write: File too large");
 }
 
 TEST_F(FileKeyValueStoreTest, ValuesThatAreNotTextAreIgnoredButNotLost) {
@@ -176,7 +232,9 @@ TEST_F(FileKeyValueStoreTest, AnUnwritableFolderIsReportedNotFatal) {
     store.set("pelm.apptoken", "t");
     EXPECT_EQ(store.get("pelm.apptoken"), std::nullopt);
     ASSERT_EQ(log_->lines().size(), 1u);
-    EXPECT_EQ(log_->lines()[0].rfind("[PELM][ERROR] Unable to lock ", 0), 0u) << log_->lines()[0];
+    EXPECT_EQ(log_->lines()[0], "[PELM][ERROR] Unable to store \"pelm.apptoken\" in " +
+                                    (folder_ / "plainfile" / "hostapp.json").string() +
+                                    ": cannot lock: Not a directory");
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ class ServerTest : public ::testing::Test {
         folder_ = pattern;
         server::PelmServer::Options options;
         options.certificateFolder = folder_;
-        options.keepAliveSeconds = 1;  // stopping the server waits for idle connections this long
+        options.recordRequests = 10000;
         server_ = std::make_unique<server::PelmServer>(options);
         server_->store().seed(testSeed());
         server_->start();

@@ -1,9 +1,11 @@
 #include <cstdio>
 #include <iostream>
+#include <limits>
 
 #include <pelm/api/pelm_api_client.hpp>
 
 #include "cli.hpp"
+#include "pelm_server/text_numbers.hpp"
 
 namespace pelm::cli {
 namespace {
@@ -13,13 +15,8 @@ JSON orNull(const auto& record) {
 }
 
 std::optional<std::int64_t> integerArgument(const std::string& text) {
-    try {
-        std::size_t used = 0;
-        const auto value = std::stoll(text, &used);
-        if (used == text.size()) return value;
-    } catch (const std::exception&) {
-    }
-    return std::nullopt;
+    return server::wholeNumber(text, std::numeric_limits<long long>::min(),
+                               std::numeric_limits<long long>::max());
 }
 
 int usage() {
@@ -67,7 +64,7 @@ int callCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm call: no answer within a minute\n");
         return 1;
     }
-    std::cout << result->dump(2, ' ', false, JSON::error_handler_t::replace) << "\n";
+    std::cout << jsonText(*result, 2) << "\n";
     return result->begin()->get<bool>() ? 0 : 1;
 }
 

@@ -1,5 +1,9 @@
 #include "report.hpp"
 
+#include <pelm/model/json_text.hpp>
+
+#include "pelm_server/text_numbers.hpp"
+
 #include <cstdio>
 #include <sstream>
 
@@ -35,12 +39,11 @@ std::optional<std::pair<int, int>> subRegionOf(const std::string& text, const st
     const auto last = text.rfind(" - ");
     const auto before = text.rfind(" - ", last - 1);
     if (last == std::string::npos || before == std::string::npos) return std::nullopt;
-    try {
-        return std::pair{std::stoi(text.substr(before + 3, last - before - 3)),
-                         std::stoi(text.substr(last + 3))};
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    const auto major =
+        server::wholeNumber(std::string_view(text).substr(before + 3, last - before - 3), 0, 65535);
+    const auto minor = server::wholeNumber(std::string_view(text).substr(last + 3), 0, 65535);
+    if (!major || !minor) return std::nullopt;
+    return std::pair{static_cast<int>(*major), static_cast<int>(*minor)};
 }
 
 }  // namespace
@@ -109,7 +112,7 @@ std::string htmlReport(const platform::Scenario& scenario, const SimulationResul
         page << "<tr class='" << cls << "'><td>" << clock << "</td><td>" << escape(event.text)
              << "</td></tr>";
     }
-    page << "</table><h2>Stored visit</h2><pre>" << escape(result.storedVisits.dump(2))
+    page << "</table><h2>Stored visit</h2><pre>" << escape(jsonText(result.storedVisits, 2))
          << "</pre></body></html>\n";
     return page.str();
 }

@@ -1,27 +1,30 @@
 #include <csignal>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include <pelm/model/json_text.hpp>
+#include <pelm/platform/linux/bounded_file.hpp>
 
 #include "cli.hpp"
 #include "pelm_server/demo_seed.hpp"
 #include "pelm_server/pelm_server.hpp"
+#include "pelm_server/text_numbers.hpp"
 
 namespace pelm::cli {
 namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-std::optional<JSON> readSeed(const std::optional<std::string>& path) {
+std::optional<JSON> readSeed(const std::optional<std::string>& path, std::string& error) {
     if (!path) return parseJSONText(server::demoSeedText());
-    std::ifstream in(*path);
-    if (!in) return std::nullopt;
-    std::stringstream text;
-    text << in.rdbuf();
-    return parseJSONText(text.str());
+    const auto text = platform::readBoundedFile(*path);
+    if (!text.bytes) {
+        error = *path + " " + text.error;
+        return std::nullopt;
+    }
+    auto parsed = parseJSONText(*text.bytes);
+    if (!parsed) error = *path + " is not valid JSON";
+    return parsed;
 }
 
 }  // namespace
@@ -29,7 +32,12 @@ std::optional<JSON> readSeed(const std::optional<std::string>& path) {
 int serveCommand(const Arguments& args) {
     server::PelmServer::Options options;
     options.database = args.option("db").value_or("pelm-server.db");
-    options.port = std::stoi(args.option("port").value_or("8443"));
+    const auto port = server::wholeNumber(args.option("port").value_or("8443"), 1, 65535);
+    if (!port) {
+        std::fprintf(stderr, "pelm serve: --port takes a port number from 1 to 65535\n");
+        return 2;
+    }
+    options.port = static_cast<int>(*port);
     options.bindAddress = args.option("bind").value_or("127.0.0.1");
     if (auto cert = args.option("cert")) options.certFile = *cert;
     if (auto key = args.option("key")) options.keyFile = *key;
@@ -38,9 +46,10 @@ int serveCommand(const Arguments& args) {
         return 2;
     }
     options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
-    const auto seed = readSeed(args.option("seed"));
+    std::string error;
+    const auto seed = readSeed(args.option("seed"), error);
     if (!seed) {
-        std::fprintf(stderr, "pelm serve: cannot read the seed %s as JSON\n", args.option("seed")->c_str());
+        std::fprintf(stderr, "pelm serve: the seed %s\n", error.c_str());
         return 1;
     }
     try {

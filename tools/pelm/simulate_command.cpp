@@ -1,12 +1,13 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include <pelm/model/json_text.hpp>
+#include <pelm/platform/linux/bounded_file.hpp>
 
 #include "cli.hpp"
 #include "pelm_server/demo_seed.hpp"
+#include "pelm_server/text_numbers.hpp"
 #include "report.hpp"
 #include "simulation.hpp"
 
@@ -36,14 +37,12 @@ const char* label(const TimelineEvent& event) {
 
 std::optional<JSON> readScenario(const std::vector<std::string>& words, std::string& error) {
     if (words.size() < 2) return parseJSONText(server::demoScenarioText());
-    std::ifstream in(words[1]);
-    if (!in) {
-        error = "cannot read " + words[1];
+    const auto text = platform::readBoundedFile(words[1]);
+    if (!text.bytes) {
+        error = words[1] + " " + text.error;
         return std::nullopt;
     }
-    std::stringstream text;
-    text << in.rdbuf();
-    auto parsed = parseJSONText(text.str());
+    auto parsed = parseJSONText(*text.bytes);
     if (!parsed) error = words[1] + " is not valid JSON";
     return parsed;
 }
@@ -58,16 +57,19 @@ int simulateCommand(const Arguments& args) {
         return 1;
     }
     SimulationOptions options;
+    const auto seed = server::wholeNumber(args.option("seed").value_or("1"), 0, 1LL << 53);
+    const auto speed = server::decimalNumber(args.option("speed").value_or("0"));
+    if (!seed || !speed || *speed < 0) {
+        std::fprintf(stderr, "pelm simulate: --seed takes a whole number and --speed a number above 0\n");
+        return 2;
+    }
+    options.seed = static_cast<std::uint64_t>(*seed);
+    options.speed = *speed;
     try {
         options.scenario = platform::Scenario::fromJSON(*json);
-        options.seed = std::stoull(args.option("seed").value_or("1"));
-        options.speed = std::stod(args.option("speed").value_or("0"));
     } catch (const platform::ScenarioError& e) {
         std::fprintf(stderr, "pelm simulate: bad scenario: %s\n", e.what());
         return 1;
-    } catch (const std::exception&) {
-        std::fprintf(stderr, "pelm simulate: --seed takes a whole number and --speed a number\n");
-        return 2;
     }
     options.host = args.option("host");
     options.token = args.option("token");
@@ -105,7 +107,7 @@ int simulateCommand(const Arguments& args) {
     std::printf("\n%llu advertisements over %s of store time.\n",
                 static_cast<unsigned long long>(result.advertisements), clock(result.simulated).c_str());
     if (!options.host) {
-        std::printf("The visit as the server stored it:\n%s\n", result.storedVisits.dump(2).c_str());
+        std::printf("The visit as the server stored it:\n%s\n", jsonText(result.storedVisits, 2).c_str());
     }
     if (const auto report = args.option("report")) {
         std::ofstream out(*report);

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/model/json_text.hpp>
 #include <pelm/platform/ble/region_engine.hpp>
 #include <pelm/platform/linux/curl_transport.hpp>
 #include <pelm/platform/platform.hpp>
@@ -84,9 +85,8 @@ SimulationResult runSimulation(
     if (!host) {
         server::PelmServer::Options serverOptions;
         serverOptions.certificateFolder = folder;
-        serverOptions.keepAliveSeconds = 1;
         embedded = std::make_unique<server::PelmServer>(serverOptions);
-        embedded->store().seed(JSON::parse(server::demoSeedText()));
+        embedded->store().seed(*parseJSONText(server::demoSeedText()));
         embedded->start();
         host = embedded->host();
         token = "demo-token";

@@ -1,7 +1,12 @@
 #include <pelm/api/api_request.hpp>
 
+#include <algorithm>
+#include <charconv>
+
 #include <pelm/api/form_encoding.hpp>
+#include <pelm/model/hex_digits.hpp>
 #include <pelm/sdk/pelm_constants.hpp>
+#include <pelm/sdk/settings_manager.hpp>
 
 namespace pelm {
 namespace {
@@ -20,6 +25,22 @@ JSON objectOf(const auto& record) {
 // A lookup is meaningless without the whole identity; a missing text is sent empty and finds nothing.
 std::string textOf(const std::shared_ptr<Beacon>& beacon, std::optional<std::string> Beacon::*field) {
     return beacon && (*beacon).*field ? *((*beacon).*field) : std::string();
+}
+
+// Quoted, with control characters and bytes outside ASCII as \xNN, so a log line stays one readable line.
+std::string printable(std::string_view text) {
+    std::string out = "\"";
+    for (const char c : text.substr(0, 200)) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x7F) {
+            out += "\\x";
+            out += kHexDigits[byte >> 4];
+            out += kHexDigits[byte & 0x0F];
+        } else {
+            out += c;
+        }
+    }
+    return out + (text.size() > 200 ? "...\"" : "\"");
 }
 
 // Joins base and path with exactly one "/", keeping any query of the base after the path.
@@ -83,9 +104,68 @@ JSON APIRequest::parameters() const {
                       case_);
 }
 
+std::optional<std::string> APIRequest::hostProblem(std::string_view host) {
+    const auto authorityEnd = std::min(host.find_first_of("/?#"), host.size());
+    const auto authority = host.substr(0, authorityEnd);
+    const auto rest = host.substr(authorityEnd);
+    for (const char c : host) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte <= 0x20 || byte == 0x7F) return "it holds white space or a control character";
+    }
+    if (authority.empty()) return "it names no host";
+    if (authority.size() > 261) return "it is longer than a host name and port can be";
+    if (authority.find('@') != std::string_view::npos) return "it holds user info (\"@\")";
+    if (rest.find('#') != std::string_view::npos) return "it holds a fragment (\"#\")";
+    if (!rest.empty() && rest != "/" && rest.front() != '?' && rest.substr(0, 2) != "/?") {
+        return rest.substr(0, 3) == "://" ? "it holds a scheme; give the host alone" : "it holds a path";
+    }
+    auto name = authority;
+    std::string_view port;
+    if (name.front() == '[') {
+        const auto close = name.find(']');
+        if (close == std::string_view::npos) return "its IPv6 address has no closing \"]\"";
+        const auto inside = name.substr(1, close - 1);
+        if (inside.empty() || inside.find_first_not_of("0123456789abcdefABCDEF:.") != std::string_view::npos)
+            return "its IPv6 address is malformed";
+        if (close + 1 < name.size()) {
+            if (name[close + 1] != ':') return "something follows its IPv6 address";
+            port = name.substr(close + 2);
+            if (port.empty()) return "its port is empty";
+        }
+    } else {
+        if (const auto colon = name.find(':'); colon != std::string_view::npos) {
+            port = name.substr(colon + 1);
+            name = name.substr(0, colon);
+            if (port.empty()) return "its port is empty";
+        }
+        constexpr std::string_view allowed =
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._";
+        if (name.empty() || name.find_first_not_of(allowed) != std::string_view::npos)
+            return "its name may hold only letters, digits, \"-\", \".\" and \"_\"";
+    }
+    if (!port.empty()) {
+        int number = 0;
+        const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
+        if (error != std::errc() || end != port.data() + port.size() || number < 1 || number > 65535)
+            return "its port is not a number from 1 to 65535";
+    }
+    return std::nullopt;
+}
+
 std::optional<platform::HttpRequest> APIRequest::urlRequest() const {
+    auto outcome = urlRequestOrReason();
+    if (auto* request = std::get_if<platform::HttpRequest>(&outcome)) return std::move(*request);
+    return std::nullopt;
+}
+
+std::variant<platform::HttpRequest, std::string> APIRequest::urlRequestOrReason() const {
+    const auto host = SettingsManager::sharedInstance()->apiHost();
+    if (!host) return std::string("No api host set.");
+    if (const auto problem = hostProblem(*host)) {
+        return "Refused to send a request to the api host " + printable(*host) + ": " + *problem + ".";
+    }
     const auto base = PelmConstants::apiURL();
-    if (!base) return std::nullopt;
+    if (!base) return std::string("No api host set.");
     platform::HttpRequest request;
     request.method = method();
     request.url = joinURL(*base, path());

@@ -57,8 +57,17 @@ class APIRequest {
     /// The parameters by key, before encoding.
     JSON parameters() const;
 
-    /// The finished request for the host stored now; none when no host is stored.
+    /// The finished request for the host stored now; none when no host is stored or the stored host is not
+    /// a host (see hostProblem).
     std::optional<platform::HttpRequest> urlRequest() const;
+    /// The same, or the log text that says why there is none.
+    std::variant<platform::HttpRequest, std::string> urlRequestOrReason() const;
+
+    /// Why `host` cannot be where requests go, or none when it can. A host is a name or address with an
+    /// optional port ("shop.example", "10.0.0.7:8443", "[::1]:8443"), optionally followed by "/" or a
+    /// query that every request carries. A scheme, a path, user info, a fragment, white space, control
+    /// characters or an empty host would send the app token somewhere the host app never named.
+    static std::optional<std::string> hostProblem(std::string_view host);
 
   private:
     Case case_;

@@ -17,7 +17,7 @@ std::string scalarText(const JSON& value) {
     if (value.is_string()) return value.get<std::string>();
     if (value.is_boolean()) return value.get<bool>() ? "1" : "0";
     if (value.is_null()) return "";
-    return value.dump(-1, ' ', false, JSON::error_handler_t::replace);
+    return jsonText(value);
 }
 
 void expand(const std::string& name, const JSON& value, std::string& out) {

@@ -83,14 +83,14 @@ void PelmAPIClient::perform(const APIRequest& request, Accepted accepted,
         Log::error([&] { return withoutSecret(std::get<std::string>(std::move(outcome)), token); });
         onFailure();
     };
-    auto http = request.urlRequest();
-    if (!http) {
-        mainQueue_->post([finish = std::move(finish)] {
-            finish(platform::HttpReply{0, {}, "No api host set."});
+    auto http = request.urlRequestOrReason();
+    if (auto* reason = std::get_if<std::string>(&http)) {
+        mainQueue_->post([finish = std::move(finish), reason = std::move(*reason)] {
+            finish(platform::HttpReply{0, {}, reason});
         });
         return;
     }
-    transport_->send(std::move(*http), std::move(finish));
+    transport_->send(std::get<platform::HttpRequest>(std::move(http)), std::move(finish));
 }
 
 void PelmAPIClient::status(StatusCompletion completion) const {

@@ -139,7 +139,7 @@ class Mappable {
         return writer.take();
     }
     /// Invalid UTF-8 in a text field is replaced rather than thrown at the caller.
-    std::string toJSONText() const { return toJSON().dump(-1, ' ', false, JSON::error_handler_t::replace); }
+    std::string toJSONText() const { return jsonText(toJSON()); }
 
   protected:
     Mappable() = default;

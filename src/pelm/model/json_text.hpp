@@ -16,4 +16,12 @@ inline constexpr std::size_t kMaxJSONDepth = 128;
 std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text,
                                                     std::size_t maxDepth = kMaxJSONDepth);
 
+/// The JSON text of a value (indented by `indent` spaces per level, or on one line when negative). Never
+/// throws: a text that is not valid UTF-8, which JSON cannot carry, has its bad bytes replaced by U+FFFD.
+/// Where losing bytes matters, check with isValidUTF8 first.
+std::string jsonText(const nlohmann::ordered_json& value, int indent = -1);
+
+/// Whether `text` is well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
+bool isValidUTF8(std::string_view text);
+
 }  // namespace pelm

@@ -2,12 +2,21 @@
 
 #include <pelm/analytics/google_analytics_manager.hpp>
 #include <pelm/api/pelm_api_client.hpp>
+#include <pelm/model/json_text.hpp>
+#include <pelm/platform/platform.hpp>
+#include <pelm/sdk/log.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
 namespace pelm {
 
 void PelmSDK::setAppToken(const std::string& token, const std::string& host,
                           std::function<void(bool successful)> completion) {
+    if (!isValidUTF8(token) || !isValidUTF8(host)) {
+        // Neither could be stored or sent as given; a replacement would be a token nobody issued.
+        Log::error("The app token and api host must be UTF-8 text; nothing was stored.");
+        if (completion) platform::current()->mainQueue->post([completion] { completion(false); });
+        return;
+    }
     const auto settings = SettingsManager::sharedInstance();
     settings->setAppToken(token);
     settings->setApiHost(host);

@@ -1,6 +1,7 @@
 #include <pelm/platform/ble/region_engine.hpp>
 
 #include <algorithm>
+#include <cmath>
 
 namespace pelm::platform {
 namespace {
@@ -80,7 +81,11 @@ class RegionEngine::Scanner final : public DeviceScanner {
 
     bool isDiscovering() const override { return discovering; }
     void startDiscovery(double intervalSeconds) override {
-        start(std::chrono::milliseconds(static_cast<long long>(intervalSeconds * 1000)));
+        // A host may pass anything; what is not a sensible interval gets the scanner's own.
+        const bool sensible =
+            std::isfinite(intervalSeconds) && intervalSeconds > 0 && intervalSeconds <= 3600;
+        start(sensible ? std::chrono::milliseconds(std::llround(intervalSeconds * 1000))
+                       : engine_->options_.defaultDiscoveryInterval);
     }
     void startDiscovery() override { start(engine_->options_.defaultDiscoveryInterval); }
     void stopDiscovery() override { discovering = false; }

@@ -219,15 +219,16 @@ class CurlTransport::Worker {
                                             std::to_string(options_.maxBodyBytes) + " bytes");
         }
         if (result != CURLE_OK) {
-            return finish(std::move(t),
-                          t->error[0] != '\0' ? std::string(t->error) : curl_easy_strerror(result));
+            // Read before `t` is handed on: the order in which arguments are evaluated is unspecified.
+            std::string error = t->error[0] != '\0' ? std::string(t->error) : curl_easy_strerror(result);
+            return finish(std::move(t), std::move(error));
         }
         long status = 0;
         curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
         if (status >= 300 && status < 400) {
             char* location = nullptr;
             curl_easy_getinfo(t->easy, CURLINFO_REDIRECT_URL, &location);
-            if (location != nullptr) return redirect(std::move(t), status, location);
+            if (location != nullptr) return redirect(std::move(t), status, std::string(location));
         }
         HttpReply reply;
         reply.status = status;
@@ -236,9 +237,9 @@ class CurlTransport::Worker {
     }
 
     // The token travels in the query, so a redirect is only followed where the token was going anyway.
-    void redirect(std::unique_ptr<Transfer> t, long status, const char* location) {
+    void redirect(std::unique_ptr<Transfer> t, long status, const std::string& location) {
         const auto from = originOf(t->request.url.c_str());
-        const auto to = originOf(location);
+        const auto to = originOf(location.c_str());
         if (!from || !to || to->scheme != "https" || !(*from == *to)) {
             return finish(std::move(t), "Refused a redirect to another host or scheme (HTTP " +
                                             std::to_string(status) + ")");

@@ -6,10 +6,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include <pelm/model/json_text.hpp>
+#include <pelm/platform/linux/bounded_file.hpp>
 #include <pelm/sdk/log.hpp>
 
 namespace pelm::platform {
@@ -33,21 +32,21 @@ class FileDescriptor {
     int fd_;
 };
 
-bool writeAll(int fd, const std::string& data) {
+std::string errnoText(const char* what) {
+    return std::string(what) + ": " + std::strerror(errno);
+}
+
+// Empty on success, else why not. A write that makes no progress without an error is a full disk.
+std::string writeAll(int fd, const std::string& data) {
     std::size_t done = 0;
     while (done < data.size()) {
         const auto n = ::write(fd, data.data() + done, data.size() - done);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
+        if (n < 0) return errnoText("cannot write");
+        if (n == 0) return "cannot write: " + std::string(std::strerror(ENOSPC));
         done += static_cast<std::size_t>(n);
     }
-    return true;
-}
-
-void reportFailure(const std::filesystem::path& file, const char* what) {
-    const int code = errno;
-    Log::error(
-        [&] { return "Unable to " + std::string(what) + " " + file.string() + ": " + std::strerror(code); });
+    return {};
 }
 
 std::string suffixed(const std::filesystem::path& file, const char* suffix) {
@@ -59,13 +58,20 @@ std::string suffixed(const std::filesystem::path& file, const char* suffix) {
 FileKeyValueStore::FileKeyValueStore(std::filesystem::path file) : file_(std::move(file)) {}
 
 ordered_json FileKeyValueStore::load() const {
-    std::ifstream in(file_, std::ios::binary);
-    if (!in) return ordered_json::object();
-    std::ostringstream text;
-    text << in.rdbuf();
-    auto parsed = parseJSONText(text.str());
-    if (!parsed || !parsed->is_object()) return ordered_json::object();
-    return std::move(*parsed);
+    const auto read = readBoundedFile(file_);
+    if (read.missing) return ordered_json::object();
+    auto parsed = read.bytes ? parseJSONText(*read.bytes) : std::nullopt;
+    if (parsed && parsed->is_object()) {
+        reportedUnreadable_ = false;
+        return std::move(*parsed);
+    }
+    // Said once, not on every read; the next write keeps the unreadable file aside and starts afresh.
+    if (!reportedUnreadable_.exchange(true)) {
+        const auto why = read.bytes ? std::string("is not a JSON object of texts") : read.error;
+        Log::error(
+            [&] { return "The settings file " + file_.string() + " " + why + "; reading it as empty."; });
+    }
+    return ordered_json::object();
 }
 
 std::optional<std::string> FileKeyValueStore::get(std::string_view key) const {
@@ -87,52 +93,71 @@ std::vector<std::pair<std::string, std::string>> FileKeyValueStore::entries() co
 }
 
 void FileKeyValueStore::set(std::string_view key, std::string_view value) {
-    update([&](ordered_json& contents) { contents[std::string(key)] = std::string(value); });
+    // JSON carries only UTF-8. Storing a replacement would hand back another text than the one given, so
+    // such a text is not stored at all.
+    if (!isValidUTF8(key) || !isValidUTF8(value)) {
+        return report("store", key, "the text is not valid UTF-8");
+    }
+    update("store", key, [&](ordered_json& contents) { contents[std::string(key)] = std::string(value); });
 }
 
 void FileKeyValueStore::remove(std::string_view key) {
-    update([&](ordered_json& contents) { contents.erase(std::string(key)); });
+    if (!isValidUTF8(key)) return;  // no such key can be in the file
+    update("remove", key, [&](ordered_json& contents) { contents.erase(std::string(key)); });
 }
 
-void FileKeyValueStore::update(const std::function<void(ordered_json&)>& change) {
+void FileKeyValueStore::report(const char* verb, std::string_view key, const std::string& why) const {
+    Log::error([&] {
+        return "Unable to " + std::string(verb) + " " + jsonText(std::string(key)) + " in " + file_.string() +
+               ": " + why;
+    });
+}
+
+void FileKeyValueStore::update(const char* verb, std::string_view key,
+                               const std::function<void(ordered_json&)>& change) {
     std::lock_guard lock(mutex_);
     std::error_code ignored;
     std::filesystem::create_directories(file_.parent_path(), ignored);
 
     // The lock file is never replaced, so every process locks the same inode.
     FileDescriptor lockFile(::open(suffixed(file_, ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (!lockFile.valid()) return reportFailure(file_, "lock");
+    if (!lockFile.valid()) return report(verb, key, errnoText("cannot lock"));
     while (::flock(lockFile.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) return reportFailure(file_, "lock");
+        if (errno != EINTR) return report(verb, key, errnoText("cannot lock"));
     }
 
-    std::ifstream probe(file_, std::ios::binary);
-    std::ostringstream text;
-    if (probe) text << probe.rdbuf();
-    auto parsed = parseJSONText(text.str());
+    const auto read = readBoundedFile(file_);
+    auto parsed = read.bytes ? parseJSONText(*read.bytes) : std::nullopt;
     ordered_json contents = ordered_json::object();
     if (parsed && parsed->is_object()) {
         contents = std::move(*parsed);
-    } else if (!text.str().empty()) {
+    } else if (!read.missing) {
         // Keep what we could not read, rather than overwrite it.
         std::filesystem::rename(file_, suffixed(file_, ".corrupt"), ignored);
     }
     change(contents);
-    replaceFile(contents);
+    if (const auto failure = replaceFile(contents); !failure.empty()) report(verb, key, failure);
 }
 
-void FileKeyValueStore::replaceFile(const ordered_json& contents) const {
+std::string FileKeyValueStore::replaceFile(const ordered_json& contents) const {
     const auto temporary = suffixed(file_, ".tmp");
+    std::string failure;
     {
         FileDescriptor out(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-        if (!out.valid()) return reportFailure(temporary, "create");
-        if (!writeAll(out.get(), contents.dump(2) + "\n") || ::fsync(out.get()) != 0) {
-            return reportFailure(temporary, "write");
-        }
+        if (!out.valid()) return errnoText(("cannot create " + temporary).c_str());
+        failure = writeAll(out.get(), jsonText(contents, 2) + "\n");
+        if (failure.empty() && ::fsync(out.get()) != 0) failure = errnoText("cannot flush");
     }
-    if (::rename(temporary.c_str(), file_.c_str()) != 0) return reportFailure(file_, "replace");
+    if (failure.empty() && ::rename(temporary.c_str(), file_.c_str()) != 0)
+        failure = errnoText("cannot replace");
+    if (!failure.empty()) {
+        // The old file stands as it was; the half-written new one must not be left beside it.
+        ::unlink(temporary.c_str());
+        return failure;
+    }
     FileDescriptor folder(::open(file_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.valid()) ::fsync(folder.get());
+    return {};
 }
 
 }  // namespace pelm::platform

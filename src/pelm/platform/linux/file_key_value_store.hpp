@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -15,6 +16,11 @@ namespace pelm::platform {
 /// Threads of one process are serialised by a mutex, processes by an advisory lock beside the file, so
 /// concurrent writers never lose each other's keys. Every read goes to the file: a value written by
 /// another process is seen at once.
+///
+/// Nothing here throws. A write that fails leaves the old file as it was, removes its temporary file and
+/// writes one log line naming the key, the file and the cause; a text that is not valid UTF-8 is not stored
+/// (JSON cannot carry it). A file that cannot be read (not JSON, over 64 MiB) reads as empty, said once in
+/// the log; the next write sets it aside as FILE.corrupt.
 class FileKeyValueStore final : public KeyValueStore {
   public:
     explicit FileKeyValueStore(std::filesystem::path file);
@@ -29,11 +35,15 @@ class FileKeyValueStore final : public KeyValueStore {
 
   private:
     nlohmann::ordered_json load() const;
-    void update(const std::function<void(nlohmann::ordered_json&)>& change);
-    void replaceFile(const nlohmann::ordered_json& contents) const;
+    void update(const char* verb, std::string_view key,
+                const std::function<void(nlohmann::ordered_json&)>& change);
+    /// Empty on success, else the cause.
+    std::string replaceFile(const nlohmann::ordered_json& contents) const;
+    void report(const char* verb, std::string_view key, const std::string& why) const;
 
     std::filesystem::path file_;
     mutable std::mutex mutex_;
+    mutable std::atomic<bool> reportedUnreadable_{false};
 };
 
 }  // namespace pelm::platform

@@ -1,5 +1,7 @@
 #include <pelm/platform/linux/linux_bluetooth.hpp>
 
+#include <charconv>
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
@@ -51,10 +53,10 @@ std::optional<int> firstController(const std::filesystem::path& sysfs) {
     for (const auto& entry : std::filesystem::directory_iterator(sysfs / "bluetooth", error)) {
         const auto name = entry.path().filename().string();
         if (name.rfind("hci", 0) == 0 && name.find(':') == std::string::npos) {
-            try {
-                return std::stoi(name.substr(3));
-            } catch (const std::exception&) {
-            }
+            int index = 0;
+            const auto digits = name.substr(3);
+            const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), index);
+            if (failure == std::errc() && end == digits.data() + digits.size()) return index;
         }
     }
     return std::nullopt;

@@ -22,13 +22,23 @@ double number(const JSON& object, const std::string& key, const std::string& whe
     return value.get<double>();
 }
 
+// A position in metres; a store is large, but not a continent.
+double coordinate(const JSON& object, const std::string& key, const std::string& where) {
+    const double value = number(object, key, where);
+    if (!(value >= -10000 && value <= 10000))
+        throw ScenarioError(where + key + ": must be between -10000 and 10000");
+    return value;
+}
+
 long long whole(const JSON& object, const std::string& key, const std::string& where, long long low,
                 long long high, std::optional<long long> fallback = {}) {
     const auto found = object.find(key);
     if (found == object.end() && fallback) return *fallback;
     const auto& value = member(object, key, where);
     if (!value.is_number_integer()) throw ScenarioError(where + key + ": must be a whole number");
-    const auto n = value.get<long long>();
+    const bool huge =
+        value.is_number_unsigned() && value.get<unsigned long long>() > static_cast<unsigned long long>(high);
+    const auto n = huge ? high + 1 : value.get<long long>();
     if (n < low || n > high) {
         throw ScenarioError(where + key + ": must be between " + std::to_string(low) + " and " +
                             std::to_string(high));
@@ -61,8 +71,8 @@ Scenario::Beacon beaconFrom(const JSON& entry, const std::string& where, const s
     beacon.uuid = *uuid;
     beacon.major = static_cast<std::uint16_t>(whole(entry, "major", where, 0, 65535));
     beacon.minor = static_cast<std::uint16_t>(whole(entry, "minor", where, 0, 65535));
-    beacon.x = number(entry, "x", where);
-    beacon.y = number(entry, "y", where);
+    beacon.x = coordinate(entry, "x", where);
+    beacon.y = coordinate(entry, "y", where);
     beacon.measuredPower = static_cast<int>(whole(entry, "measured_power", where, -128, 127, -59));
     beacon.interval = milliseconds(whole(entry, "interval_ms", where, 20, 10000, 100));
     beacon.battery = static_cast<std::uint64_t>(whole(entry, "battery", where, 0, 100, 100));
@@ -87,8 +97,8 @@ Scenario Scenario::fromJSON(const JSON& json) {
     const auto& walk = member(json, "path", "");
     if (!walk.is_object()) throw ScenarioError("path: must be an object");
     scenario.walkingSpeed = number(walk, "speed", "path.", 1.0);
-    if (!(scenario.walkingSpeed > 0 && scenario.walkingSpeed < 20))
-        throw ScenarioError("path.speed: must be above 0 and below 20");
+    if (!(scenario.walkingSpeed >= 0.01 && scenario.walkingSpeed < 20))
+        throw ScenarioError("path.speed: must be at least 0.01 and below 20");
     const auto& points = list(walk, "points", "path.");
     for (std::size_t i = 0; i < points.size(); ++i) {
         const auto where = "path.points[" + std::to_string(i) + "].";
@@ -97,9 +107,12 @@ Scenario Scenario::fromJSON(const JSON& json) {
         const double dwell = number(points[i], "dwell", where, 0.0);
         if (dwell < 0 || dwell > 86400)
             throw ScenarioError(where + "dwell: must be between 0 and 86400 seconds");
-        scenario.path.push_back({number(points[i], "x", where), number(points[i], "y", where),
+        scenario.path.push_back({coordinate(points[i], "x", where), coordinate(points[i], "y", where),
                                  milliseconds(static_cast<long long>(dwell * 1000))});
     }
+    if (scenario.beacons.size() > 10000) throw ScenarioError("beacons: at most 10000");
+    if (scenario.duration() > std::chrono::hours(24))
+        throw ScenarioError("path: the walk must take at most 24 hours");
     const auto radio = json.value("radio", JSON::object());
     if (!radio.is_object()) throw ScenarioError("radio: must be an object");
     scenario.pathLossExponent = number(radio, "path_loss_exponent", "radio.", 2.0);

@@ -1,0 +1,7 @@
+#!/usr/bin/env bash
+# The ctest name pattern of the tests whose code runs threads of its own: the HTTPS transport and the server
+# (every integration test), the settings store, the Linux status sources and the BlueZ feed.
+suites=(APIClientTest SlowReplyTest PelmSDKTest SessionManagerTest BeaconVisitTest Simulate ContentStore
+        FileKeyValueStoreTest LinuxReachability LinuxBluetooth DeviceStatusTest LinuxBeaconVendorTest
+        ServerLimits ServerLoad)
+(IFS='|'; echo "^(${suites[*]})\\.")

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace pelm::platform {
+
+/// What the JSON files we read (settings, scenarios, seeds) may weigh at most. Real ones are a few KiB.
+inline constexpr std::size_t kMaxJSONFileBytes = std::size_t{64} << 20;
+
+/// A whole file's bytes, or why there are none.
+struct FileContents {
+    std::optional<std::string> bytes;
+    /// Set when `bytes` is not: "does not exist", "is larger than 64 MiB", "cannot be read: <reason>".
+    std::string error;
+    bool missing = false;
+};
+
+/// Reads a whole file, but never more than `maxBytes`: a larger file, or an endless one (a device, a pipe),
+/// is an error, found out after reading `maxBytes` + 1 bytes at most.
+FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxBytes = kMaxJSONFileBytes);
+
+}  // namespace pelm::platform

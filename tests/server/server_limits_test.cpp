@@ -1,0 +1,78 @@
+// What pelm-server takes from a client, and what it keeps of it.
+#include <gmock/gmock.h>
+
+#include <pelm/platform/linux/curl_transport.hpp>
+
+#include "support/server_fixture.hpp"
+
+namespace pelm::server {
+namespace {
+
+class ServerLimits : public testing::ServerTest {
+  protected:
+    // One exchange through the real transport, with the headers and body given.
+    platform::HttpReply exchange(std::string method, std::string path,
+                                 std::vector<std::pair<std::string, std::string>> headers = {},
+                                 std::string body = {}) {
+        std::optional<platform::HttpReply> reply;
+        platform_->http->send(
+            {std::move(method), "https://" + server_->host() + path, std::move(headers), std::move(body)},
+            [&](platform::HttpReply r) { reply = std::move(r); });
+        settle();
+        return reply.value_or(platform::HttpReply{0, {}, "no reply"});
+    }
+    std::string status() const { return "/api/v1/status?app_token=" + std::string(testing::kToken); }
+};
+
+TEST_F(ServerLimits, TooManyOrTooLargeHeadersAndTooLargeBodiesAreRefusedWithTheirStatus) {
+    std::vector<std::pair<std::string, std::string>> many;
+    for (int i = 0; i < 101; ++i) many.emplace_back("X-Filler-" + std::to_string(i), "1");
+    EXPECT_EQ(exchange("GET", status(), many).status, 431);
+    many.resize(90);  // the transport and the server add a few of their own
+    EXPECT_EQ(exchange("GET", status(), many).status, 200);
+
+    const std::vector<std::pair<std::string, std::string>> large(3, {"X-Large", std::string(6000, 'a')});
+    EXPECT_EQ(exchange("GET", status(), large).status, 431);
+
+    const auto form = "app_token=" + std::string(testing::kToken) + "&session[app_version]=";
+    const std::vector<std::pair<std::string, std::string>> formType{
+        {"Content-Type", "application/x-www-form-urlencoded"}};
+    EXPECT_EQ(
+        exchange("POST", "/api/v1/sessions", formType, form + std::string(PelmServer::kMaxBodyBytes, 'v'))
+            .status,
+        413);
+    EXPECT_EQ(exchange("POST", "/api/v1/sessions", formType, form + "1").status, 201);
+    EXPECT_EQ(server_->store().sessions().size(), 1u);
+}
+
+TEST(ServerMemory, RequestsAreKeptOnlyWhenAskedAndThenOnlyTheLatest) {
+    char pattern[] = "/tmp/pelm-server-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    for (const std::size_t kept : {std::size_t{0}, std::size_t{3}}) {
+        PelmServer::Options options;
+        options.certificateFolder = pattern;
+        options.recordRequests = kept;
+        PelmServer server(options);
+        server.store().seed(testing::testSeed());
+        server.start();
+        testing::TestPlatformOptions platformOptions;
+        platformOptions.caFile = server.caFile();
+        testing::TestPlatform platform(platformOptions);
+        for (int i = 0; i < 5; ++i) {
+            platform.http->send(
+                {"GET", "https://" + server.host() + "/api/v1/status?n=" + std::to_string(i), {}, {}},
+                [](platform::HttpReply) {});
+            platform.loop->runUntilIdle();
+        }
+        const auto requests = server.requests();
+        ASSERT_EQ(requests.size(), kept);
+        if (kept > 0) {
+            EXPECT_EQ(requests.front().target, "/api/v1/status?n=2");
+            EXPECT_EQ(requests.back().target, "/api/v1/status?n=4");
+        }
+    }
+    std::filesystem::remove_all(pattern);
+}
+
+}  // namespace
+}  // namespace pelm::server
