@@ -12,11 +12,10 @@
 #include <pelm/platform/linux/bounded_file.hpp>
 
 #include "pelm_server/pelm_server.hpp"
+#include "pelm_server/stop_signals.hpp"
 #include "pelm_server/text_numbers.hpp"
 
 namespace {
-
-volatile std::sig_atomic_t stopRequested = 0;
 
 void usage() {
     std::fprintf(stderr,
@@ -33,6 +32,7 @@ int fail(const std::string& message) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    pelm::server::blockStopSignals();
     pelm::server::PelmServer::Options options;
     options.database = "pelm-server.db";
     std::optional<std::string> seed;
@@ -98,9 +98,8 @@ int main(int argc, char** argv) {
             std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
         }
         std::fflush(stdout);
-        std::signal(SIGINT, [](int) { stopRequested = 1; });
-        std::signal(SIGTERM, [](int) { stopRequested = 1; });
-        while (!stopRequested) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        pelm::server::waitForStopSignal();
+        // Requests in flight finish; idle keep-alive connections close within their one-second timeout.
         server.stop();
         return 0;
     } catch (const std::exception& e) {

@@ -39,8 +39,8 @@ std::shared_ptr<platform::Platform> installPlatform(const Arguments& args);
 bool runUntil(const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
-/// Prints the four stored settings.
-void printSettings(const SettingsManager& settings);
+/// Prints the four stored settings; the app token masked unless `showToken`.
+void printSettings(const SettingsManager& settings, bool showToken);
 
 int settingsCommand(const Arguments& args);
 int setupCommand(const Arguments& args);

@@ -19,8 +19,10 @@ void usage(std::FILE* out) {
         "commands:\n"
         "  simulate [SCENARIO] [--seed N] [--speed X] [--report FILE] [--host H --token T]\n"
         "                                             walk a shopper through a simulated store\n"
-        "  settings [--app NAME] [--config-dir DIR]   show what the library has stored for a host app\n"
-        "  setup --token T --host H [--ca FILE]        fetch and store the app configuration\n"
+        "  settings [--app NAME] [--config-dir DIR] [--show-token]\n"
+        "                                             show what the library has stored for a host app\n"
+        "  setup --token T --host H [--ca FILE] [--show-token]\n"
+        "                                             fetch and store the app configuration\n"
         "  call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR [--ca FILE]\n"
         "                                             make one server call, print what came back\n"
         "  serve [--db FILE] [--seed FILE] [--port N] [--cert FILE --key FILE]\n"
@@ -35,7 +37,7 @@ void usage(std::FILE* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const pelm::cli::Arguments args(argc, argv, {"version", "help", "watch"});
+    const pelm::cli::Arguments args(argc, argv, {"version", "help", "watch", "show-token"});
     if (args.flag("version")) {
         std::printf("pelm %.*s\n", static_cast<int>(pelm::PelmConstants::sdkVersion.size()),
                     pelm::PelmConstants::sdkVersion.data());
@@ -51,7 +53,7 @@ int main(int argc, char** argv) {
     }
     const auto& command = args.positional().front();
     if (command == "settings") {
-        for (const auto& option : args.unknown({"app", "config-dir"})) {
+        for (const auto& option : args.unknown({"app", "config-dir", "show-token"})) {
             std::fprintf(stderr, "pelm settings: unknown option %s\n", option.c_str());
             return 2;
         }
@@ -66,7 +68,7 @@ int main(int argc, char** argv) {
         }
         return command(args);
     };
-    if (command == "setup") return run({"token", "host"}, pelm::cli::setupCommand);
+    if (command == "setup") return run({"token", "host", "show-token"}, pelm::cli::setupCommand);
     if (command == "call") return run({}, pelm::cli::callCommand);
     if (command == "simulate")
         return run({"host", "token", "seed", "speed", "report"}, pelm::cli::simulateCommand);

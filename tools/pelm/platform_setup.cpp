@@ -4,6 +4,7 @@
 #include <pelm/platform/run_loop.hpp>
 
 #include "cli.hpp"
+#include "token_mask.hpp"
 
 namespace pelm::cli {
 
@@ -23,11 +24,13 @@ bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeo
     return loop != nullptr && loop->runUntil(done, timeout);
 }
 
-void printSettings(const SettingsManager& settings) {
+void printSettings(const SettingsManager& settings, bool showToken) {
     const auto show = [](const std::string& key, const std::optional<std::string>& value) {
         std::printf("  %-22s %s\n", key.c_str(), value ? ("\"" + *value + "\"").c_str() : "(not set)");
     };
-    show(settings.appTokenKey, settings.appToken());
+    auto token = settings.appToken();
+    if (token && !showToken) token = maskedToken(*token) + " (--show-token shows it whole)";
+    show(settings.appTokenKey, token);
     show(settings.apiHostKey, settings.apiHost());
     show(settings.defaultBeaconUUIDKey, settings.defaultBeaconUUID());
     show(settings.kontaktIoAPIKeyKey, settings.kontaktIoAPIKey());

@@ -8,12 +8,11 @@
 #include "cli.hpp"
 #include "pelm_server/demo_seed.hpp"
 #include "pelm_server/pelm_server.hpp"
+#include "pelm_server/stop_signals.hpp"
 #include "pelm_server/text_numbers.hpp"
 
 namespace pelm::cli {
 namespace {
-
-volatile std::sig_atomic_t interrupted = 0;
 
 std::optional<JSON> readSeed(const std::optional<std::string>& path, std::string& error) {
     if (!path) return parseJSONText(server::demoSeedText());
@@ -53,6 +52,7 @@ int serveCommand(const Arguments& args) {
         return 1;
     }
     try {
+        server::blockStopSignals();  // before the server's threads start, so they inherit it
         server::PelmServer server(options);
         server.store().seed(*seed);
         server.start();
@@ -64,9 +64,7 @@ int serveCommand(const Arguments& args) {
             std::printf("throwaway certificate: trust it with --ca %s\n", ca->c_str());
         std::printf("Ctrl-C stops it.\n");
         std::fflush(stdout);
-        std::signal(SIGINT, [](int) { interrupted = 1; });
-        std::signal(SIGTERM, [](int) { interrupted = 1; });
-        while (!interrupted) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        server::waitForStopSignal();
         server.stop();
         std::printf("stopped; %zu upload(s) stored\n", server.store().sessions().size());
         return 0;

@@ -26,7 +26,7 @@ int setupCommand(const Arguments& args) {
                     ? "Configuration fetched and stored.\n"
                     : "Could not fetch the configuration (the log line above says why); token and host are "
                       "stored, the beacon settings are unchanged.\n");
-    printSettings(*SettingsManager::sharedInstance());
+    printSettings(*SettingsManager::sharedInstance(), args.flag("show-token"));
     return *outcome ? 0 : 1;
 }
 

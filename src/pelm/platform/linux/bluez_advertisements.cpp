@@ -42,21 +42,10 @@ std::unique_ptr<sdbus::IConnection> connect(const BluezOptions& options) {
     return connection;
 }
 
-// BlueZ hands manufacturer data over by company, without the structure it came in. Rebuilding the
-// length-type-value form lets one parser serve BlueZ and every other source alike.
 std::vector<std::uint8_t> advertisingData(const std::map<std::uint16_t, sdbus::Variant>& byCompany) {
-    constexpr std::uint8_t kManufacturerSpecific = 0xFF;
-    std::vector<std::uint8_t> data;
-    for (const auto& [company, value] : byCompany) {
-        const auto bytes = value.get<std::vector<std::uint8_t>>();
-        if (bytes.size() > 252) continue;  // cannot have come in one structure
-        data.push_back(static_cast<std::uint8_t>(bytes.size() + 3));
-        data.push_back(kManufacturerSpecific);
-        data.push_back(static_cast<std::uint8_t>(company & 0xFF));
-        data.push_back(static_cast<std::uint8_t>(company >> 8));
-        data.insert(data.end(), bytes.begin(), bytes.end());
-    }
-    return data;
+    std::map<std::uint16_t, std::vector<std::uint8_t>> bytes;
+    for (const auto& [company, value] : byCompany) bytes[company] = value.get<std::vector<std::uint8_t>>();
+    return advertisingDataOf(bytes);
 }
 
 // What BlueZ has told about one device so far.
@@ -68,6 +57,23 @@ struct Device {
 };
 
 }  // namespace
+
+// BlueZ hands manufacturer data over by company, without the structure it came in. Rebuilding the
+// length-type-value form lets one parser serve BlueZ and every other source alike.
+std::vector<std::uint8_t> advertisingDataOf(
+    const std::map<std::uint16_t, std::vector<std::uint8_t>>& byCompany) {
+    constexpr std::uint8_t kManufacturerSpecific = 0xFF;
+    std::vector<std::uint8_t> data;
+    for (const auto& [company, bytes] : byCompany) {
+        if (bytes.size() > 252) continue;  // cannot have come in one structure
+        data.push_back(static_cast<std::uint8_t>(bytes.size() + 3));
+        data.push_back(kManufacturerSpecific);
+        data.push_back(static_cast<std::uint8_t>(company & 0xFF));
+        data.push_back(static_cast<std::uint8_t>(company >> 8));
+        data.insert(data.end(), bytes.begin(), bytes.end());
+    }
+    return data;
+}
 
 struct BluezAdvertisements::State {
     std::unique_ptr<sdbus::IConnection> connection;

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <pelm/platform/ble/region_engine.hpp>
 
@@ -16,6 +19,11 @@ struct BluezOptions {
     std::optional<std::string> busAddress;
     std::chrono::milliseconds callTimeout{std::chrono::seconds(2)};
 };
+
+/// The advertising data a device sent, rebuilt from BlueZ's ManufacturerData property (bytes by company):
+/// one manufacturer-specific structure per company, in company order.
+std::vector<std::uint8_t> advertisingDataOf(
+    const std::map<std::uint16_t, std::vector<std::uint8_t>>& byCompany);
 
 /// Low-energy advertisements as BlueZ reports them over D-Bus. While an object of this class lives, the
 /// adapter runs LE discovery (duplicates reported, so a beacon at rest keeps being heard) and every report of
