@@ -48,8 +48,15 @@ class RegionEngineTest : public ::testing::Test {
         beacon.uuid = kUuid;
         beacon.major = 1;
         beacon.minor = minor;
-        engine_->hear(
-            {"addr-" + std::to_string(minor), rssi, SimulatedStore::advertisingData(beacon), {}, {}, 0, 0});
+        engine_->hear({"addr-" + std::to_string(minor),
+                       rssi,
+                       SimulatedStore::advertisingData(beacon),
+                       {},
+                       {},
+                       0,
+                       0,
+                       {},
+                       {}});
     }
     pelm::testing::TestPlatform platform_;
     std::shared_ptr<RegionEngine> engine_ = std::make_shared<RegionEngine>(platform_.loop);

@@ -23,6 +23,10 @@ struct HeardAdvertisement {
     std::optional<std::string> firmwareVersion;
     std::uint64_t batteryLevel = 0;
     std::int64_t transmissionPower = 0;
+    /// When a recording says it was heard, and which of its receivers heard it ("" when it names none). A
+    /// live radio leaves these alone: the engine hears everything at the main queue's now.
+    Date at{};
+    std::string receiver;
 };
 
 struct RegionEngineOptions {

@@ -1,0 +1,428 @@
+#include <pelm/platform/ble/recording_reader.hpp>
+
+#include <fstream>
+
+#include <pelm/model/hex_digits.hpp>
+#include <pelm/model/json_text.hpp>
+#include <pelm/platform/ble/byte_stream.hpp>
+#include <pelm/platform/ble/hci_packets.hpp>
+
+namespace pelm::platform {
+namespace {
+
+using detail::be16;
+using detail::be32;
+using detail::ByteStream;
+using detail::le16;
+using detail::le32;
+using Bytes = std::vector<std::uint8_t>;
+
+// No HCI packet or link-layer frame comes near this; a larger record length is a broken file.
+constexpr std::uint32_t kMaxPacketBytes = 1 << 16;
+
+Date fromMicroseconds(std::int64_t sinceEpoch) {
+    return Date{std::chrono::duration_cast<Date::duration>(std::chrono::microseconds(sinceEpoch))};
+}
+
+// What a packet of one of the link types holds.
+enum class Link { H1Event, H4, H4WithDirection, MonitorEvent, LinkLayer, LinkLayerWithRadio };
+
+// The advertisements of one packet; `received` is false for what the host sent to the controller.
+std::vector<HeardAdvertisement> advertisementsIn(Link link, std::span<const std::uint8_t> packet) {
+    constexpr std::uint8_t kH4Event = 0x04;
+    switch (link) {
+        case Link::H1Event:
+        case Link::MonitorEvent:
+            return advertisementsInHciEvent(packet);
+        case Link::H4:
+            if (packet.empty() || packet[0] != kH4Event) return {};
+            return advertisementsInHciEvent(packet.subspan(1));
+        case Link::H4WithDirection:
+            // A 4-byte direction first: 1 is controller to host.
+            if (packet.size() < 5 || be32(packet.data()) != 1 || packet[4] != kH4Event) return {};
+            return advertisementsInHciEvent(packet.subspan(5));
+        case Link::LinkLayer:
+            if (auto heard = advertisementInLinkLayerPacket(packet, -127)) return {std::move(*heard)};
+            return {};
+        case Link::LinkLayerWithRadio: {
+            // channel, signal, noise, offenses, reference access address (4), flags (2, little-endian)
+            if (packet.size() < 10) return {};
+            const bool signalValid = (le16(&packet[8]) & 0x0002) != 0;
+            const int rssi = signalValid ? static_cast<std::int8_t>(packet[1]) : -127;
+            if (auto heard = advertisementInLinkLayerPacket(packet.subspan(10), rssi))
+                return {std::move(*heard)};
+            return {};
+        }
+    }
+    return {};
+}
+
+std::optional<Link> pcapLink(std::uint32_t linkType) {
+    switch (linkType) {
+        case 187:
+            return Link::H4;
+        case 201:
+            return Link::H4WithDirection;
+        case 251:
+            return Link::LinkLayer;
+        case 256:
+            return Link::LinkLayerWithRadio;
+        default:
+            return std::nullopt;
+    }
+}
+
+// Hands out the advertisements of one packet after another.
+class PacketReader : public RecordingReader {
+  public:
+    std::optional<HeardAdvertisement> next() override {
+        while (pending_.empty()) {
+            if (!nextPacket()) return std::nullopt;
+        }
+        auto heard = std::move(pending_.front());
+        pending_.erase(pending_.begin());
+        return heard;
+    }
+
+  protected:
+    /// Reads the next packet into pending_ (possibly nothing); false at the end.
+    virtual bool nextPacket() = 0;
+    void take(Link link, std::span<const std::uint8_t> packet, Date at, const std::string& receiver) {
+        for (auto& heard : advertisementsIn(link, packet)) {
+            heard.at = at;
+            heard.receiver = receiver;
+            pending_.push_back(std::move(heard));
+        }
+    }
+    bool truncatedAt(std::uint64_t offset) {
+        warning_ = "the last record, at offset " + std::to_string(offset) +
+                   ", is cut short; played what came before";
+        return false;
+    }
+    std::vector<HeardAdvertisement> pending_;
+};
+
+class BtsnoopReader final : public PacketReader {
+  public:
+    explicit BtsnoopReader(ByteStream in) : in_(std::move(in)) {
+        Bytes header;
+        bool truncated = false;
+        if (!in_.read(16, header, truncated) ||
+            std::string(header.begin(), header.begin() + 8) != std::string("btsnoop\0", 8))
+            in_.fail(0, "the btsnoop header \"btsnoop\\0\"");
+        if (be32(&header[8]) != 1) in_.fail(8, "btsnoop version 1");
+        datalink_ = be32(&header[12]);
+        if (datalink_ != 1001 && datalink_ != 1002 && datalink_ != 2001)
+            in_.fail(12, "a datalink of 1001 (H1), 1002 (H4) or 2001 (BlueZ monitor), not " +
+                             std::to_string(datalink_));
+    }
+    std::string format() const override {
+        return datalink_ == 1002   ? "btsnoop (H4)"
+               : datalink_ == 1001 ? "btsnoop (H1)"
+                                   : "btsnoop (BlueZ monitor)";
+    }
+
+  private:
+    bool nextPacket() override {
+        const auto start = in_.offset();
+        bool truncated = false;
+        if (!in_.read(24, record_, truncated)) return truncated ? truncatedAt(start) : false;
+        const auto included = be32(&record_[4]);
+        const auto flags = be32(&record_[8]);
+        const auto stamp =
+            static_cast<std::int64_t>(std::uint64_t{be32(&record_[16])} << 32 | be32(&record_[20]));
+        if (included > kMaxPacketBytes || included > be32(&record_[0]))
+            in_.fail(start,
+                     "a record length up to its original length and 65536, not " + std::to_string(included));
+        if (!in_.read(included, packet_, truncated)) return truncatedAt(start);
+        // Microseconds since year 0 (Gregorian, proleptic); the difference to 1970 is fixed.
+        constexpr std::int64_t kUnixEpoch = 0x00DCDDB30F2F8000;
+        const auto at = fromMicroseconds(stamp - kUnixEpoch);
+        if (datalink_ == 2001) {
+            constexpr std::uint32_t kEventPacket = 3;  // the opcode sits in the low half of the flags
+            const auto index = flags >> 16;
+            if ((flags & 0xFFFF) == kEventPacket)
+                take(Link::MonitorEvent, packet_, at, "hci" + std::to_string(index));
+        } else if ((flags & 0x01) != 0) {  // received: controller to host
+            if (datalink_ == 1002) take(Link::H4, packet_, at, "");
+            if (datalink_ == 1001 && (flags & 0x02) != 0) take(Link::H1Event, packet_, at, "");
+        }
+        return true;
+    }
+
+    ByteStream in_;
+    std::uint32_t datalink_ = 0;
+    Bytes record_, packet_;
+};
+
+class PcapReader final : public PacketReader {
+  public:
+    PcapReader(ByteStream in) : in_(std::move(in)) {
+        Bytes header;
+        bool truncated = false;
+        if (!in_.read(24, header, truncated)) in_.fail(0, "a pcap header of 24 bytes");
+        const auto magic = le32(header.data());
+        bigEndian_ = magic == 0xD4C3B2A1 || magic == 0x4D3CB2A1;
+        nanoseconds_ = magic == 0xA1B23C4D || magic == 0x4D3CB2A1;
+        if (!bigEndian_ && magic != 0xA1B2C3D4 && magic != 0xA1B23C4D) in_.fail(0, "the pcap magic number");
+        const auto type = u32(&header[20]) & 0x0FFFFFFF;
+        const auto link = pcapLink(type);
+        if (!link) in_.fail(20, "link type 187, 201, 251 or 256 (Bluetooth), not " + std::to_string(type));
+        link_ = *link;
+    }
+    std::string format() const override { return "pcap"; }
+
+  private:
+    std::uint32_t u32(const std::uint8_t* p) const { return bigEndian_ ? be32(p) : le32(p); }
+    bool nextPacket() override {
+        const auto start = in_.offset();
+        bool truncated = false;
+        if (!in_.read(16, record_, truncated)) return truncated ? truncatedAt(start) : false;
+        const auto included = u32(&record_[8]);
+        if (included > kMaxPacketBytes)
+            in_.fail(start + 8, "a packet length up to 65536, not " + std::to_string(included));
+        if (!in_.read(included, packet_, truncated)) return truncatedAt(start);
+        const std::int64_t seconds = u32(&record_[0]);
+        const std::int64_t fraction = u32(&record_[4]);
+        take(link_, packet_,
+             fromMicroseconds(seconds * 1'000'000 + (nanoseconds_ ? fraction / 1000 : fraction)), "");
+        return true;
+    }
+
+    ByteStream in_;
+    bool bigEndian_ = false;
+    bool nanoseconds_ = false;
+    Link link_ = Link::H4;
+    Bytes record_, packet_;
+};
+
+class PcapngReader final : public PacketReader {
+  public:
+    explicit PcapngReader(ByteStream in) : in_(std::move(in)) {}
+    std::string format() const override { return "pcapng"; }
+
+  private:
+    struct Interface {
+        std::optional<Link> link;
+        std::string name;
+        std::uint64_t ticksPerSecond = 1'000'000;
+        std::uint32_t snapLength = 0;
+    };
+    std::uint16_t u16(const std::uint8_t* p) const { return bigEndian_ ? be16(p) : le16(p); }
+    std::uint32_t u32(const std::uint8_t* p) const { return bigEndian_ ? be32(p) : le32(p); }
+
+    bool nextPacket() override {
+        const auto start = in_.offset();
+        bool truncated = false;
+        if (!in_.read(8, head_, truncated)) return truncated ? truncatedAt(start) : false;
+        const auto type = le32(head_.data());  // the section header's type reads the same either way
+        if (type == 0x0A0D0D0A) return sectionHeader(start);
+        if (!sawSection_) in_.fail(start, "a pcapng section header block");
+        const auto length = u32(&head_[4]);
+        if (length < 12 || length % 4 != 0 || length > kMaxPacketBytes + 64)
+            in_.fail(start + 4, "a block length that is a multiple of 4 from 12 to 65600, not " +
+                                    std::to_string(length));
+        if (!in_.read(length - 8, body_, truncated)) return truncatedAt(start);
+        if (u32(&body_[length - 12]) != length)
+            in_.fail(start + length - 4, "the block length repeated at its end");
+        const std::span<const std::uint8_t> body(body_.data(), length - 12);
+        switch (u32(head_.data())) {
+            case 1:
+                interfaceDescription(body, start);
+                break;
+            case 6:
+                enhancedPacket(body, start);
+                break;
+            case 3:
+                simplePacket(body, start);
+                break;
+            default:
+                break;  // statistics, name resolution and the like
+        }
+        return true;
+    }
+
+    bool sectionHeader(std::uint64_t start) {
+        bool truncated = false;
+        Bytes magic;
+        if (!in_.read(4, magic, truncated)) return truncatedAt(start);
+        const auto order = le32(magic.data());
+        if (order != 0x1A2B3C4D && order != 0x4D3C2B1A)
+            in_.fail(start + 8, "the pcapng byte-order magic 1A2B3C4D");
+        bigEndian_ = order == 0x4D3C2B1A;
+        const auto length = u32(&head_[4]);
+        if (length < 28 || length % 4 != 0 || length > kMaxPacketBytes)
+            in_.fail(start + 4, "a section header length that is a multiple of 4 from 28 up");
+        if (!in_.skip(length - 12)) return truncatedAt(start);
+        sawSection_ = true;
+        interfaces_.clear();  // interface numbers start afresh in every section
+        return true;
+    }
+
+    void interfaceDescription(std::span<const std::uint8_t> body, std::uint64_t start) {
+        if (body.size() < 8) in_.fail(start + 8, "an interface description of at least 8 bytes");
+        Interface interface;
+        interface.link = pcapLink(u16(&body[0]));
+        interface.snapLength = u32(&body[4]);
+        interface.name = "if" + std::to_string(interfaces_.size());
+        for (std::size_t at = 8; at + 4 <= body.size();) {
+            const auto code = u16(&body[at]);
+            const auto size = u16(&body[at + 2]);
+            if (code == 0 || at + 4 + size > body.size()) break;
+            const auto value = body.subspan(at + 4, size);
+            if (code == 2 && size > 0) interface.name.assign(value.begin(), value.end());  // if_name
+            if (code == 9 && size >= 1) {                                                  // if_tsresol
+                const auto exponent = value[0] & 0x7F;
+                const bool binary = (value[0] & 0x80) != 0;
+                if ((binary && exponent < 63) || (!binary && exponent <= 18)) {
+                    std::uint64_t ticks = 1;
+                    for (int i = 0; i < exponent; ++i) ticks *= binary ? 2 : 10;
+                    interface.ticksPerSecond = ticks;
+                }
+            }
+            at += 4 + (size + 3u) / 4 * 4;
+        }
+        while (!interface.name.empty() && interface.name.back() == '\0') interface.name.pop_back();
+        interfaces_.push_back(std::move(interface));
+    }
+
+    void enhancedPacket(std::span<const std::uint8_t> body, std::uint64_t start) {
+        if (body.size() < 20) in_.fail(start + 8, "an enhanced packet block of at least 20 bytes");
+        const auto id = u32(&body[0]);
+        if (id >= interfaces_.size())
+            in_.fail(start + 8, "the number of an interface described before, not " + std::to_string(id));
+        const auto ticks = std::uint64_t{u32(&body[4])} << 32 | u32(&body[8]);
+        const auto captured = u32(&body[12]);
+        if (captured > body.size() - 20) in_.fail(start + 20, "a captured length within the block");
+        const auto& interface = interfaces_[id];
+        if (!interface.link) return;
+        const auto seconds = ticks / interface.ticksPerSecond;
+        const auto micros = (ticks % interface.ticksPerSecond) * 1'000'000 / interface.ticksPerSecond;
+        lastTime_ = fromMicroseconds(static_cast<std::int64_t>(seconds * 1'000'000 + micros));
+        take(*interface.link, body.subspan(20, captured), lastTime_, interface.name);
+    }
+
+    // A simple packet has no time of its own: it is taken as heard when the packet before it was.
+    void simplePacket(std::span<const std::uint8_t> body, std::uint64_t start) {
+        if (body.size() < 4) in_.fail(start + 8, "a simple packet block of at least 4 bytes");
+        if (interfaces_.empty()) in_.fail(start, "an interface description before a simple packet block");
+        const auto& interface = interfaces_[0];
+        std::size_t captured = std::min<std::size_t>(u32(&body[0]), body.size() - 4);
+        if (interface.snapLength != 0) captured = std::min<std::size_t>(captured, interface.snapLength);
+        if (interface.link) take(*interface.link, body.subspan(4, captured), lastTime_, interface.name);
+    }
+
+    ByteStream in_;
+    bool bigEndian_ = false;
+    bool sawSection_ = false;
+    std::vector<Interface> interfaces_;
+    Date lastTime_{};
+    Bytes head_, body_;
+};
+
+class TraceReader final : public RecordingReader {
+  public:
+    TraceReader(std::unique_ptr<std::istream> in, std::string name)
+        : in_(std::move(in)), name_(std::move(name)) {}
+    std::string format() const override { return "JSON trace"; }
+
+    std::optional<HeardAdvertisement> next() override {
+        std::string line;
+        while (readLine(line)) {
+            ++lineNumber_;
+            if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+            return parse(line);
+        }
+        return std::nullopt;
+    }
+
+  private:
+    static constexpr std::size_t kMaxLine = 1 << 16;
+
+    bool readLine(std::string& line) {
+        line.clear();
+        char c;
+        while (in_->get(c)) {
+            if (c == '\n') return true;
+            if (line.size() == kMaxLine) fail("a line of at most 65536 characters");
+            line += c;
+        }
+        if (line.empty()) return false;
+        // A last line without its newline is whole if it parses; a cut-short one is the recording's end.
+        if (!parseJSONText(line)) {
+            warning_ = "line " + std::to_string(lineNumber_ + 1) + " is cut short; played what came before";
+            return false;
+        }
+        return true;
+    }
+
+    [[noreturn]] void fail(const std::string& expected) const {
+        throw RecordingError(name_ + ": line " + std::to_string(lineNumber_) + ": expected " + expected);
+    }
+
+    HeardAdvertisement parse(const std::string& line) const {
+        const auto json = parseJSONText(line);
+        if (!json || !json->is_object()) fail("a JSON object");
+        HeardAdvertisement heard;
+        const auto t = json->find("t");
+        if (t == json->end() || !t->is_number_integer())
+            fail("\"t\": milliseconds since 1970 as a whole number");
+        const auto millis = t->get<std::int64_t>();
+        if (millis < 0 || millis > 253'402'300'799'999) fail("\"t\" between 1970 and 9999");
+        heard.at = Date{std::chrono::milliseconds(millis)};
+        const auto address = json->find("address");
+        if (address == json->end() || !address->is_string()) fail("\"address\": a text");
+        heard.address = address->get<std::string>();
+        const auto rssi = json->find("rssi");
+        if (rssi == json->end() || !rssi->is_number_integer() || rssi->get<std::int64_t>() < -128 ||
+            rssi->get<std::int64_t>() > 127)
+            fail("\"rssi\": dBm as a whole number from -128 to 127");
+        heard.rssi = rssi->get<int>();
+        const auto data = json->find("data");
+        if (data == json->end() || !data->is_string()) fail("\"data\": the advertising data as hexadecimal");
+        const auto& hex = data->get_ref<const std::string&>();
+        if (hex.size() % 2 != 0) fail("\"data\" with an even number of hexadecimal digits");
+        for (std::size_t i = 0; i < hex.size(); i += 2) {
+            const int high = hexDigitValue(hex[i]), low = hexDigitValue(hex[i + 1]);
+            if (high < 0 || low < 0) fail("\"data\" of hexadecimal digits only");
+            heard.data.push_back(static_cast<std::uint8_t>(high * 16 + low));
+        }
+        if (const auto scanner = json->find("scanner"); scanner != json->end()) {
+            if (!scanner->is_string()) fail("\"scanner\": a text");
+            heard.receiver = scanner->get<std::string>();
+        }
+        return heard;
+    }
+
+    std::unique_ptr<std::istream> in_;
+    std::string name_;
+    std::size_t lineNumber_ = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<RecordingReader> RecordingReader::open(const std::filesystem::path& file) {
+    auto in = std::make_unique<std::ifstream>(file, std::ios::binary);
+    if (!*in) throw RecordingError(file.string() + ": cannot be read");
+    return open(std::move(in), file.string());
+}
+
+std::unique_ptr<RecordingReader> RecordingReader::open(std::unique_ptr<std::istream> in, std::string name) {
+    char first[4] = {};
+    in->read(first, 4);
+    const auto got = in->gcount();
+    in->clear();
+    in->seekg(0);
+    if (!*in) throw RecordingError(name + ": cannot be read from the start again");
+    const auto magic = got == 4 ? le32(reinterpret_cast<const std::uint8_t*>(first)) : 0;
+    if (got == 4 && std::string(first, 4) == "btsn")
+        return std::make_unique<BtsnoopReader>(ByteStream(std::move(in), name));
+    if (magic == 0xA1B2C3D4 || magic == 0xD4C3B2A1 || magic == 0xA1B23C4D || magic == 0x4D3CB2A1)
+        return std::make_unique<PcapReader>(ByteStream(std::move(in), name));
+    if (magic == 0x0A0D0D0A) return std::make_unique<PcapngReader>(ByteStream(std::move(in), name));
+    if (got > 0 && first[0] == '{') return std::make_unique<TraceReader>(std::move(in), std::move(name));
+    throw RecordingError(name +
+                         ": offset 0: expected a btsnoop, pcap or pcapng header, or a JSON trace line");
+}
+
+}  // namespace pelm::platform

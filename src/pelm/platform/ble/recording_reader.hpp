@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <istream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include <pelm/platform/ble/region_engine.hpp>
+
+namespace pelm::platform {
+
+/// A file that is not what it claims to be: `what()` names the byte offset (or line) and what was expected
+/// there ("offset 16: expected a btsnoop record header of 24 bytes").
+class RecordingError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Plays back a recording of Bluetooth LE traffic as the advertisements a radio heard, in file order, one at
+/// a time: a file of any size is read in constant memory. Formats:
+/// - btsnoop (datalinks 1001 H1, 1002 H4, 2001 BlueZ monitor) and pcap/pcapng (link types 187 H4, 201 H4 with
+///   direction, 251 LE link layer, 256 LE link layer with radio header), where the advertisements are the
+///   HCI LE advertising reports (legacy and extended) travelling from controller to host, or the
+///   link-layer PDUs ADV_IND, ADV_NONCONN_IND, ADV_SCAN_IND and SCAN_RSP;
+/// - the JSON-lines trace: one {"t", "address", "rssi", "data", "scanner"} object per line.
+class RecordingReader {
+  public:
+    virtual ~RecordingReader() = default;
+
+    /// Opens `file` and tells its format from its first bytes. Throws RecordingError when it is none of them
+    /// (or cannot be read).
+    static std::unique_ptr<RecordingReader> open(const std::filesystem::path& file);
+    /// The same over any stream; `name` is what errors call it.
+    static std::unique_ptr<RecordingReader> open(std::unique_ptr<std::istream> in, std::string name);
+
+    /// The next advertisement (with its time and receiver set), or none at the end of the recording.
+    /// Throws RecordingError at the first thing in the file that is not what the format says. A last record
+    /// cut short ends the recording with a warning instead.
+    virtual std::optional<HeardAdvertisement> next() = 0;
+    /// "btsnoop (H4)", "pcapng", "JSON trace", ...
+    virtual std::string format() const = 0;
+
+    /// Set once the recording ended on a record cut short: what was played is everything before it.
+    const std::optional<std::string>& warning() const { return warning_; }
+
+  protected:
+    std::optional<std::string> warning_;
+};
+
+}  // namespace pelm::platform
