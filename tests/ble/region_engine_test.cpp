@@ -4,6 +4,9 @@
 
 #include <gmock/gmock.h>
 
+#include <cmath>
+#include <limits>
+
 #include "support/test_platform.hpp"
 
 namespace pelm::platform {
@@ -43,12 +46,12 @@ class RegionEngineTest : public ::testing::Test {
                        true};
         return r;
     }
-    void hear(std::uint16_t minor, int rssi) {
+    void hear(std::uint16_t minor, int rssi, std::string sender = {}) {
         Scenario::Beacon beacon;
         beacon.uuid = kUuid;
         beacon.major = 1;
         beacon.minor = minor;
-        engine_->hear({"addr-" + std::to_string(minor),
+        engine_->hear({sender.empty() ? "addr-" + std::to_string(minor) : sender,
                        rssi,
                        SimulatedStore::advertisingData(beacon),
                        {},
@@ -135,6 +138,58 @@ TEST_F(RegionEngineTest, AuthorisationIsAnsweredLaterAndDestroyedMonitorsFallSil
     hear(11, -60);
     platform_.loop->advance(40s);
     EXPECT_THAT(recorder_->events, IsEmpty());
+}
+
+TEST_F(RegionEngineTest, AStateAskedOfAnUnheardRegionIsOutsideAfterOneRangingPeriod) {
+    monitor_->startMonitoring(region("main"));
+    monitor_->requestState(region("main"));
+    platform_.loop->runUntilIdle();
+    EXPECT_THAT(recorder_->take(), IsEmpty());
+    platform_.loop->advance(1s);
+    EXPECT_THAT(recorder_->take(), ElementsAre("state 2 main"));
+    // Heard within the period: inside, once.
+    monitor_->requestState(region("sub", 12));
+    platform_.loop->advance(500ms);
+    hear(12, -60);
+    platform_.loop->advance(500ms);
+    EXPECT_THAT(recorder_->take(), ElementsAre("state 1 main", "enter main", "state 1 sub"));
+}
+
+TEST_F(RegionEngineTest, MonitoringAgainKeepsWhenTheRegionWasLastHeard) {
+    hear(11, -60);
+    platform_.loop->advance(20s);
+    // Started 20 s after the last advertisement: still inside, and left 30 s after that advertisement.
+    monitor_->startMonitoring(region("main"));
+    platform_.loop->advance(5s);
+    monitor_->startMonitoring(region("main"));  // again: nothing known is forgotten
+    platform_.loop->advance(6s);
+    EXPECT_THAT(recorder_->take(), ElementsAre("state 2 main", "exit main"));
+}
+
+TEST_F(RegionEngineTest, OneIdentityFromSeveralDevicesIsOneBeaconButSeveralDevices) {
+    struct Devices : DeviceScannerDelegate {
+        std::vector<std::size_t> counts;
+        void didDiscoverDevices(const std::optional<std::vector<NearbyDevice>>& devices) override {
+            counts.push_back(devices ? devices->size() : 0);
+        }
+        void didFailToStartDiscovery(const std::optional<std::string>&) override {}
+    };
+    auto devices = std::make_shared<Devices>();
+    auto scanner = engine_->makeDeviceScanner(devices);
+    scanner->startDiscovery(std::nan(""));  // no sensible interval: the scanner's own (3 s)
+    monitor_->startRanging(region("main"));
+    hear(11, -70, "E0:78:A3:3D:B6:70");
+    hear(11, -60, "E0:78:A3:3D:B5:B4");
+    hear(11, -80, "E0:78:A3:3D:B5:92");
+    platform_.loop->advance(1s);
+    EXPECT_THAT(recorder_->take(), ElementsAre("range 11@-80"));
+    platform_.loop->advance(2s);
+    EXPECT_THAT(devices->counts, ElementsAre(3u));
+    for (const double odd : {-1.0, 1e300, std::numeric_limits<double>::infinity()}) {
+        scanner->stopDiscovery();
+        scanner->startDiscovery(odd);
+        EXPECT_TRUE(scanner->isDiscovering());
+    }
 }
 
 TEST(Scenario, BadFilesAreNamedFieldByField) {

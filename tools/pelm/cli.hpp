@@ -48,5 +48,6 @@ int callCommand(const Arguments& args);
 int serveCommand(const Arguments& args);
 int statusCommand(const Arguments& args);
 int simulateCommand(const Arguments& args);
+int replayCommand(const Arguments& args);
 
 }  // namespace pelm::cli

@@ -17,8 +17,10 @@ void usage(std::FILE* out) {
         "usage: pelm <command> [options]\n"
         "\n"
         "commands:\n"
-        "  simulate [SCENARIO] [--seed N] [--speed X] [--report FILE] [--host H --token T]\n"
+        "  simulate [SCENARIO] [--seed N] [--speed X] [--report FILE] [--events FILE] [--host H --token T]\n"
         "                                             walk a shopper through a simulated store\n"
+        "  replay FILE [--scanner NAME] [--uuid UUID] [--speed X] [--events FILE] [--host H --token T]\n"
+        "                                             play a recording (btsnoop, pcap, pcapng, JSON trace)\n"
         "  settings [--app NAME] [--config-dir DIR] [--show-token]\n"
         "                                             show what the library has stored for a host app\n"
         "  setup --token T --host H [--ca FILE] [--show-token]\n"
@@ -71,7 +73,9 @@ int main(int argc, char** argv) {
     if (command == "setup") return run({"token", "host", "show-token"}, pelm::cli::setupCommand);
     if (command == "call") return run({}, pelm::cli::callCommand);
     if (command == "simulate")
-        return run({"host", "token", "seed", "speed", "report"}, pelm::cli::simulateCommand);
+        return run({"host", "token", "seed", "speed", "report", "events"}, pelm::cli::simulateCommand);
+    if (command == "replay")
+        return run({"host", "token", "scanner", "uuid", "speed", "events"}, pelm::cli::replayCommand);
     if (command == "status") return run({"host", "watch"}, pelm::cli::statusCommand);
     if (command == "serve")
         return run({"db", "seed", "port", "bind", "cert", "key"}, pelm::cli::serveCommand);

@@ -10,30 +10,10 @@
 #include "pelm_server/text_numbers.hpp"
 #include "report.hpp"
 #include "simulation.hpp"
+#include "timeline_output.hpp"
 
 namespace pelm::cli {
 namespace {
-
-std::string clock(std::chrono::milliseconds at) {
-    char text[32];
-    const auto total = at.count();
-    std::snprintf(text, sizeof text, "%02lld:%02lld.%lld", static_cast<long long>(total / 60000),
-                  static_cast<long long>(total / 1000 % 60), static_cast<long long>(total / 100 % 10));
-    return text;
-}
-
-const char* label(const TimelineEvent& event) {
-    switch (event.kind) {
-        case TimelineEvent::Kind::Content:
-            return "CONTENT ";
-        case TimelineEvent::Kind::Devices:
-            return "nearby  ";
-        case TimelineEvent::Kind::Log:
-            return "LOG     ";
-        default:
-            return event.critical ? "STATUS! " : "status  ";
-    }
-}
 
 std::optional<JSON> readScenario(const std::vector<std::string>& words, std::string& error) {
     if (words.size() < 2) return parseJSONText(server::demoScenarioText());
@@ -79,9 +59,14 @@ int simulateCommand(const Arguments& args) {
         return 2;
     }
 
+    EventsFile events;
+    if (std::string failure; !events.open(args.option("events"), failure)) {
+        std::fprintf(stderr, "pelm simulate: %s\n", failure.c_str());
+        return 1;
+    }
     std::printf(
         "Simulating \"%s\": %zu beacons, a walk of %s, seed %llu, %s\n", options.scenario.name.c_str(),
-        options.scenario.beacons.size(), clock(options.scenario.duration()).c_str(),
+        options.scenario.beacons.size(), clockText(options.scenario.duration()).c_str(),
         static_cast<unsigned long long>(options.seed),
         options.host ? ("server https://" + *options.host).c_str() : "embedded pelm-server with demo data");
     std::printf("What the host app sees:\n");
@@ -91,12 +76,12 @@ int simulateCommand(const Arguments& args) {
         options,
         [&](const TimelineEvent& event) {
             if (realTime) std::printf("\r%*s\r", 60, "");
-            std::printf("  [%s] %s %s\n", clock(event.at).c_str(), label(event), event.text.c_str());
-            std::fflush(stdout);
+            printEvent(event);
+            events.write(event);
         },
         [&](std::chrono::milliseconds at, std::chrono::milliseconds end) {
             if (!realTime) return;
-            std::printf("\r  ... %s of %s", clock(at).c_str(), clock(end).c_str());
+            std::printf("\r  ... %s of %s", clockText(at).c_str(), clockText(end).c_str());
             std::fflush(stdout);
         });
     if (realTime) std::printf("\n");
@@ -105,9 +90,13 @@ int simulateCommand(const Arguments& args) {
         return 1;
     }
     std::printf("\n%llu advertisements over %s of store time.\n",
-                static_cast<unsigned long long>(result.advertisements), clock(result.simulated).c_str());
+                static_cast<unsigned long long>(result.advertisements), clockText(result.simulated).c_str());
     if (!options.host) {
         std::printf("The visit as the server stored it:\n%s\n", jsonText(result.storedVisits, 2).c_str());
+    }
+    if (!events.close()) {
+        std::fprintf(stderr, "pelm simulate: cannot write %s\n", args.option("events")->c_str());
+        return 1;
     }
     if (const auto report = args.option("report")) {
         std::ofstream out(*report);

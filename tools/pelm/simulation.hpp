@@ -10,6 +10,8 @@
 #include <pelm/model/json_binding.hpp>
 #include <pelm/platform/sim/simulated_store.hpp>
 
+#include "visit_harness.hpp"
+
 namespace pelm::cli {
 
 struct SimulationOptions {
@@ -21,17 +23,10 @@ struct SimulationOptions {
     std::optional<std::string> host, token, caFile;
 };
 
-/// One thing the host app saw, `at` after the start of the walk.
-struct TimelineEvent {
-    std::chrono::milliseconds at;
-    enum class Kind { Content, Status, Devices, Log } kind;
-    std::string text;
-    bool critical = false;
-    std::optional<std::int64_t> contentId;
-};
-
 struct SimulationResult {
     bool configured = false;  // the app configuration was fetched
+    /// The virtual instant the run started at; event times count from it.
+    Date start{};
     std::vector<TimelineEvent> timeline;
     /// The visits the server stored during the run (embedded server only).
     JSON storedVisits = JSON::array();

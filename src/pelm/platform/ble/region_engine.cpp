@@ -42,27 +42,45 @@ class RegionEngine::Monitor final : public RegionMonitor {
     void stopMonitoringForAllRegions() override { engine_->monitored_.clear(); }
     void stopRangingBeaconsInAllRegions() override { engine_->ranged_.clear(); }
     void startMonitoring(const BeaconRegion& region) override {
+        // The same region again keeps what is known of it: its state and when it was last heard.
+        if (const auto found = engine_->monitored_.find(region.identifier);
+            found != engine_->monitored_.end() && found->second.region == region) {
+            return;
+        }
         // Already inside when monitoring starts: no entry, only the state when asked.
         Watched watched{region, RegionState::Unknown, Date{}};
         const auto now = engine_->queue_->now();
-        if (engine_->heardWithin(region, engine_->options_.exitTimeout, now)) {
+        if (const auto heard = engine_->lastHeard(region);
+            heard && now - *heard < engine_->options_.exitTimeout) {
             watched.state = RegionState::Inside;
-            watched.lastHeard = now;
+            watched.lastHeard = *heard;
         }
         engine_->monitored_.insert_or_assign(region.identifier, watched);
     }
     void stopMonitoring(const BeaconRegion& region) override { engine_->monitored_.erase(region.identifier); }
     void requestState(const BeaconRegion& region) override {
-        const auto found = engine_->monitored_.find(region.identifier);
-        RegionState state = RegionState::Unknown;
-        if (found != engine_->monitored_.end()) {
-            state = found->second.state;
-        } else if (engine_->heardWithin(region, engine_->options_.exitTimeout, engine_->queue_->now())) {
-            state = RegionState::Inside;
+        const auto state = engine_->currentState(region);
+        if (state != RegionState::Unknown) {
+            engine_->queue_->post([weak = delegate, state, region] {
+                if (auto d = weak.lock()) d->didDetermineState(state, region);
+            });
+            return;
         }
-        engine_->queue_->post([weak = delegate, state, region] {
-            if (auto d = weak.lock()) d->didDetermineState(state, region);
-        });
+        // Not heard yet: the phone listens for one ranging period, and what it has not heard by then is
+        // outside.
+        engine_->queue_->postAfter(
+            engine_->options_.rangingPeriod, [engine = std::weak_ptr(engine_), weak = delegate, region] {
+                const auto alive = engine.lock();
+                if (!alive || alive->monitor_ == nullptr) return;
+                auto answer = alive->currentState(region);
+                if (answer == RegionState::Unknown) {
+                    answer = RegionState::Outside;
+                    const auto found = alive->monitored_.find(region.identifier);
+                    if (found != alive->monitored_.end() && found->second.region == region)
+                        found->second.state = answer;
+                }
+                if (auto d = weak.lock()) d->didDetermineState(answer, region);
+            });
     }
     void startRanging(const BeaconRegion& region) override {
         engine_->ranged_.insert_or_assign(region.identifier, region);
@@ -137,14 +155,25 @@ void RegionEngine::scheduleTick() {
     });
 }
 
-bool RegionEngine::heardWithin(const BeaconRegion& region, std::chrono::milliseconds window, Date now) const {
+std::optional<Date> RegionEngine::lastHeard(const BeaconRegion& region) const {
+    std::optional<Date> latest;
     for (const auto& [key, heard] : beacons_) {
-        if (now - heard.at < window &&
-            region.contains(heard.frame.proximityUUID, heard.frame.major, heard.frame.minor)) {
-            return true;
+        if (region.contains(heard.frame.proximityUUID, heard.frame.major, heard.frame.minor) &&
+            (!latest || heard.at > *latest)) {
+            latest = heard.at;
         }
     }
-    return false;
+    return latest;
+}
+
+RegionState RegionEngine::currentState(const BeaconRegion& region) const {
+    if (const auto found = monitored_.find(region.identifier);
+        found != monitored_.end() && found->second.region == region) {
+        return found->second.state;
+    }
+    const auto heard = lastHeard(region);
+    return heard && queue_->now() - *heard < options_.exitTimeout ? RegionState::Inside
+                                                                  : RegionState::Unknown;
 }
 
 void RegionEngine::hear(const HeardAdvertisement& advertisement) {

@@ -77,7 +77,10 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
 
     void tick();
     void scheduleTick();
-    bool heardWithin(const BeaconRegion& region, std::chrono::milliseconds window, Date now) const;
+    /// When a beacon of the region was last heard, if it was in the engine's memory.
+    std::optional<Date> lastHeard(const BeaconRegion& region) const;
+    /// Inside or outside as monitoring knows it, or Inside when recently heard; Unknown otherwise.
+    RegionState currentState(const BeaconRegion& region) const;
     void transition(Watched& watched, RegionState to);
     void reportRanging(Date now);
     void reportDevices();

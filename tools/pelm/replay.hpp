@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "visit_harness.hpp"
+
+namespace pelm::cli {
+
+struct ReplayOptions {
+    std::filesystem::path recording;
+    /// Keep only the advertisements this receiver heard.
+    std::optional<std::string> scanner;
+    /// The app's proximity UUID; the iBeacon UUID heard most often when not given.
+    std::optional<std::string> uuid;
+    /// 0: as fast as it goes; otherwise recorded seconds per wall second.
+    double speed = 0;
+    /// A server of one's own; the embedded pelm-server (with content for every beacon heard) when not given.
+    std::optional<std::string> host, token, caFile;
+};
+
+/// What one pass over a recording found.
+struct RecordingSummary {
+    std::uint64_t advertisements = 0;
+    std::uint64_t beaconAdvertisements = 0;
+    std::uint64_t devices = 0;
+    Date first{}, last{};
+    std::string format;
+    std::optional<std::string> mostHeardUuid;
+    std::optional<std::string> warning;
+    /// "N advertisements (M iBeacon) from D devices over MM:SS.s of recording"
+    std::string line() const;
+};
+
+struct ReplayResult {
+    RecordingSummary summary;
+    std::string uuid;
+    Date start{};
+    std::vector<TimelineEvent> timeline;
+    JSON storedVisits = JSON::array();
+    /// Why the replay could not run; empty when it ran.
+    std::string failure;
+};
+
+/// Plays a recording through the region engine and the whole library: the virtual clock reads the
+/// recording's own times, monitoring starts a second before the first advertisement, and after the last one
+/// the clock runs on (radio silence) until every region has been left and the visit uploaded. Throws
+/// platform::RecordingError for a file that is not what it claims.
+ReplayResult runReplay(const ReplayOptions& options,
+                       const std::function<void(const TimelineEvent&)>& onEvent = {});
+
+}  // namespace pelm::cli

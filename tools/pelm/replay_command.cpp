@@ -1,0 +1,79 @@
+#include <cstdio>
+
+#include <pelm/model/json_text.hpp>
+#include <pelm/platform/ble/recording_reader.hpp>
+#include <pelm/platform/proximity_uuid.hpp>
+
+#include "cli.hpp"
+#include "pelm_server/text_numbers.hpp"
+#include "replay.hpp"
+#include "timeline_output.hpp"
+
+namespace pelm::cli {
+
+int replayCommand(const Arguments& args) {
+    const auto& words = args.positional();
+    if (words.size() != 2) {
+        std::fprintf(stderr,
+                     "usage: pelm replay FILE [--scanner NAME] [--uuid UUID] [--speed X] [--events FILE]\n"
+                     "                        [--host H --token T --ca FILE]\n");
+        return 2;
+    }
+    ReplayOptions options;
+    options.recording = words[1];
+    options.scanner = args.option("scanner");
+    options.uuid = args.option("uuid");
+    options.host = args.option("host");
+    options.token = args.option("token");
+    options.caFile = args.option("ca");
+    const auto speed = server::decimalNumber(args.option("speed").value_or("0"));
+    if (!speed || *speed < 0) {
+        std::fprintf(stderr, "pelm replay: --speed takes a number above 0\n");
+        return 2;
+    }
+    options.speed = *speed;
+    if (options.uuid && !platform::ProximityUUID::parse(*options.uuid)) {
+        std::fprintf(stderr, "pelm replay: --uuid takes a UUID like F7826DA6-4FA2-4E98-8024-BC5B71E0893E\n");
+        return 2;
+    }
+    if (options.uuid) options.uuid = platform::ProximityUUID::parse(*options.uuid)->uuidString();
+    if (options.host.has_value() != options.token.has_value()) {
+        std::fprintf(stderr, "pelm replay: --host and --token go together\n");
+        return 2;
+    }
+    EventsFile events;
+    std::string error;
+    if (!events.open(args.option("events"), error)) {
+        std::fprintf(stderr, "pelm replay: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("Replaying %s\nWhat the host app sees:\n", options.recording.c_str());
+    std::fflush(stdout);
+    ReplayResult result;
+    try {
+        result = runReplay(options, [&](const TimelineEvent& event) {
+            printEvent(event);
+            events.write(event);
+        });
+    } catch (const platform::RecordingError& e) {
+        std::fprintf(stderr, "pelm replay: %s\n", e.what());
+        return 1;
+    }
+    if (!result.failure.empty()) {
+        std::fprintf(stderr, "pelm replay: %s: %s\n", options.recording.c_str(), result.failure.c_str());
+        return 1;
+    }
+    if (result.summary.warning)
+        std::fprintf(stderr, "pelm replay: warning: %s\n", result.summary.warning->c_str());
+    std::printf("\n%s\n", result.summary.line().c_str());
+    if (!options.host) {
+        std::printf("The visits as the server stored them:\n%s\n", jsonText(result.storedVisits, 2).c_str());
+    }
+    if (!events.close()) {
+        std::fprintf(stderr, "pelm replay: cannot write %s\n", args.option("events")->c_str());
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace pelm::cli

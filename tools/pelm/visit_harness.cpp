@@ -1,0 +1,193 @@
+#include "visit_harness.hpp"
+
+#include <unistd.h>
+
+#include <filesystem>
+
+#include <pelm/platform/linux/curl_transport.hpp>
+#include <pelm/platform/platform.hpp>
+#include <pelm/platform/sim/fixed_identity.hpp>
+#include <pelm/platform/sim/memory_key_value_store.hpp>
+#include <pelm/sdk/pelm_sdk.hpp>
+
+#include "pelm_server/pelm_server.hpp"
+
+namespace pelm::cli {
+
+/// Collects what the host app hears, stamped with the virtual time since the start.
+class VisitHarness::Recorder : public PelmBeaconManagerDelegate, public platform::LogSink {
+  public:
+    Recorder(std::shared_ptr<platform::VirtualLoop> loop, std::function<void(const TimelineEvent&)> onEvent)
+        : loop_(std::move(loop)), start_(loop_->now()), onEvent_(std::move(onEvent)) {}
+
+    void didFindContent(std::shared_ptr<Content> content) override {
+        TimelineEvent event = make(TimelineEvent::Kind::Content);
+        event.contentId = content->id;
+        if (content->textRecord) event.contentName = content->textRecord->name;
+        if (content->displayType) event.displayType = std::string(rawValue(*content->displayType));
+        event.text = event.contentName.value_or("(untitled)");
+        if (event.displayType) event.text += " [" + *event.displayType + "]";
+        add(std::move(event));
+    }
+    void didReceiveLog(const std::string& text, bool critical) override {
+        TimelineEvent event = make(TimelineEvent::Kind::Status);
+        event.text = text;
+        event.critical = critical;
+        add(std::move(event));
+    }
+    void didDiscoverBeacons(const std::vector<DiscoveredBeacon>& beacons) override {
+        std::string ids;
+        for (const auto& beacon : beacons) ids += (ids.empty() ? "" : ", ") + beacon.identifier;
+        if (ids == lastDevices_) return;  // say it when the neighbourhood changes
+        lastDevices_ = ids;
+        TimelineEvent event = make(TimelineEvent::Kind::Devices);
+        event.text = std::to_string(beacons.size()) + " nearby:";
+        for (const auto& b : beacons) {
+            event.text += " " + b.identifier + " (" + std::to_string(b.rssi) + " dBm, battery " +
+                          std::to_string(b.batteryLevel) + "%" +
+                          (b.firmwareVersion.empty() ? "" : ", fw " + b.firmwareVersion) + ")";
+        }
+        event.devices = beacons;
+        add(std::move(event));
+    }
+    void write(std::string_view line) override {
+        TimelineEvent event = make(TimelineEvent::Kind::Log);
+        event.text = std::string(line);
+        event.critical = true;
+        add(std::move(event));
+    }
+
+    std::vector<TimelineEvent> events;
+
+  private:
+    TimelineEvent make(TimelineEvent::Kind kind) const {
+        const auto now = loop_->now();
+        return {std::chrono::duration_cast<std::chrono::milliseconds>(now - start_),
+                kind,
+                {},
+                false,
+                {},
+                {},
+                {},
+                {},
+                now};
+    }
+    void add(TimelineEvent event) {
+        events.push_back(std::move(event));
+        if (onEvent_) onEvent_(events.back());
+    }
+    std::shared_ptr<platform::VirtualLoop> loop_;
+    Date start_;
+    std::function<void(const TimelineEvent&)> onEvent_;
+    std::string lastDevices_;
+};
+
+VisitHarness::VisitHarness(const ServerChoice& server, Date start,
+                           std::function<void(const TimelineEvent&)> onEvent)
+    : start_(start) {
+    auto host = server.host;
+    auto token = server.token;
+    auto ca = server.caFile;
+    if (!host) {
+        folder_ =
+            (std::filesystem::temp_directory_path() / ("pelm-visit-" + std::to_string(::getpid()))).string();
+        server::PelmServer::Options options;
+        options.certificateFolder = folder_;
+        embedded_ = std::make_unique<server::PelmServer>(options);
+        embedded_->store().seed(server.seed);
+        embedded_->start();
+        host = embedded_->host();
+        token = server.token.value_or("demo-token");
+        ca = embedded_->caFile()->string();
+    }
+    loop_ = std::make_shared<platform::VirtualLoop>(start);
+    recorder_ = std::make_shared<Recorder>(loop_, std::move(onEvent));
+    platform::CurlTransportOptions http;
+    if (ca) http.extraCABundle = *ca;
+    engine_ = std::make_shared<platform::RegionEngine>(loop_);
+    services_ = std::make_shared<platform::Platform>();
+    services_->mainQueue = loop_;
+    services_->store = std::make_shared<platform::MemoryKeyValueStore>();
+    services_->identity =
+        std::make_shared<platform::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
+    services_->log = recorder_;  // library faults join the timeline
+    services_->http = std::make_shared<platform::CurlTransport>(loop_, http);
+    services_->beaconVendor = engine_;
+    platform::install(services_);
+
+    bool configured = false;
+    PelmSDK::setAppToken(token.value_or(""), *host, [&](bool ok) { configured = ok; });
+    loop_->runUntilIdle();
+    if (!configured) {
+        failure_ = "could not fetch the app configuration from https://" + *host;
+        return;
+    }
+    manager_ = PelmBeaconManager::make();
+    manager_->delegate = recorder_;
+    manager_->startMonitoring();
+}
+
+VisitHarness::~VisitHarness() {
+    finish();
+}
+
+void VisitHarness::finish() {
+    if (finished_) return;
+    finished_ = true;
+    loop_->runUntilIdle();
+    manager_.reset();
+    if (platform::current() == services_) platform::install(nullptr);
+    services_.reset();
+    loop_->runUntilIdle();
+    if (embedded_) {
+        embedded_->stop();
+        std::error_code ignored;
+        std::filesystem::remove_all(folder_, ignored);
+    }
+}
+
+std::vector<TimelineEvent> VisitHarness::events() const {
+    return recorder_->events;
+}
+
+JSON VisitHarness::storedVisits() const {
+    return embedded_ ? embedded_->store().sessions() : JSON::array();
+}
+
+JSON eventJSON(const TimelineEvent& event) {
+    const auto t = std::chrono::duration_cast<std::chrono::milliseconds>(event.when.time_since_epoch());
+    JSON line{{"t", t.count()}};
+    switch (event.kind) {
+        case TimelineEvent::Kind::Status:
+            line["kind"] = "status";
+            line["text"] = event.text;
+            line["critical"] = event.critical;
+            break;
+        case TimelineEvent::Kind::Content:
+            line["kind"] = "content";
+            line["id"] = event.contentId ? JSON(*event.contentId) : JSON();
+            line["name"] = event.contentName ? JSON(*event.contentName) : JSON();
+            line["display_type"] = event.displayType ? JSON(*event.displayType) : JSON();
+            break;
+        case TimelineEvent::Kind::Devices: {
+            line["kind"] = "nearby";
+            JSON devices = JSON::array();
+            for (const auto& device : event.devices) {
+                devices.push_back({{"id", device.identifier},
+                                   {"rssi", device.rssi},
+                                   {"battery", device.batteryLevel},
+                                   {"firmware", device.firmwareVersion},
+                                   {"tx_power", device.transmissionPower}});
+            }
+            line["devices"] = std::move(devices);
+            break;
+        }
+        case TimelineEvent::Kind::Log:
+            line["kind"] = "log";
+            line["text"] = event.text;
+            break;
+    }
+    return line;
+}
+
+}  // namespace pelm::cli

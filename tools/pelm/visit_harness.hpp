@@ -1,0 +1,84 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <pelm/beacons/discovered_beacon.hpp>
+#include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/model/json_binding.hpp>
+#include <pelm/platform/ble/region_engine.hpp>
+#include <pelm/platform/platform.hpp>
+#include <pelm/platform/sim/virtual_loop.hpp>
+
+namespace pelm::server {
+class PelmServer;
+}
+
+namespace pelm::cli {
+
+/// One thing the host app saw, `at` after the start of the run.
+struct TimelineEvent {
+    std::chrono::milliseconds at;
+    enum class Kind { Content, Status, Devices, Log } kind;
+    std::string text;
+    bool critical = false;
+    std::optional<std::int64_t> contentId;
+    std::optional<std::string> contentName;
+    std::optional<std::string> displayType;
+    std::vector<DiscoveredBeacon> devices;
+    /// The virtual instant itself.
+    Date when{};
+};
+
+/// Where a run's visits go: a server of one's own, or (when `host` is not given) the embedded pelm-server
+/// seeded with `seed`, whose app has the token `token` ("demo-token" when not given).
+struct ServerChoice {
+    std::optional<std::string> host, token, caFile;
+    JSON seed;
+};
+
+/// A host app in virtual time, as simulate and replay run it: the server, a platform whose beacon vendor is
+/// a region engine on a virtual clock starting at `start`, setAppToken, and a monitoring beacon manager
+/// whose delegate records what the host app receives. The platform is installed for the harness's life.
+class VisitHarness {
+  public:
+    VisitHarness(const ServerChoice& server, Date start, std::function<void(const TimelineEvent&)> onEvent);
+    ~VisitHarness();
+    VisitHarness(const VisitHarness&) = delete;
+    VisitHarness& operator=(const VisitHarness&) = delete;
+
+    /// Empty once the configuration was fetched and monitoring runs; otherwise why not.
+    const std::string& failure() const { return failure_; }
+    platform::VirtualLoop& loop() { return *loop_; }
+    platform::RegionEngine& engine() { return *engine_; }
+    Date start() const { return start_; }
+
+    /// Ends the run: the beacon manager and the platform go, calls in flight complete. Then the events and,
+    /// for the embedded server, the visits it stored.
+    void finish();
+    std::vector<TimelineEvent> events() const;
+    JSON storedVisits() const;
+
+  private:
+    class Recorder;
+    std::unique_ptr<server::PelmServer> embedded_;
+    std::string folder_;
+    std::shared_ptr<platform::VirtualLoop> loop_;
+    std::shared_ptr<platform::RegionEngine> engine_;
+    std::shared_ptr<Recorder> recorder_;
+    std::shared_ptr<platform::Platform> services_;
+    std::shared_ptr<PelmBeaconManager> manager_;
+    Date start_;
+    std::string failure_;
+    bool finished_ = false;
+};
+
+/// One event as a JSON object for --events: {"t": virtual ms since 1970, "kind": ..., ...}.
+JSON eventJSON(const TimelineEvent& event);
+
+}  // namespace pelm::cli
