@@ -1,6 +1,8 @@
 #include <pelm/platform/ble/recording_reader.hpp>
 
+#include <algorithm>
 #include <fstream>
+#include <limits>
 
 #include <pelm/model/hex_digits.hpp>
 #include <pelm/model/json_text.hpp>
@@ -20,8 +22,12 @@ using Bytes = std::vector<std::uint8_t>;
 // No HCI packet or link-layer frame comes near this; a larger record length is a broken file.
 constexpr std::uint32_t kMaxPacketBytes = 1 << 16;
 
+// A file may claim any time; one beyond what a Date holds is taken as the nearest it can hold.
 Date fromMicroseconds(std::int64_t sinceEpoch) {
-    return Date{std::chrono::duration_cast<Date::duration>(std::chrono::microseconds(sinceEpoch))};
+    constexpr auto limit =
+        std::chrono::duration_cast<std::chrono::microseconds>(Date::duration::max()).count();
+    return Date{std::chrono::duration_cast<Date::duration>(
+        std::chrono::microseconds(std::clamp<std::int64_t>(sinceEpoch, -limit, limit)))};
 }
 
 // What a packet of one of the link types holds.
@@ -137,7 +143,10 @@ class BtsnoopReader final : public PacketReader {
         if (!in_.read(included, packet_, truncated)) return truncatedAt(start);
         // Microseconds since year 0 (Gregorian, proleptic); the difference to 1970 is fixed.
         constexpr std::int64_t kUnixEpoch = 0x00DCDDB30F2F8000;
-        const auto at = fromMicroseconds(stamp - kUnixEpoch);
+        std::int64_t sinceEpoch = 0;
+        if (__builtin_sub_overflow(stamp, kUnixEpoch, &sinceEpoch))
+            sinceEpoch = std::numeric_limits<std::int64_t>::min();
+        const auto at = fromMicroseconds(sinceEpoch);
         if (datalink_ == 2001) {
             constexpr std::uint32_t kEventPacket = 3;  // the opcode sits in the low half of the flags
             const auto index = flags >> 16;
@@ -296,8 +305,10 @@ class PcapngReader final : public PacketReader {
         if (captured > body.size() - 20) in_.fail(start + 20, "a captured length within the block");
         const auto& interface = interfaces_[id];
         if (!interface.link) return;
-        const auto seconds = ticks / interface.ticksPerSecond;
-        const auto micros = (ticks % interface.ticksPerSecond) * 1'000'000 / interface.ticksPerSecond;
+        const auto seconds = std::min<std::uint64_t>(ticks / interface.ticksPerSecond, 1ULL << 40);
+        const auto micros =
+            static_cast<std::uint64_t>(static_cast<unsigned __int128>(ticks % interface.ticksPerSecond) *
+                                       1'000'000 / interface.ticksPerSecond);
         lastTime_ = fromMicroseconds(static_cast<std::int64_t>(seconds * 1'000'000 + micros));
         take(*interface.link, body.subspan(20, captured), lastTime_, interface.name);
     }
@@ -368,7 +379,9 @@ class TraceReader final : public RecordingReader {
         if (t == json->end() || !t->is_number_integer())
             fail("\"t\": milliseconds since 1970 as a whole number");
         const auto millis = t->get<std::int64_t>();
-        if (millis < 0 || millis > 253'402'300'799'999) fail("\"t\" between 1970 and 9999");
+        constexpr auto latest =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Date::duration::max()).count();
+        if (millis < 0 || millis > latest) fail("\"t\" between 1970 and 2262");
         heard.at = Date{std::chrono::milliseconds(millis)};
         const auto address = json->find("address");
         if (address == json->end() || !address->is_string()) fail("\"address\": a text");
