@@ -49,5 +49,6 @@ int serveCommand(const Arguments& args);
 int statusCommand(const Arguments& args);
 int simulateCommand(const Arguments& args);
 int replayCommand(const Arguments& args);
+int recordCommand(const Arguments& args);
 
 }  // namespace pelm::cli

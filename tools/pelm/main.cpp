@@ -21,6 +21,7 @@ void usage(std::FILE* out) {
         "                                             walk a shopper through a simulated store\n"
         "  replay FILE [--scanner NAME] [--uuid UUID] [--speed X] [--events FILE] [--host H --token T]\n"
         "                                             play a recording (btsnoop, pcap, pcapng, JSON trace)\n"
+        "  record FILE.jsonl [--seconds N]            write what the Bluetooth adapter hears as a trace\n"
         "  settings [--app NAME] [--config-dir DIR] [--show-token]\n"
         "                                             show what the library has stored for a host app\n"
         "  setup --token T --host H [--ca FILE] [--show-token]\n"
@@ -74,6 +75,7 @@ int main(int argc, char** argv) {
     if (command == "call") return run({}, pelm::cli::callCommand);
     if (command == "simulate")
         return run({"host", "token", "seed", "speed", "report", "events"}, pelm::cli::simulateCommand);
+    if (command == "record") return run({"seconds"}, pelm::cli::recordCommand);
     if (command == "replay")
         return run({"host", "token", "scanner", "uuid", "speed", "events"}, pelm::cli::replayCommand);
     if (command == "status") return run({"host", "watch"}, pelm::cli::statusCommand);

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include <pelm/model/hex_digits.hpp>
+#include <pelm/model/json_binding.hpp>
 #include <pelm/model/json_text.hpp>
 #include <pelm/platform/ble/byte_stream.hpp>
 #include <pelm/platform/ble/hci_packets.hpp>
@@ -307,8 +308,8 @@ class PcapngReader final : public PacketReader {
         if (!interface.link) return;
         const auto seconds = std::min<std::uint64_t>(ticks / interface.ticksPerSecond, 1ULL << 40);
         const auto micros =
-            static_cast<std::uint64_t>(static_cast<unsigned __int128>(ticks % interface.ticksPerSecond) *
-                                       1'000'000 / interface.ticksPerSecond);
+            static_cast<std::uint64_t>(static_cast<long double>(ticks % interface.ticksPerSecond) * 1e6L /
+                                       static_cast<long double>(interface.ticksPerSecond));
         lastTime_ = fromMicroseconds(static_cast<std::int64_t>(seconds * 1'000'000 + micros));
         take(*interface.link, body.subspan(20, captured), lastTime_, interface.name);
     }
@@ -413,6 +414,22 @@ class TraceReader final : public RecordingReader {
 };
 
 }  // namespace
+
+std::string traceLine(const HeardAdvertisement& heard) {
+    std::string hex;
+    hex.reserve(heard.data.size() * 2);
+    for (const auto byte : heard.data) {
+        hex += kHexDigits[byte >> 4];
+        hex += kHexDigits[byte & 0x0F];
+    }
+    JSON line{
+        {"t", std::chrono::duration_cast<std::chrono::milliseconds>(heard.at.time_since_epoch()).count()},
+        {"address", heard.address},
+        {"rssi", heard.rssi},
+        {"data", hex}};
+    if (!heard.receiver.empty()) line["scanner"] = heard.receiver;
+    return jsonText(line);
+}
 
 std::unique_ptr<RecordingReader> RecordingReader::open(const std::filesystem::path& file) {
     auto in = std::make_unique<std::ifstream>(file, std::ios::binary);

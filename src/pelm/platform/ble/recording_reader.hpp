@@ -50,4 +50,8 @@ class RecordingReader {
     std::optional<std::string> warning_;
 };
 
+/// One line of the JSON trace for an advertisement (without the newline): {"t":...,"address":...,"rssi":...,
+/// "data":"0201...","scanner":...}, "scanner" only when the advertisement names its receiver.
+std::string traceLine(const HeardAdvertisement& heard);
+
 }  // namespace pelm::platform

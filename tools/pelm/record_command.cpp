@@ -1,0 +1,60 @@
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+
+#include "cli.hpp"
+#include "pelm_server/stop_signals.hpp"
+#include "pelm_server/text_numbers.hpp"
+#include "trace_recorder.hpp"
+
+namespace pelm::cli {
+
+int recordCommand(const Arguments& args) {
+    const auto& words = args.positional();
+    if (words.size() != 2) {
+        std::fprintf(stderr, "usage: pelm record FILE.jsonl [--seconds N]\n");
+        return 2;
+    }
+    std::optional<std::chrono::milliseconds> duration;
+    if (const auto seconds = args.option("seconds")) {
+        const auto value = server::wholeNumber(*seconds, 1, 7 * 24 * 3600);
+        if (!value) {
+            std::fprintf(stderr, "pelm record: --seconds takes a whole number from 1 to 604800\n");
+            return 2;
+        }
+        duration = std::chrono::seconds(*value);
+    }
+    std::ofstream out(words[1], std::ios::trunc);
+    if (!out) {
+        std::fprintf(stderr, "pelm record: cannot write %s\n", words[1].c_str());
+        return 1;
+    }
+    // Ctrl-C and SIGTERM end the recording; they are taken here, between lines, never in the middle of one.
+    server::blockStopSignals();
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    const auto stopRequested = [&] {
+        const timespec now{0, 0};
+        return sigtimedwait(&stopSignals, nullptr, &now) > 0;
+    };
+    std::fprintf(stderr, "Recording to %s%s; Ctrl-C ends it.\n", words[1].c_str(),
+                 duration ? (" for " + std::to_string(duration->count() / 1000) + " s").c_str() : "");
+    try {
+        const auto lines = recordTrace({}, out, duration, stopRequested);
+        out.close();
+        if (!out) {
+            std::fprintf(stderr, "pelm record: cannot write %s\n", words[1].c_str());
+            return 1;
+        }
+        std::fprintf(stderr, "%llu advertisements written to %s\n", static_cast<unsigned long long>(lines),
+                     words[1].c_str());
+        return 0;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "pelm record: %s\n", e.what());
+        return 1;
+    }
+}
+
+}  // namespace pelm::cli
