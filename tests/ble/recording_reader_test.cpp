@@ -101,6 +101,30 @@ TEST(RecordingReader, TracesGiveEverySightingWithItsTimeAndScanner) {
                            {"Room201", 453}, {"Room202", 528}, {"Room203", 1005}, {"Room204", 264}}));
 }
 
+TEST(RecordingReader, TheWrittenTraceFormAndAnyOtherJsonSpellingReadTheSame) {
+    HeardAdvertisement written;
+    written.at = Date{std::chrono::milliseconds(1426289302732)};
+    written.address = "beacon-0-5";
+    written.rssi = -71;
+    written.data = beaconData(5);
+    written.receiver = "Room201";
+    const auto line = traceLine(written);
+    EXPECT_EQ(line.substr(0, 48), R"({"t":1426289302732,"address":"beacon-0-5","rssi")");
+    const std::string spaced = R"({ "scanner" : "Room201", "data": ")" + line.substr(line.find("\"data\":\"") + 8,
+                                                                             2 * written.data.size()) +
+                               R"(", "rssi": -71, "address": "beacon-0-5", "t": 1426289302732 })";
+    auto reader = RecordingReader::open(std::make_unique<std::istringstream>(line + "\n" + spaced + "\n"), "trace");
+    const auto all = readAll(*reader);
+    ASSERT_EQ(all.size(), 2u);
+    for (const auto& heard : all) {
+        EXPECT_EQ(heard.at, written.at);
+        EXPECT_EQ(heard.address, written.address);
+        EXPECT_EQ(heard.rssi, written.rssi);
+        EXPECT_EQ(heard.data, written.data);
+        EXPECT_EQ(heard.receiver, written.receiver);
+    }
+}
+
 TEST(RecordingReader, PcapWithDirectionKeepsOnlyWhatTheControllerSent) {
     Bytes file;
     for (std::uint32_t word : {0xA1B2C3D4u, 0x00040002u, 0u, 0u, 65535u, 201u}) put32(file, word, false);

@@ -1,6 +1,7 @@
 #include <pelm/platform/ble/recording_reader.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <fstream>
 #include <limits>
 
@@ -339,10 +340,11 @@ class TraceReader final : public RecordingReader {
     std::string format() const override { return "JSON trace"; }
 
     std::optional<HeardAdvertisement> next() override {
-        std::string line;
-        while (readLine(line)) {
+        while (readLine()) {
             ++lineNumber_;
-            if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+            const std::string_view line(buffer_.data(), length_);
+            if (line.find_first_not_of(" \t\r") == std::string_view::npos) continue;
+            if (auto heard = parseWrittenForm(line)) return heard;
             return parse(line);
         }
         return std::nullopt;
@@ -351,28 +353,81 @@ class TraceReader final : public RecordingReader {
   private:
     static constexpr std::size_t kMaxLine = 1 << 16;
 
-    bool readLine(std::string& line) {
-        line.clear();
-        char c;
-        while (in_->get(c)) {
-            if (c == '\n') return true;
-            if (line.size() == kMaxLine) fail("a line of at most 65536 characters");
-            line += c;
+    // The next line into buffer_ (without its newline); false at the end.
+    bool readLine() {
+        if (!*in_) return false;
+        in_->getline(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+        length_ = static_cast<std::size_t>(in_->gcount());
+        const bool newline = !in_->fail() && !in_->eof();
+        if (in_->fail() && !in_->eof() && length_ + 1 >= buffer_.size()) {
+            ++lineNumber_;
+            fail("a line of at most 65536 characters");
         }
-        if (line.empty()) return false;
+        if (newline) {
+            --length_;  // gcount counted the newline
+            return true;
+        }
+        if (length_ == 0) return false;
         // A last line without its newline is whole if it parses; a cut-short one is the recording's end.
-        if (!parseJSONText(line)) {
+        if (!parseJSONText(std::string_view(buffer_.data(), length_))) {
             warning_ = "line " + std::to_string(lineNumber_ + 1) + " is cut short; played what came before";
             return false;
         }
         return true;
     }
 
+    // The form traceLine writes, read without a general JSON parser: {"t":N,"address":"A","rssi":N,
+    // "data":"HEX"} with an optional "scanner" last, no white space and no escapes. Anything else is left
+    // to the general reading below, which accepts the same lines and more.
+    static std::optional<HeardAdvertisement> parseWrittenForm(std::string_view line) {
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
+        const auto literal = [&](std::string_view text) {
+            if (line.substr(0, text.size()) != text) return false;
+            line.remove_prefix(text.size());
+            return true;
+        };
+        const auto integer = [&](std::int64_t& out) {
+            const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), out);
+            if (error != std::errc() || end == line.data()) return false;
+            line.remove_prefix(static_cast<std::size_t>(end - line.data()));
+            return true;
+        };
+        const auto text = [&](std::string& out) {
+            const auto close = line.find('"');
+            if (close == std::string_view::npos || line.substr(0, close).find('\\') != std::string_view::npos)
+                return false;
+            out.assign(line.substr(0, close));
+            line.remove_prefix(close + 1);
+            return isValidUTF8(out);
+        };
+        HeardAdvertisement heard;
+        std::int64_t t = 0, rssi = 0;
+        std::string hex;
+        constexpr auto latest =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Date::duration::max()).count();
+        if (!literal("{\"t\":") || !integer(t) || t < 0 || t > latest || !literal(",\"address\":\"") ||
+            !text(heard.address) || !literal(",\"rssi\":") || !integer(rssi) || rssi < -128 || rssi > 127 ||
+            !literal(",\"data\":\"") || !text(hex) || hex.size() % 2 != 0) {
+            return std::nullopt;
+        }
+        if (literal(",\"scanner\":\"") && !text(heard.receiver)) return std::nullopt;
+        if (line != "}") return std::nullopt;
+        heard.data.reserve(hex.size() / 2);
+        for (std::size_t i = 0; i < hex.size(); i += 2) {
+            const int high = hexDigitValue(hex[i]), low = hexDigitValue(hex[i + 1]);
+            if (high < 0 || low < 0) return std::nullopt;
+            heard.data.push_back(static_cast<std::uint8_t>(high * 16 + low));
+        }
+        heard.at = Date{std::chrono::milliseconds(t)};
+        heard.rssi = static_cast<int>(rssi);
+        return heard;
+    }
+
     [[noreturn]] void fail(const std::string& expected) const {
         throw RecordingError(name_ + ": line " + std::to_string(lineNumber_) + ": expected " + expected);
     }
 
-    HeardAdvertisement parse(const std::string& line) const {
+    HeardAdvertisement parse(std::string_view line) const {
         const auto json = parseJSONText(line);
         if (!json || !json->is_object()) fail("a JSON object");
         HeardAdvertisement heard;
@@ -411,6 +466,8 @@ class TraceReader final : public RecordingReader {
     std::unique_ptr<std::istream> in_;
     std::string name_;
     std::size_t lineNumber_ = 0;
+    std::vector<char> buffer_ = std::vector<char>(kMaxLine + 2);
+    std::size_t length_ = 0;
 };
 
 }  // namespace
