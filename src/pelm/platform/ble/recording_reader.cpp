@@ -84,12 +84,12 @@ std::optional<Link> pcapLink(std::uint32_t linkType) {
 class PacketReader : public RecordingReader {
   public:
     std::optional<HeardAdvertisement> next() override {
-        while (pending_.empty()) {
+        while (taken_ == pending_.size()) {
+            pending_.clear();
+            taken_ = 0;
             if (!nextPacket()) return std::nullopt;
         }
-        auto heard = std::move(pending_.front());
-        pending_.erase(pending_.begin());
-        return heard;
+        return std::move(pending_[taken_++]);
     }
 
   protected:
@@ -108,6 +108,7 @@ class PacketReader : public RecordingReader {
         return false;
     }
     std::vector<HeardAdvertisement> pending_;
+    std::size_t taken_ = 0;  // pending_ before this index has been handed out
 };
 
 class BtsnoopReader final : public PacketReader {
@@ -392,25 +393,27 @@ class TraceReader final : public RecordingReader {
             line.remove_prefix(static_cast<std::size_t>(end - line.data()));
             return true;
         };
-        const auto text = [&](std::string& out) {
+        // A string without escapes or control characters (which JSON would refuse), as it stands in the line.
+        const auto text = [&](std::string_view& out) {
             const auto close = line.find('"');
-            if (close == std::string_view::npos || line.substr(0, close).find('\\') != std::string_view::npos)
-                return false;
-            out.assign(line.substr(0, close));
+            if (close == std::string_view::npos) return false;
+            out = line.substr(0, close);
             line.remove_prefix(close + 1);
-            return isValidUTF8(out);
+            return std::none_of(out.begin(), out.end(),
+                                [](char c) { return c == '\\' || static_cast<unsigned char>(c) < 0x20; }) &&
+                   isValidUTF8(out);
         };
         HeardAdvertisement heard;
         std::int64_t t = 0, rssi = 0;
-        std::string hex;
+        std::string_view address, hex, scanner;
         constexpr auto latest =
             std::chrono::duration_cast<std::chrono::milliseconds>(Date::duration::max()).count();
         if (!literal("{\"t\":") || !integer(t) || t < 0 || t > latest || !literal(",\"address\":\"") ||
-            !text(heard.address) || !literal(",\"rssi\":") || !integer(rssi) || rssi < -128 || rssi > 127 ||
+            !text(address) || !literal(",\"rssi\":") || !integer(rssi) || rssi < -128 || rssi > 127 ||
             !literal(",\"data\":\"") || !text(hex) || hex.size() % 2 != 0) {
             return std::nullopt;
         }
-        if (literal(",\"scanner\":\"") && !text(heard.receiver)) return std::nullopt;
+        if (literal(",\"scanner\":\"") && !text(scanner)) return std::nullopt;
         if (line != "}") return std::nullopt;
         heard.data.reserve(hex.size() / 2);
         for (std::size_t i = 0; i < hex.size(); i += 2) {
@@ -418,6 +421,8 @@ class TraceReader final : public RecordingReader {
             if (high < 0 || low < 0) return std::nullopt;
             heard.data.push_back(static_cast<std::uint8_t>(high * 16 + low));
         }
+        heard.address = address;
+        heard.receiver = scanner;
         heard.at = Date{std::chrono::milliseconds(t)};
         heard.rssi = static_cast<int>(rssi);
         return heard;
