@@ -4,6 +4,7 @@
 
 #include <pelm/model/json_text.hpp>
 
+#include <cctype>
 #include <stdexcept>
 #include <vector>
 
@@ -129,6 +130,10 @@ void ContentStore::execute(const char* sql) const {
 void ContentStore::seed(const JSON& data) {
     if (!data.is_object())
         throw std::invalid_argument("the seed must be a JSON object with \"apps\" and \"contents\"");
+    std::unique_lock cache(cacheMutex_);
+    appConfigs_.clear();
+    contents_.clear();
+    ++generation_;
     std::lock_guard lock(mutex_);
     execute("BEGIN");
     try {
@@ -179,6 +184,22 @@ void ContentStore::seed(const JSON& data) {
 }
 
 std::optional<JSON> ContentStore::appConfig(const std::string& token) const {
+    std::uint64_t generation = 0;
+    {
+        std::shared_lock lock(cacheMutex_);
+        if (const auto found = appConfigs_.find(token); found != appConfigs_.end()) return found->second;
+        generation = generation_;
+    }
+    auto config = queryAppConfig(token);
+    std::unique_lock lock(cacheMutex_);
+    if (config && generation == generation_) {
+        if (appConfigs_.size() >= kMaxCached) appConfigs_.clear();
+        appConfigs_.emplace(token, *config);
+    }
+    return config;
+}
+
+std::optional<JSON> ContentStore::queryAppConfig(const std::string& token) const {
     std::lock_guard lock(mutex_);
     Statement query(db_, "SELECT config FROM apps WHERE token = ?");
     query.bind(1, token);
@@ -197,6 +218,35 @@ std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t
 std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, const std::string& uuid,
                                                    const std::string& major, const std::string& minor,
                                                    const std::string& displayType) const {
+    const std::string upperUuid = [&] {
+        std::string upper = uuid;
+        for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        return upper;
+    }();
+    std::string key;
+    for (const auto* part : {&token, &upperUuid, &major, &minor, &displayType}) {
+        key += std::to_string(part->size());
+        key += ':';
+        key += *part;
+    }
+    std::uint64_t generation = 0;
+    {
+        std::shared_lock lock(cacheMutex_);
+        if (const auto found = contents_.find(key); found != contents_.end()) return found->second;
+        generation = generation_;
+    }
+    auto content = queryContentForBeacon(token, uuid, major, minor, displayType);
+    std::unique_lock lock(cacheMutex_);
+    if (generation == generation_) {
+        if (contents_.size() >= kMaxCached) contents_.clear();
+        contents_.emplace(std::move(key), content);
+    }
+    return content;
+}
+
+std::optional<JSON> ContentStore::queryContentForBeacon(const std::string& token, const std::string& uuid,
+                                                        const std::string& major, const std::string& minor,
+                                                        const std::string& displayType) const {
     std::lock_guard lock(mutex_);
     Statement query(db_,
                     "SELECT content FROM contents WHERE token = ? AND uuid = ? AND major = ? AND minor = ? "

@@ -4,7 +4,9 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
+#include <unordered_map>
 
 #include <pelm/model/json_binding.hpp>
 
@@ -42,9 +44,21 @@ class ContentStore {
 
   private:
     void execute(const char* sql) const;
+    std::optional<JSON> queryAppConfig(const std::string& token) const;
+    std::optional<JSON> queryContentForBeacon(const std::string& token, const std::string& uuid,
+                                              const std::string& major, const std::string& minor,
+                                              const std::string& displayType) const;
 
     sqlite3* db_ = nullptr;
     mutable std::mutex mutex_;
+    // Apps and contents change only by seeding, and every request reads them: they are read from memory,
+    // concurrently, once looked up. Bounded, since lookups of beacons that have no content are kept too.
+    static constexpr std::size_t kMaxCached = 10000;
+    mutable std::shared_mutex cacheMutex_;
+    mutable std::unordered_map<std::string, JSON> appConfigs_;
+    mutable std::unordered_map<std::string, std::optional<JSON>> contents_;
+    // Counts seedings, so that an answer read before one is not kept after it.
+    std::uint64_t generation_ = 0;
 };
 
 }  // namespace pelm::server

@@ -47,6 +47,13 @@ TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {
     EXPECT_EQ((*found)["id"], 7);
     EXPECT_FALSE(store.contentForBeacon("a", "F7826DA6-AAAA", "1", "2", "exit"));
     EXPECT_FALSE(store.contentForBeacon("b", "F7826DA6-AAAA", "1", "2", "entry"));
+    // What was looked up before a new seed is not what is answered after it.
+    store.seed(JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {"min_sdk": "2"}}],
+        "contents": [{"app_token": "a", "display_type": "exit", "beacon": {"uuid": "F7826DA6-AAAA", "major": "1", "minor": "2"},
+                      "content": {"id": 8}}]})"));
+    EXPECT_EQ((*store.appConfig("a"))["min_sdk"], "2");
+    ASSERT_TRUE(store.contentForBeacon("a", "f7826da6-aaaa", "1", "2", "exit"));
+    EXPECT_EQ((*store.contentForBeacon("a", "f7826da6-aaaa", "1", "2", "exit"))["id"], 8);
 }
 
 }  // namespace
