@@ -47,12 +47,26 @@ class Statement {
         const auto* value = sqlite3_column_text(statement_, column);
         return value == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(value));
     }
+    void reset() {
+        sqlite3_reset(statement_);
+        sqlite3_clear_bindings(statement_);
+    }
     bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
     std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
 
   private:
     sqlite3_stmt* statement_ = nullptr;
 };
+
+}  // namespace
+
+// The two inserts of an upload, prepared once for a whole batch.
+struct ContentStore::UploadStatements {
+    Statement session;
+    Statement line;
+};
+
+namespace {
 
 constexpr const char* kSchema = R"sql(
 CREATE TABLE IF NOT EXISTS apps (token TEXT PRIMARY KEY, config TEXT NOT NULL);
@@ -106,12 +120,17 @@ ContentStore::ContentStore(const std::string& path) {
         sqlite3_close(db_);
         throw std::runtime_error("cannot open " + path + ": " + message);
     }
-    sqlite3_busy_timeout(db_, 5000);
-    execute("PRAGMA journal_mode=WAL;");
-    // In WAL mode this syncs at checkpoints instead of at every upload: a power cut may lose the last
-    // uploads, never the file. A store full of phones uploading at once would otherwise queue on fsync.
-    execute("PRAGMA synchronous=NORMAL;");
-    execute(kSchema);
+    try {
+        sqlite3_busy_timeout(db_, 5000);
+        execute("PRAGMA journal_mode=WAL;");
+        // In WAL mode this syncs at checkpoints instead of at every upload: a power cut may lose the last
+        // uploads, never the file. A store full of phones uploading at once would otherwise queue on fsync.
+        execute("PRAGMA synchronous=NORMAL;");
+        execute(kSchema);
+    } catch (...) {
+        sqlite3_close(db_);  // a constructor that throws runs no destructor
+        throw;
+    }
 }
 
 ContentStore::~ContentStore() {
@@ -256,39 +275,85 @@ std::optional<JSON> ContentStore::queryContentForBeacon(const std::string& token
     return storedJSON(query.text(0));
 }
 
+// Uploads are written in batches, one transaction each: the thread whose upload finds no batch being
+// written writes every upload queued meanwhile, and then the next queued thread takes over. A store full of
+// phones then pays for one commit per batch rather than one per upload, and its uploads do not queue on a
+// lock whose holder the scheduler has put aside.
 std::int64_t ContentStore::storeSession(const std::string& token, const std::string& user,
                                         const JSON& session, const JSON& beacon, const JSON& sessionLogs) {
+    PendingUpload upload{token, user, session, beacon, sessionLogs, 0, nullptr, false};
+    std::unique_lock lock(uploadsMutex_);
+    queuedUploads_.push_back(&upload);
+    uploadWritten_.wait(lock, [&] { return upload.done || !writingUploads_; });
+    while (!upload.done) {
+        writingUploads_ = true;
+        std::vector<PendingUpload*> batch;
+        batch.swap(queuedUploads_);
+        lock.unlock();
+        writeUploads(batch);
+        lock.lock();
+        writingUploads_ = false;
+        uploadWritten_.notify_all();
+    }
+    if (upload.error) std::rethrow_exception(upload.error);
+    return upload.id;
+}
+
+void ContentStore::writeUploads(const std::vector<PendingUpload*>& batch) {
     std::lock_guard lock(mutex_);
-    execute("BEGIN");
     try {
-        Statement insert(
-            db_,
-            "INSERT INTO sessions (token, user, app_version, sdk_version, operating_system, start_time, "
-            "end_time, beacon_uuid, beacon_major, beacon_minor) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-        insert.bind(1, token).bind(2, user);
-        insert.bindOptional(3, session, "app_version").bindOptional(4, session, "sdk_version");
-        insert.bindOptional(5, session, "operating_system").bindOptional(6, session, "start_time");
-        insert.bindOptional(7, session, "end_time").bindOptional(8, beacon, "uuid");
-        insert.bindOptional(9, beacon, "major").bindOptional(10, beacon, "minor");
-        insert.step();
-        const auto id = sqlite3_last_insert_rowid(db_);
-        std::int64_t position = 0;
-        for (const auto& line : sessionLogs) {
-            Statement log(
-                db_,
-                "INSERT INTO session_logs (session_id, position, uuid, major, minor, entrance_time, "
-                "exit_time) VALUES (?, ?, ?, ?, ?, ?, ?)");
-            log.bind(1, id).bind(2, position++);
-            log.bindOptional(3, line, "uuid").bindOptional(4, line, "major").bindOptional(5, line, "minor");
-            log.bindOptional(6, line, "entrance_time").bindOptional(7, line, "exit_time");
-            log.step();
+        execute("BEGIN");
+        UploadStatements statements{
+            Statement(db_,
+                      "INSERT INTO sessions (token, user, app_version, sdk_version, operating_system, "
+                      "start_time, end_time, beacon_uuid, beacon_major, beacon_minor) "
+                      "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+            Statement(db_,
+                      "INSERT INTO session_logs (session_id, position, uuid, major, minor, entrance_time, "
+                      "exit_time) VALUES (?, ?, ?, ?, ?, ?, ?)")};
+        for (auto* upload : batch) {
+            execute("SAVEPOINT upload");
+            try {
+                upload->id = insertUpload(statements, *upload);
+                execute("RELEASE upload");
+            } catch (...) {
+                upload->error = std::current_exception();
+                execute("ROLLBACK TO upload");
+                execute("RELEASE upload");
+            }
         }
         execute("COMMIT");
-        return id;
     } catch (...) {
-        execute("ROLLBACK");
-        throw;
+        // The transaction itself failed: nothing of the batch is stored, and each of its uploads says so.
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        for (auto* upload : batch) {
+            if (!upload->error) upload->error = std::current_exception();
+        }
     }
+    for (auto* upload : batch) upload->done = true;
+}
+
+std::int64_t ContentStore::insertUpload(UploadStatements& statements, const PendingUpload& upload) {
+    auto& insert = statements.session;
+    insert.reset();
+    const auto& session = upload.session;
+    insert.bind(1, upload.token).bind(2, upload.user);
+    insert.bindOptional(3, session, "app_version").bindOptional(4, session, "sdk_version");
+    insert.bindOptional(5, session, "operating_system").bindOptional(6, session, "start_time");
+    insert.bindOptional(7, session, "end_time").bindOptional(8, upload.beacon, "uuid");
+    insert.bindOptional(9, upload.beacon, "major").bindOptional(10, upload.beacon, "minor");
+    insert.step();
+    const auto id = sqlite3_last_insert_rowid(db_);
+    std::int64_t position = 0;
+    for (const auto& line : upload.sessionLogs) {
+        auto& log = statements.line;
+        log.reset();
+        log.bind(1, id).bind(2, position++);
+        log.bindOptional(3, line, "uuid").bindOptional(4, line, "major").bindOptional(5, line, "minor");
+        log.bindOptional(6, line, "entrance_time").bindOptional(7, line, "exit_time");
+        log.step();
+    }
+    return id;
 }
 
 JSON ContentStore::sessions() const {

@@ -1,12 +1,15 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <mutex>
 #include <optional>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include <pelm/model/json_binding.hpp>
 
@@ -43,6 +46,19 @@ class ContentStore {
     JSON sessions() const;
 
   private:
+    struct PendingUpload {
+        const std::string& token;
+        const std::string& user;
+        const JSON& session;
+        const JSON& beacon;
+        const JSON& sessionLogs;
+        std::int64_t id = 0;
+        std::exception_ptr error;
+        bool done = false;
+    };
+    struct UploadStatements;
+    void writeUploads(const std::vector<PendingUpload*>& batch);
+    std::int64_t insertUpload(UploadStatements& statements, const PendingUpload& upload);
     void execute(const char* sql) const;
     std::optional<JSON> queryAppConfig(const std::string& token) const;
     std::optional<JSON> queryContentForBeacon(const std::string& token, const std::string& uuid,
@@ -50,7 +66,11 @@ class ContentStore {
                                               const std::string& displayType) const;
 
     sqlite3* db_ = nullptr;
-    mutable std::mutex mutex_;
+    mutable std::mutex mutex_;  // the connection
+    std::mutex uploadsMutex_;
+    std::condition_variable uploadWritten_;
+    std::vector<PendingUpload*> queuedUploads_;
+    bool writingUploads_ = false;
     // Apps and contents change only by seeding, and every request reads them: they are read from memory,
     // concurrently, once looked up. Bounded, since lookups of beacons that have no content are kept too.
     static constexpr std::size_t kMaxCached = 10000;

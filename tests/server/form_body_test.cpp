@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <set>
+#include <thread>
+#include <vector>
+
 #include "pelm_server/content_store.hpp"
 #include "pelm_server/form_body.hpp"
 
@@ -54,6 +59,43 @@ TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {
     EXPECT_EQ((*store.appConfig("a"))["min_sdk"], "2");
     ASSERT_TRUE(store.contentForBeacon("a", "f7826da6-aaaa", "1", "2", "exit"));
     EXPECT_EQ((*store.contentForBeacon("a", "f7826da6-aaaa", "1", "2", "exit"))["id"], 8);
+}
+
+// Uploads arriving together are written together: each is stored once, with its own lines, under its own id,
+// and all of them are in the file once the store is closed.
+TEST(ContentStore, ConcurrentUploadsAreEachStoredOnceWithTheirOwnLines) {
+    const auto path = std::filesystem::path(::testing::TempDir()) / "concurrent-uploads.db";
+    std::filesystem::remove(path);
+    constexpr int kThreads = 16, kEach = 150;
+    std::vector<std::vector<std::int64_t>> ids(kThreads);
+    {
+        ContentStore store(path.string());
+        std::vector<std::thread> phones;
+        for (int phone = 0; phone < kThreads; ++phone) {
+            phones.emplace_back([&, phone] {
+                for (int visit = 0; visit < kEach; ++visit) {
+                    const auto user = std::to_string(phone) + "/" + std::to_string(visit);
+                    const JSON lines = JSON::array({{{"minor", user}}, {{"minor", user + "b"}}});
+                    ids[phone].push_back(store.storeSession("T", user, {{"app_version", user}}, {}, lines));
+                }
+            });
+        }
+        for (auto& phone : phones) phone.join();
+    }
+    std::set<std::int64_t> distinct;
+    for (const auto& each : ids) distinct.insert(each.begin(), each.end());
+    EXPECT_EQ(distinct.size(), std::size_t{kThreads * kEach});
+
+    const auto stored = ContentStore(path.string()).sessions();
+    ASSERT_EQ(stored.size(), std::size_t{kThreads * kEach});
+    for (const auto& session : stored) {
+        const auto user = session["session_user"].get<std::string>();
+        EXPECT_EQ(session["session"]["app_version"], user);
+        ASSERT_EQ(session["session_logs"].size(), 2u);
+        EXPECT_EQ(session["session_logs"][0]["minor"], user);
+        EXPECT_EQ(session["session_logs"][1]["minor"], user + "b");
+    }
+    std::filesystem::remove(path);
 }
 
 }  // namespace
