@@ -55,6 +55,13 @@ PelmBeaconManager::PelmBeaconManager() : PelmBeaconManager(platform::current()->
 PelmBeaconManager::PelmBeaconManager(std::shared_ptr<platform::BeaconVendor> vendor)
     : vendor_(std::move(vendor)) {}
 
+template <class Base>
+std::weak_ptr<Base> PelmBeaconManager::weakAs() {
+    // std::weak_ptr cannot convert to a private base by itself; the aliasing constructor shares ownership.
+    const auto self = shared_from_this();
+    return std::shared_ptr<Base>(self, static_cast<Base*>(self.get()));
+}
+
 void PelmBeaconManager::setUp() {
     setupSessionManager();
     setupKontaktSDK();
@@ -62,7 +69,7 @@ void PelmBeaconManager::setUp() {
 
 void PelmBeaconManager::setupSessionManager() {
     sessionManager_ = PelmSessionManager::make();
-    sessionManager_->delegate = weak_from_this();
+    sessionManager_->delegate = weakAs<PelmSessionManagerDelegate>();
 }
 
 void PelmBeaconManager::setupKontaktSDK() {
@@ -77,7 +84,7 @@ void PelmBeaconManager::setupKontaktSDK() {
         return;
     }
     vendor_->setAPIKey(*key);
-    beaconManger_ = vendor_->makeRegionMonitor(weak_from_this());
+    beaconManger_ = vendor_->makeRegionMonitor(weakAs<platform::RegionMonitorDelegate>());
     beaconManger_->requestLocationAlwaysAuthorization();
     // No delegate can be set yet, so these four lines reach no one; they are sent all the same.
     sendLog("Monitored Regions: " + std::to_string(beaconManger_->monitoredRegions().size()), false);
@@ -87,7 +94,7 @@ void PelmBeaconManager::setupKontaktSDK() {
     sendLog("Reseting all ranged regions...", false);
     beaconManger_->stopRangingBeaconsInAllRegions();
     setupMainRegion();
-    deviceManager_ = vendor_->makeDeviceScanner(weak_from_this());
+    deviceManager_ = vendor_->makeDeviceScanner(weakAs<platform::DeviceScannerDelegate>());
 }
 
 void PelmBeaconManager::setupMainRegion() {
@@ -107,6 +114,10 @@ void PelmBeaconManager::setupMainRegion() {
 void PelmBeaconManager::startMonitoring() {
     if (!mainRegion_) {
         Log::error("Current region is not set.");
+        return;
+    }
+    if (!beaconManger_) {
+        Log::error("Region monitoring needs a Kontakt.io API key.");
         return;
     }
     beaconManger_->startMonitoring(*mainRegion_);
@@ -131,6 +142,7 @@ void PelmBeaconManager::monitorNewRegion(const platform::ProximityUUID& uuid, st
     // All sub-regions share one identifier, so each new one replaces the one watched before.
     region.identifier = kSubRegionIdentifier;
     notifyOnEverything(region);
+    if (!beaconManger_) return;
     beaconManger_->startMonitoring(region);
     beaconManger_->requestState(region);
     sendLog("Starting monitoring for: major: " + std::to_string(major) + " minor: " + std::to_string(minor),
@@ -138,11 +150,11 @@ void PelmBeaconManager::monitorNewRegion(const platform::ProximityUUID& uuid, st
 }
 
 void PelmBeaconManager::startRangingForRegion(const BeaconRegion& region) {
-    beaconManger_->startRanging(region);
+    if (beaconManger_) beaconManger_->startRanging(region);
 }
 
 void PelmBeaconManager::stopRangingForRegion(const BeaconRegion& region) {
-    beaconManger_->stopRanging(region);
+    if (beaconManger_) beaconManger_->stopRanging(region);
     std::string line = "Stop ranging for:";
     if (region.major) line += " major: " + std::to_string(*region.major);
     if (region.minor) line += " minor: " + std::to_string(*region.minor);
@@ -161,7 +173,7 @@ void PelmBeaconManager::addSessionEntryLogForRegion(const BeaconRegion& region) 
 void PelmBeaconManager::didChangeLocationAuthorizationStatus(platform::AuthorizationStatus status) {
     std::string line = "DidChangeLocationAuthorizationState";
     line += authorizationText(status);
-    if (status == 3 && mainRegion_) beaconManger_->requestState(*mainRegion_);
+    if (status == 3 && mainRegion_ && beaconManger_) beaconManger_->requestState(*mainRegion_);
     sendLog(line, false);
 }
 
@@ -186,7 +198,7 @@ void PelmBeaconManager::didDetermineState(platform::RegionState state, const Bea
 }
 
 void PelmBeaconManager::didEnterRegion(const BeaconRegion& region) {
-    beaconManger_->startRanging(region);
+    startRangingForRegion(region);
     const auto uuid = uuidText(region);
     if (isSubRegion(region)) {
         sendLog("Entering SUB Region: " + uuid + " - " + std::to_string(*region.major) + " - " +

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <pelm/export.hpp>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <pelm/api/api_request.hpp>
+#include <pelm/api/response_envelopes.hpp>
+#include <pelm/model/app_config.hpp>
+#include <pelm/model/content.hpp>
+#include <pelm/platform/http_transport.hpp>
+#include <pelm/platform/main_queue.hpp>
+
+namespace pelm {
+
+/// The library's one way to the content server. Every operation returns at once and later calls its
+/// completion exactly once, on the main queue: true with the payload, or false with none after one error
+/// line in the log. A call in flight needs nothing of the client: dropping the client right after a call
+/// still completes it.
+class PELM_EXPORT PelmAPIClient {
+  public:
+    using StatusCompletion = std::function<void(bool successful, std::shared_ptr<StatusResponse> status)>;
+    using AppConfigCompletion = std::function<void(bool successful, std::shared_ptr<AppConfig> appConfig)>;
+    using ContentByIdCompletion = std::function<void(bool succesful, std::shared_ptr<Content> content)>;
+    using ContentByHardwareCompletion = std::function<void(
+        bool successful, std::shared_ptr<Content> entryContent, std::shared_ptr<Content> exitContent)>;
+    using CreateSessionCompletion = std::function<void(bool successful)>;
+
+    /// Token and host from the shared settings; none (after an error line) when either is missing.
+    static std::shared_ptr<PelmAPIClient> make();
+    /// Never fails. Uses the installed platform's transport and main queue.
+    PelmAPIClient(std::string appToken, std::string apiHost);
+
+    void status(StatusCompletion completion) const;
+    void appConfig(AppConfigCompletion completion) const;
+    void contentById(std::int64_t id, std::string user, ContentByIdCompletion completion) const;
+    void contentByHardware(std::shared_ptr<Beacon> beacon, std::string user,
+                           ContentByHardwareCompletion completion) const;
+    void createSession(std::shared_ptr<Session> session, std::string user, std::shared_ptr<Beacon> beacon,
+                       std::vector<std::shared_ptr<SessionLog>> sessionLogs,
+                       CreateSessionCompletion completion) const;
+
+    const std::string& appToken() const { return appToken_; }
+    const std::string& apiHost() const { return apiHost_; }
+
+  private:
+    enum class Accepted { Any2xx, Exactly200 };
+
+    template <class Envelope>
+    void perform(const APIRequest& request, Accepted accepted,
+                 std::function<void(std::shared_ptr<Envelope>)> onSuccess,
+                 std::function<void()> onFailure) const;
+
+    std::string appToken_;
+    std::string apiHost_;
+    std::shared_ptr<platform::HttpTransport> transport_;
+    std::shared_ptr<platform::MainQueue> mainQueue_;
+};
+
+/// `text` with every appearance of the token, and any app_token= value, replaced by ***.
+PELM_EXPORT std::string withoutSecret(std::string text, const std::string& appToken);
+
+}  // namespace pelm

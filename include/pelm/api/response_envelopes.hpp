@@ -1,0 +1,89 @@
+#pragma once
+
+#include <pelm/export.hpp>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <pelm/model/app_config.hpp>
+#include <pelm/model/content.hpp>
+
+namespace pelm {
+
+/// The "status" member of every reply. Not part of judging a reply: a 200 with "error" still succeeds.
+enum class APIResponseStatus { Successful, Error };
+
+template <>
+struct RawValues<APIResponseStatus> {
+    static constexpr std::array table{
+        std::pair{APIResponseStatus::Successful, std::string_view{"successful"}},
+        std::pair{APIResponseStatus::Error, std::string_view{"error"}}};
+};
+
+class PELM_EXPORT StatusResponse : public Mappable<StatusResponse> {
+  public:
+    std::optional<APIResponseStatus> status;
+    std::optional<std::string> version;
+    std::optional<std::string> apiVersion;
+    std::optional<std::string> gitRevision;
+
+    template <class Self, class Map>
+    static void mapping(Self& self, Map& map) {
+        map("status", self.status);
+        map("version", self.version);
+        map("api_version", self.apiVersion);
+        map("git_revision", self.gitRevision);
+    }
+};
+
+class PELM_EXPORT AppConfigResponse : public Mappable<AppConfigResponse> {
+  public:
+    std::optional<APIResponseStatus> status;
+    std::shared_ptr<AppConfig> appConfig;
+
+    template <class Self, class Map>
+    static void mapping(Self& self, Map& map) {
+        map("status", self.status);
+        map("app_config", self.appConfig);
+    }
+};
+
+class PELM_EXPORT ContentByIdResponse : public Mappable<ContentByIdResponse> {
+  public:
+    std::optional<APIResponseStatus> status;
+    std::shared_ptr<Content> content;
+
+    template <class Self, class Map>
+    static void mapping(Self& self, Map& map) {
+        map("status", self.status);
+        map("content", self.content);
+    }
+};
+
+/// Note the word order: fields entry/exit first, keys content_ first.
+class PELM_EXPORT ContentByHardwareResponse : public Mappable<ContentByHardwareResponse> {
+  public:
+    std::optional<APIResponseStatus> status;
+    std::shared_ptr<Content> entryContent;
+    std::shared_ptr<Content> exitContent;
+
+    template <class Self, class Map>
+    static void mapping(Self& self, Map& map) {
+        map("status", self.status);
+        map("content_entry", self.entryContent);
+        map("content_exit", self.exitContent);
+    }
+};
+
+class PELM_EXPORT SessionResponse : public Mappable<SessionResponse> {
+  public:
+    std::optional<APIResponseStatus> status;
+
+    template <class Self, class Map>
+    static void mapping(Self& self, Map& map) {
+        map("status", self.status);
+    }
+};
+
+}  // namespace pelm

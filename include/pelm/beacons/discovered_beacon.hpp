@@ -1,0 +1,32 @@
+#pragma once
+
+#include <pelm/export.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <pelm/platform/beacon_region.hpp>
+
+namespace pelm {
+
+/// One nearby beacon device with its technical data, as the host app receives it. A value: copies are
+/// independent.
+struct PELM_EXPORT DiscoveredBeacon {
+    std::string identifier;
+    std::int64_t transmissionPower = 0;
+    /// Empty when the device reports none.
+    std::string firmwareVersion;
+    std::uint64_t batteryLevel = 0;
+    /// Received signal strength in dBm, as reported.
+    int rssi = 0;
+
+    /// None for a device without a unique identifier: the host app could not tell such devices apart.
+    static std::optional<DiscoveredBeacon> fromKontaktBeacon(const platform::NearbyDevice& device) {
+        if (!device.uniqueID) return std::nullopt;
+        return DiscoveredBeacon{*device.uniqueID, device.transmissionPower,
+                                device.firmwareVersion.value_or(""), device.batteryLevel, device.rssi};
+    }
+};
+
+}  // namespace pelm

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <pelm/export.hpp>
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace pelm {
+
+/// Nesting deeper than this is refused before parsing: deep documents would otherwise cost stack in the
+/// parser's users (copies, dumps, destruction), and no reply of the server nests beyond a handful of levels.
+inline constexpr std::size_t kMaxJSONDepth = 128;
+
+/// Parses JSON text; none for malformed text or text nested deeper than `maxDepth`. Never throws.
+PELM_EXPORT std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text,
+                                                                std::size_t maxDepth = kMaxJSONDepth);
+
+/// The JSON text of a value (indented by `indent` spaces per level, or on one line when negative). Never
+/// throws: a text that is not valid UTF-8, which JSON cannot carry, has its bad bytes replaced by U+FFFD.
+/// Where losing bytes matters, check with isValidUTF8 first.
+PELM_EXPORT std::string jsonText(const nlohmann::ordered_json& value, int indent = -1);
+
+/// Whether `text` is well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
+PELM_EXPORT bool isValidUTF8(std::string_view text);
+
+}  // namespace pelm

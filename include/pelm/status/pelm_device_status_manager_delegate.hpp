@@ -1,0 +1,18 @@
+#pragma once
+
+#include <pelm/export.hpp>
+
+#include <pelm/status/status_enums.hpp>
+
+namespace pelm {
+
+/// What the host app hears from the device status manager, on the main queue.
+class PELM_EXPORT PelmDeviceStatusManagerDelegate {
+  public:
+    virtual ~PelmDeviceStatusManagerDelegate() = default;
+    virtual void didChangeReachableStatus(ReachableStatus status) = 0;
+    virtual void didChangeLocationStatus(LocationStatus status) = 0;
+    virtual void didChangeBluetoothStatus(BluetoothStatus status) = 0;
+};
+
+}  // namespace pelm
