@@ -11,6 +11,31 @@
 
 namespace pelm::platform {
 
+/// Where the Linux platform's beacons come from. A scenario or a recording lets a host app be tried in a
+/// store that does not exist yet, with no adapter and no beacons: its advertisements are played in real time
+/// into the same region engine the adapter would feed, once the first region monitor or device scanner is
+/// made.
+struct PELM_EXPORT BeaconSource {
+    enum class Kind {
+        /// BlueZ's adapter, when it has one; without one there is no beacon vendor.
+        BluetoothAdapter,
+        /// A simulated store (the JSON form of `pelm simulate`): a shopper walks its path once.
+        Scenario,
+        /// A recording (btsnoop, pcap, pcapng or the JSON trace of `pelm record`), played once.
+        Recording,
+        /// No beacons at all: the radio is left alone.
+        None,
+    };
+    Kind kind = Kind::BluetoothAdapter;
+    /// The scenario or recording file.
+    std::filesystem::path file;
+
+    static BeaconSource bluetoothAdapter() { return {}; }
+    static BeaconSource scenario(std::filesystem::path file) { return {Kind::Scenario, std::move(file)}; }
+    static BeaconSource recording(std::filesystem::path file) { return {Kind::Recording, std::move(file)}; }
+    static BeaconSource none() { return {Kind::None, {}}; }
+};
+
 /// What a host tells the Linux platform about itself. Every field has a sensible default.
 struct PELM_EXPORT LinuxPlatformOptions {
     /// Names the settings file; defaults to the running program's name.
@@ -28,8 +53,11 @@ struct PELM_EXPORT LinuxPlatformOptions {
     int locationAuthorization = 3;
     /// Also send log lines to syslog.
     bool syslog = false;
-    /// Listen for beacons through BlueZ, when it has an adapter. Without one there is no beacon vendor.
-    bool beacons = true;
+    /// Where beacons come from: the Bluetooth adapter, unless the host names a file to play instead.
+    BeaconSource beaconSource;
+    /// The library's thread. A host that runs an event loop of its own hands in a MainQueue over it; left
+    /// empty, the platform makes a RunLoop, and the host runs it (then it is the platform's `mainQueue`).
+    std::shared_ptr<MainQueue> mainQueue;
 };
 
 /// The settings file a Linux host app with these options uses.
@@ -38,8 +66,9 @@ PELM_EXPORT std::filesystem::path settingsFilePath(const LinuxPlatformOptions& o
 /// The running program's short name, the default app name.
 PELM_EXPORT std::string defaultAppName();
 
-/// The Linux platform. Its main queue is a RunLoop: the host runs it (see run_loop.hpp), and every
-/// completion of the library arrives there.
+/// The Linux platform. Every completion and delegate call of the library arrives on its main queue: the
+/// options' own, or a RunLoop that the host runs (see run_loop.hpp). Throws std::runtime_error naming the
+/// file when the beacon source is a scenario or recording that cannot be read.
 PELM_EXPORT std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options);
 
 }  // namespace pelm::platform

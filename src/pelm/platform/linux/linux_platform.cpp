@@ -9,6 +9,7 @@
 #include <pelm/platform/linux/linux_bluetooth.hpp>
 #include <pelm/platform/linux/linux_reachability.hpp>
 #include <pelm/platform/linux/machine_identity.hpp>
+#include <pelm/platform/linux/played_beacon_vendor.hpp>
 #include <pelm/platform/linux/stderr_log_sink.hpp>
 #include <pelm/platform/run_loop.hpp>
 
@@ -34,6 +35,21 @@ std::string fileSafe(std::string name) {
     return name;
 }
 
+std::shared_ptr<BeaconVendor> beaconVendor(const BeaconSource& source,
+                                           const std::shared_ptr<MainQueue>& queue) {
+    switch (source.kind) {
+        case BeaconSource::Kind::BluetoothAdapter:
+            return LinuxBeaconVendor::make(queue);
+        case BeaconSource::Kind::Scenario:
+            return PlayedBeaconVendor::scenario(queue, source.file);
+        case BeaconSource::Kind::Recording:
+            return PlayedBeaconVendor::recording(queue, source.file);
+        case BeaconSource::Kind::None:
+            break;
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 std::string defaultAppName() {
@@ -50,7 +66,7 @@ std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options) {
     if (options.appName.empty()) options.appName = defaultAppName();
     if (options.vendorName.empty()) options.vendorName = options.appName;
     auto platform = std::make_shared<Platform>();
-    platform->mainQueue = std::make_shared<RunLoop>();
+    platform->mainQueue = options.mainQueue ? options.mainQueue : std::make_shared<RunLoop>();
     CurlTransportOptions http;
     http.extraCABundle = options.extraCABundle;
     platform->http = std::make_shared<CurlTransport>(platform->mainQueue, http);
@@ -61,7 +77,7 @@ std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options) {
     platform->reachability = std::make_shared<LinuxReachability>();
     platform->location = std::make_shared<PolicyLocation>(options.locationAuthorization);
     platform->bluetooth = std::make_shared<LinuxBluetooth>(platform->mainQueue);
-    if (options.beacons) platform->beaconVendor = LinuxBeaconVendor::make(platform->mainQueue);
+    platform->beaconVendor = beaconVendor(options.beaconSource, platform->mainQueue);
     return platform;
 }
 
