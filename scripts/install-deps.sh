@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libcpp-httplib-dev
-  libsdbus-c++-dev libsystemd-dev dbus-daemon
+  libsdbus-c++-dev libsystemd-dev dbus-daemon libglib2.0-dev doxygen
   tzdata openssl
 )
 

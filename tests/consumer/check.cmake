@@ -1,6 +1,7 @@
 # Installs the built tree into a scratch prefix, then configures, builds and runs a consumer of it.
 file(REMOVE_RECURSE ${WORK_DIR})
-execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix
+# Installs write a manifest into the build tree, so they take turns (the examples install too).
+execute_process(COMMAND flock ${BUILD_DIR}/install.lock ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix
   RESULT_VARIABLE result OUTPUT_QUIET)
 if(result)
   message(FATAL_ERROR "install failed")
