@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what it needs, then builds and runs everything with gcc, again under
 # AddressSanitizer + UndefinedBehaviorSanitizer with clang (which also builds the fuzzers), the threaded tests
-# under ThreadSanitizer, clang-tidy's use-after-move check, and gives each fuzzer a short run.
+# under ThreadSanitizer, clang-tidy's use-after-move check, builds the API reference (no warning allowed) and
+# gives each fuzzer a short run.
 #   FUZZ_SECONDS=N   seconds per fuzzer (default 20; 0 skips fuzzing)
 #   SKIP_TSAN=1      leaves out the ThreadSanitizer build
 set -euo pipefail
@@ -17,6 +18,9 @@ scripts/install-deps.sh
 stage "gcc build"
 scripts/build.sh plain
 (cd build/plain && ctest --output-on-failure --no-tests=error -j "$jobs")
+
+stage "API reference: doxygen, no warnings"
+scripts/docs.sh
 
 stage "clang build with AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh asan

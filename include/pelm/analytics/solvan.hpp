@@ -24,6 +24,7 @@ enum class SolvanAnalyticsAction { discoverd, delivered };
 
 enum class SolvanAnalyticsLabel { enter, exit };
 
+/// The texts of SolvanAnalyticsCategory as the analytics bridge sends them.
 template <>
 struct RawValues<SolvanAnalyticsCategory> {
     using C = SolvanAnalyticsCategory;
@@ -36,6 +37,7 @@ struct RawValues<SolvanAnalyticsCategory> {
     };
 };
 
+/// The texts of SolvanAnalyticsAction as the analytics bridge sends them.
 template <>
 struct RawValues<SolvanAnalyticsAction> {
     static constexpr std::array table{
@@ -43,6 +45,7 @@ struct RawValues<SolvanAnalyticsAction> {
         std::pair{SolvanAnalyticsAction::delivered, std::string_view{"Delivered"}}};
 };
 
+/// The texts of SolvanAnalyticsLabel as the analytics bridge sends them.
 template <>
 struct RawValues<SolvanAnalyticsLabel> {
     static constexpr std::array table{std::pair{SolvanAnalyticsLabel::enter, std::string_view{"Enter"}},

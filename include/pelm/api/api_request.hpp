@@ -21,22 +21,27 @@ namespace pelm {
 /// parameters; no call sets an authentication header.
 class PELM_EXPORT APIRequest {
   public:
+    /// Whether the server answers for the app: GET status.
     struct Status {
         std::string appToken;
     };
+    /// The app's configuration (beacon UUID, vendor key, cool-down).
     struct AppConfig {
         std::string appToken;
     };
+    /// One content record by its id, for `user`.
     struct ContentById {
         std::string appToken;
         std::int64_t id = 0;
         std::string user;
     };
+    /// The content that belongs to a beacon, for `user`.
     struct ContentByHardware {
         std::string appToken;
         std::shared_ptr<Beacon> beacon;
         std::string user;
     };
+    /// One store visit with its lines, uploaded when the user leaves.
     struct CreateSession {
         std::string appToken;
         std::shared_ptr<Session> session;

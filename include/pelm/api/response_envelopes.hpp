@@ -14,6 +14,7 @@ namespace pelm {
 /// The "status" member of every reply. Not part of judging a reply: a 200 with "error" still succeeds.
 enum class APIResponseStatus { Successful, Error };
 
+/// The texts of APIResponseStatus on the wire.
 template <>
 struct RawValues<APIResponseStatus> {
     static constexpr std::array table{
@@ -21,6 +22,7 @@ struct RawValues<APIResponseStatus> {
         std::pair{APIResponseStatus::Error, std::string_view{"error"}}};
 };
 
+/// The reply to a status call: the server's version texts.
 class PELM_EXPORT StatusResponse : public Mappable<StatusResponse> {
   public:
     std::optional<APIResponseStatus> status;
@@ -37,6 +39,7 @@ class PELM_EXPORT StatusResponse : public Mappable<StatusResponse> {
     }
 };
 
+/// The reply to an app configuration call: the configuration under "app_config".
 class PELM_EXPORT AppConfigResponse : public Mappable<AppConfigResponse> {
   public:
     std::optional<APIResponseStatus> status;
@@ -49,6 +52,7 @@ class PELM_EXPORT AppConfigResponse : public Mappable<AppConfigResponse> {
     }
 };
 
+/// The reply to a content-by-id call: the content under "content".
 class PELM_EXPORT ContentByIdResponse : public Mappable<ContentByIdResponse> {
   public:
     std::optional<APIResponseStatus> status;
@@ -61,7 +65,8 @@ class PELM_EXPORT ContentByIdResponse : public Mappable<ContentByIdResponse> {
     }
 };
 
-/// Note the word order: fields entry/exit first, keys content_ first.
+/// The reply to a content-by-hardware call: the beacon's entry and exit content. Note the word order:
+/// fields entry/exit first, keys content_ first.
 class PELM_EXPORT ContentByHardwareResponse : public Mappable<ContentByHardwareResponse> {
   public:
     std::optional<APIResponseStatus> status;
@@ -76,6 +81,7 @@ class PELM_EXPORT ContentByHardwareResponse : public Mappable<ContentByHardwareR
     }
 };
 
+/// The reply to a session upload: only its status.
 class PELM_EXPORT SessionResponse : public Mappable<SessionResponse> {
   public:
     std::optional<APIResponseStatus> status;

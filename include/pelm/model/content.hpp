@@ -53,6 +53,7 @@ class PELM_EXPORT Content : public Mappable<Content> {
     }
 };
 
+/// The texts of Content::DisplayType on the wire.
 template <>
 struct RawValues<Content::DisplayType> {
     static constexpr std::array table{std::pair{Content::DisplayType::entry, std::string_view{"entry"}},

@@ -10,6 +10,7 @@
 
 namespace pelm::platform {
 
+/// One HTTP request as the transport sends it: the URL carries the query, the body a POST form.
 struct PELM_EXPORT HttpRequest {
     std::string method;  // "GET" or "POST"
     std::string url;
