@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string host = argv[1], token = argv[2];
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each line shows as it comes, even through a pipe
 
     // The app's own loop, on the default context; the library's queue joins it.
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);

@@ -67,6 +67,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string host = argv[1], token = argv[2];
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each line shows as it comes, even through a pipe
 
     // 1. The platform: the loop this thread will run, HTTPS with the server's CA trusted, the beacon source.
     auto loop = std::make_shared<pelm::platform::RunLoop>();

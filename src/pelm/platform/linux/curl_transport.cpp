@@ -1,6 +1,7 @@
 #include <pelm/platform/linux/curl_transport.hpp>
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 
 #include <atomic>
 #include <deque>
@@ -14,7 +15,14 @@ namespace {
 
 void initialiseCurlOnce() {
     static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(once, [] {
+        // OpenSSL frees its locks in an exit handler of its own. That handler ran before the worker below was
+        // stopped and its connections closed, so a host that exited right after a call crashed now and then
+        // (a read lock taken on freed memory). Set up first and without that handler, OpenSSL stays usable
+        // until the process is gone; the kernel takes its memory back.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+    });
 }
 
 // Where the system keeps its authorities as a hashed folder; with the host's extra bundle as the CA file,
