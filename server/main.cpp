@@ -77,7 +77,9 @@ int main(int argc, char** argv) {
 
     try {
         if (listSessions) {
-            pelm::server::ContentStore store(options.database);
+            if (!std::filesystem::exists(options.database)) return fail(options.database + " does not exist");
+            pelm::server::ContentStore store(options.database,
+                                             pelm::server::ContentStore::Open::ExistingOnly);
             std::cout << pelm::jsonText(store.sessions(), 2) << "\n";
             return 0;
         }

@@ -6,8 +6,15 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <ctime>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace pelm::server {
@@ -58,15 +65,68 @@ Cert newCertificate(EVP_PKEY* key, const char* commonName, long serial, int days
     return cert;
 }
 
+// Written beside and renamed into place, so a server starting meanwhile never reads half a file.
 void writePem(const std::filesystem::path& path, X509* cert, EVP_PKEY* key) {
-    File file(std::fopen(path.c_str(), "w"));
-    check(file != nullptr, "cannot write the certificate files");
-    if (cert != nullptr) check(PEM_write_X509(file.get(), cert) == 1, "cannot write a certificate");
-    if (key != nullptr) {
-        check(PEM_write_PrivateKey(file.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1,
-              "cannot write a key");
+    const auto temporary = std::filesystem::path(path.string() + ".new");
+    {
+        File file(std::fopen(temporary.c_str(), "w"));
+        check(file != nullptr, "cannot write the certificate files");
+        if (key != nullptr) ::fchmod(::fileno(file.get()), 0600);
+        if (cert != nullptr) check(PEM_write_X509(file.get(), cert) == 1, "cannot write a certificate");
+        if (key != nullptr) {
+            check(PEM_write_PrivateKey(file.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1,
+                  "cannot write a key");
+        }
+        check(std::fflush(file.get()) == 0, "cannot write the certificate files");
     }
+    std::filesystem::rename(temporary, path);
 }
+
+Cert readCertificate(const std::filesystem::path& path) {
+    File file(std::fopen(path.c_str(), "r"));
+    return Cert(file ? PEM_read_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
+}
+
+Key readKey(const std::filesystem::path& path) {
+    File file(std::fopen(path.c_str(), "r"));
+    return Key(file ? PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr) : nullptr);
+}
+
+// Valid now and still for `margin`.
+bool validFor(X509* cert, std::time_t margin) {
+    std::time_t later = std::time(nullptr) + margin;
+    return X509_cmp_current_time(X509_get0_notBefore(cert)) < 0 &&
+           X509_cmp_time(X509_get0_notAfter(cert), &later) > 0;
+}
+
+// The folder's certificates, when all three are there, belong together and are not about to expire.
+std::optional<ThrowawayCertificate> reusable(const ThrowawayCertificate& files) {
+    const auto ca = readCertificate(files.caFile);
+    const auto server = readCertificate(files.certFile);
+    const auto key = readKey(files.keyFile);
+    if (!ca || !server || !key) return std::nullopt;
+    constexpr std::time_t kWeek = 7L * 24 * 60 * 60;
+    if (X509_check_private_key(server.get(), key.get()) != 1) return std::nullopt;
+    if (X509_verify(server.get(), X509_get0_pubkey(ca.get())) != 1) return std::nullopt;
+    if (!validFor(ca.get(), kWeek) || !validFor(server.get(), kWeek)) return std::nullopt;
+    return files;
+}
+
+// Held while the folder is looked at or written, so two servers started together make one authority.
+class FolderLock {
+  public:
+    explicit FolderLock(const std::filesystem::path& folder)
+        : fd_(::open((folder / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+        check(fd_ >= 0, "cannot lock the certificate folder");
+        ::flock(fd_, LOCK_EX);
+    }
+    ~FolderLock() { ::close(fd_); }
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+
+  private:
+    int fd_;
+};
 
 }  // namespace
 
@@ -91,12 +151,17 @@ ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folde
     check(X509_sign(server.get(), caKey.get(), EVP_sha256()) > 0, "signing the server certificate failed");
 
     ThrowawayCertificate result{folder / "ca.pem", folder / "cert.pem", folder / "key.pem"};
-    writePem(result.caFile, ca.get(), nullptr);
-    writePem(result.certFile, server.get(), nullptr);
     writePem(result.keyFile, nullptr, serverKey.get());
-    std::filesystem::permissions(result.keyFile,
-                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    writePem(result.certFile, server.get(), nullptr);
+    writePem(result.caFile, ca.get(), nullptr);
     return result;
+}
+
+ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int days) {
+    std::filesystem::create_directories(folder);
+    FolderLock lock(folder);
+    if (auto kept = reusable({folder / "ca.pem", folder / "cert.pem", folder / "key.pem"})) return *kept;
+    return makeThrowawayCertificate(folder, days);
 }
 
 }  // namespace pelm::server

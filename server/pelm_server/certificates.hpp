@@ -17,4 +17,9 @@ struct ThrowawayCertificate {
 /// Throws std::runtime_error when OpenSSL fails.
 ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folder, int days = 30);
 
+/// The folder's authority and server certificate, made only when one is missing, they do not belong
+/// together, or one expires within a week; otherwise reused, so devices that trust the authority keep
+/// trusting it across restarts. Safe against servers starting together in the same folder.
+ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int days = 365);
+
 }  // namespace pelm::server

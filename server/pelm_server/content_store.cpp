@@ -112,9 +112,9 @@ void putText(JSON& object, const char* key, const Statement& row, int column) {
 
 }  // namespace
 
-ContentStore::ContentStore(const std::string& path) {
-    if (sqlite3_open_v2(path.c_str(), &db_,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+ContentStore::ContentStore(const std::string& path, Open open) {
+    const int create = open == Open::CreateIfMissing ? SQLITE_OPEN_CREATE : 0;
+    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | create | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {
         const std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
         sqlite3_close(db_);

@@ -21,8 +21,10 @@ namespace pelm::server {
 /// session upload as received. Safe to use from the server's handler threads.
 class ContentStore {
   public:
-    /// ":memory:" keeps everything in memory. Throws std::runtime_error when the file cannot be opened.
-    explicit ContentStore(const std::string& path);
+    enum class Open { CreateIfMissing, ExistingOnly };
+    /// ":memory:" keeps everything in memory. Throws std::runtime_error when the file cannot be opened, or
+    /// with ExistingOnly does not exist (nothing is created then).
+    explicit ContentStore(const std::string& path, Open open = Open::CreateIfMissing);
     ~ContentStore();
     ContentStore(const ContentStore&) = delete;
     ContentStore& operator=(const ContentStore&) = delete;

@@ -2,7 +2,11 @@
 
 #include <httplib.h>
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <stdexcept>
 
 #include <pelm/sdk/pelm_constants.hpp>
@@ -40,8 +44,7 @@ PelmServer::PelmServer(Options options)
         cert = *options_.certFile;
         key = *options_.keyFile;
     } else {
-        const auto made =
-            makeThrowawayCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()));
+        const auto made = folderCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()));
         cert = made.certFile;
         key = made.keyFile;
         caFile_ = made.caFile;
@@ -53,6 +56,12 @@ PelmServer::PelmServer(Options options)
     http_->set_keep_alive_max_count(100000);
     http_->set_keep_alive_timeout(options_.keepAliveSeconds);
     http_->set_payload_max_length(kMaxBodyBytes);
+    // SO_REUSEADDR only: a restart may take over a port still in TIME_WAIT, but a second server on a port in
+    // use fails instead of sharing it (with SO_REUSEPORT, requests would alternate between the two).
+    http_->set_socket_options([](int socket) {
+        int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     const auto threads = static_cast<std::size_t>(std::max(1, options_.threads));
     http_->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     routes();
@@ -63,12 +72,18 @@ PelmServer::~PelmServer() {
 }
 
 void PelmServer::start() {
+    errno = 0;
     port_ = options_.port == 0
                 ? http_->bind_to_any_port(options_.bindAddress)
                 : (http_->bind_to_port(options_.bindAddress, options_.port) ? options_.port : -1);
-    if (port_ <= 0)
+    if (port_ <= 0) {
+        const int cause = errno;
         throw std::runtime_error("cannot listen on " + options_.bindAddress + ":" +
-                                 std::to_string(options_.port));
+                                 std::to_string(options_.port) +
+                                 (cause == EADDRINUSE ? ": the port is in use"
+                                  : cause != 0        ? std::string(": ") + std::strerror(cause)
+                                                      : std::string()));
+    }
     thread_ = std::thread([this] { http_->listen_after_bind(); });
     // A stop before the loop runs would be lost and leave it listening for good; return once it runs.
     for (int waited = 0; !http_->is_running() && waited < 5000; ++waited) {

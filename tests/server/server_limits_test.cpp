@@ -74,5 +74,28 @@ TEST(ServerMemory, RequestsAreKeptOnlyWhenAskedAndThenOnlyTheLatest) {
     std::filesystem::remove_all(pattern);
 }
 
+TEST(ServerPorts, ASecondServerOnAPortInUseFailsNamingItAndAMissingDatabaseIsNotMade) {
+    char pattern[] = "/tmp/pelm-server-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    PelmServer::Options options;
+    options.certificateFolder = pattern;
+    PelmServer first(options);
+    first.start();
+
+    options.port = first.port();
+    PelmServer second(options);
+    try {
+        second.start();
+        FAIL() << "two servers listen on port " << first.port();
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), ::testing::EndsWith(std::to_string(first.port()) + ": the port is in use"));
+    }
+
+    const auto missing = std::string(pattern) + "/typo.db";
+    EXPECT_THROW(ContentStore(missing, ContentStore::Open::ExistingOnly), std::runtime_error);
+    EXPECT_FALSE(std::filesystem::exists(missing));
+    std::filesystem::remove_all(pattern);
+}
+
 }  // namespace
 }  // namespace pelm::server
