@@ -33,6 +33,9 @@ class Arguments {
     std::optional<std::string> error_;
 };
 
+/// `pelm status`: the server is not reachable, or no host is known (0 reachable, 1 failure, 2 usage).
+inline constexpr int kExitUnreachable = 3;
+
 /// The Linux platform for --app, --config-dir and --ca, installed, with its run loop.
 std::shared_ptr<platform::Platform> installPlatform(const Arguments& args);
 /// Runs the installed platform's loop until `done()` holds; false after `timeout`.

@@ -1,6 +1,8 @@
-#include <csignal>
+#include <atomic>
 #include <cstdio>
 #include <ctime>
+#include <optional>
+#include <thread>
 
 #include <pelm/platform/run_loop.hpp>
 #include <pelm/platform/sim/memory_key_value_store.hpp>
@@ -8,11 +10,10 @@
 #include <pelm/status/pelm_device_status_manager.hpp>
 
 #include "cli.hpp"
+#include "pelm_server/stop_signals.hpp"
 
 namespace pelm::cli {
 namespace {
-
-volatile std::sig_atomic_t interrupted = 0;
 
 const char* text(ReachableStatus s) {
     return s == ReachableStatus::Reachable     ? "Reachable"
@@ -50,14 +51,14 @@ class Printer : public PelmDeviceStatusManagerDelegate {
     Printer(std::string host, bool stamped) : host_(std::move(host)), stamped_(stamped) {}
     void didChangeReachableStatus(ReachableStatus status) override {
         print("server " + host_, text(status));
-        reachability = true;
+        reachability = status;
     }
     void didChangeLocationStatus(LocationStatus status) override { print("location", text(status)); }
     void didChangeBluetoothStatus(BluetoothStatus status) override {
         print("bluetooth", text(status));
         bluetoothKnown = status != BluetoothStatus::Unknown;
     }
-    bool reachability = false;
+    std::optional<ReachableStatus> reachability;
     bool bluetoothKnown = false;
 
   private:
@@ -75,9 +76,25 @@ class Printer : public PelmDeviceStatusManagerDelegate {
     bool stamped_;
 };
 
+// Until SIGINT or SIGTERM, printing each change. The signals are taken by a thread of their own, which wakes
+// the loop at once; they were blocked before the platform's threads started, so none of those takes them.
+void watchUntilStopped() {
+    std::atomic<bool> stopped{false};
+    auto queue = platform::current()->mainQueue;
+    std::thread waiter([&] {
+        server::waitForStopSignal();
+        stopped = true;
+        queue->post([] {});
+    });
+    runUntil([&] { return stopped.load(); }, std::chrono::hours(24 * 365));
+    waiter.join();
+}
+
 }  // namespace
 
 int statusCommand(const Arguments& args) {
+    const bool watch = args.flag("watch");
+    if (watch) server::blockStopSignals();
     auto services = installPlatform(args);
     if (const auto host = args.option("host")) {
         // Ask about this host without touching the app's stored settings.
@@ -87,7 +104,6 @@ int statusCommand(const Arguments& args) {
         adjusted->store = store;
         platform::install(adjusted);
     }
-    const bool watch = args.flag("watch");
     const auto host = PelmConstants::apiHost();
     auto printer = std::make_shared<Printer>(host.value_or("(no host stored)"), watch);
     auto manager = PelmDeviceStatusManager::make();
@@ -96,15 +112,12 @@ int statusCommand(const Arguments& args) {
     manager->startBluetoothNotifier();
     manager->startReachabilityNotifier();
     if (watch) {
-        std::signal(SIGINT, [](int) { interrupted = 1; });
-        std::signal(SIGTERM, [](int) { interrupted = 1; });
-        runUntil([] { return interrupted != 0; }, std::chrono::hours(24 * 365));
-    } else {
-        runUntil([&] { return (printer->reachability || !host) && printer->bluetoothKnown; },
-                 std::chrono::seconds(3));
+        watchUntilStopped();
+        return 0;
     }
-    manager.reset();
-    return 0;
+    runUntil([&] { return (printer->reachability || !host) && printer->bluetoothKnown; },
+             std::chrono::seconds(3));
+    return printer->reachability == ReachableStatus::Reachable ? 0 : kExitUnreachable;
 }
 
 }  // namespace pelm::cli
