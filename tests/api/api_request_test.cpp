@@ -85,6 +85,9 @@ TEST_F(APIRequestTest, OnlyAWellFormedHostGetsARequest) {
         EXPECT_FALSE(status.urlRequest()) << bad;
         EXPECT_TRUE(APIRequest::hostProblem(bad)) << bad;
     }
+    // A pasted URL is named for what it is, wherever its first "/" falls.
+    EXPECT_EQ(APIRequest::hostProblem("https://content.example/api"), "it holds a scheme");
+    EXPECT_EQ(APIRequest::hostProblem("content.example/api"), "it holds a path");
 }
 
 TEST_F(APIRequestTest, SessionUploadIsAFormPostWithNestedRecords) {

@@ -19,6 +19,8 @@ Arguments::Arguments(int argc, char** argv, std::vector<std::string> flags) {
         } else if (i + 1 < argc) {
             options_[name] = argv[++i];
         } else {
+            // Kept, so that an unknown option at the end reads as unknown rather than as lacking a value.
+            options_[name] = "";
             error_ = "option --" + name + " needs a value";
         }
     }

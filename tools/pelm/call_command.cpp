@@ -3,6 +3,7 @@
 #include <limits>
 
 #include <pelm/api/pelm_api_client.hpp>
+#include <pelm/platform/proximity_uuid.hpp>
 
 #include "cli.hpp"
 #include "pelm_server/text_numbers.hpp"
@@ -26,11 +27,30 @@ int usage() {
     return 2;
 }
 
+// The beacon's identity as the server expects it, checked before anything is sent.
+std::optional<std::string> beaconProblem(const std::string& uuid, const std::string& major,
+                                         const std::string& minor) {
+    if (!platform::ProximityUUID::parse(uuid))
+        return uuid + " is not a UUID (like F7826DA6-4FA2-4E98-8024-BC5B71E0893E)";
+    for (const auto& [name, value] : {std::pair{"MAJOR", major}, std::pair{"MINOR", minor}}) {
+        if (!server::wholeNumber(value, 0, 65535))
+            return std::string(name) + " takes a whole number from 0 to 65535";
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 int callCommand(const Arguments& args) {
     const auto& words = args.positional();
     if (words.size() < 2) return usage();
+    // The words are checked before the settings, so a typo is named as such even where nothing is set up.
+    if (words[1] == "content-by-hardware" && words.size() == 5) {
+        if (const auto problem = beaconProblem(words[2], words[3], words[4])) {
+            std::fprintf(stderr, "pelm call: %s\n", problem->c_str());
+            return 2;
+        }
+    }
     installPlatform(args);
     const auto client = PelmAPIClient::make();
     if (!client) {

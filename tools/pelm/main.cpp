@@ -1,88 +1,155 @@
 #include <cstdio>
 #include <string>
+#include <vector>
 
-#include <pelm/sdk/pelm_constants.hpp>
+#include <pelm/version.hpp>
 
 #include "cli.hpp"
 
 namespace {
 
-std::string command_name(const pelm::cli::Arguments& args) {
-    return args.positional().front();
+struct Option {
+    const char* name;
+    const char* value;  // what follows the option, or "" for a flag
+    const char* help;
+};
+
+struct Command {
+    const char* name;
+    const char* synopsis;
+    const char* summary;
+    std::vector<Option> options;
+    int (*run)(const pelm::cli::Arguments&);
+};
+
+const Option kApp{"app", "NAME", "whose settings to use (default: pelm)"};
+const Option kConfigDir{"config-dir", "DIR", "where the settings file lives (default: ~/.config/pelm)"};
+const Option kCa{"ca", "FILE", "also trust this certificate authority (pelm serve prints it)"};
+const Option kHost{"host", "H", "the content server, as host or host:port"};
+const Option kToken{"token", "T", "the app token"};
+const Option kSpeed{"speed", "X", "time runs X times faster than real (default: as fast as it can)"};
+const Option kEvents{"events", "FILE", "also write every event as JSON lines"};
+const Option kShowToken{"show-token", "", "print the app token whole instead of masked"};
+
+const std::vector<Command>& commands() {
+    static const std::vector<Command> all = {
+        {"simulate",
+         "[SCENARIO]",
+         "walk a shopper through a simulated store",
+         {{"seed", "N", "the simulation's random seed (default 1)"},
+          kSpeed,
+          {"report", "FILE", "write the visit as an HTML report"},
+          kEvents,
+          kHost,
+          kToken,
+          kCa,
+          kApp,
+          kConfigDir},
+         pelm::cli::simulateCommand},
+        {"replay",
+         "FILE",
+         "play a recording (btsnoop, pcap, pcapng, JSON trace)",
+         {{"scanner", "NAME", "take only this scanner's lines of a trace"},
+          {"uuid", "UUID", "the app's proximity UUID (default: the one heard most)"},
+          kSpeed,
+          kEvents,
+          kHost,
+          kToken,
+          kCa,
+          kApp,
+          kConfigDir},
+         pelm::cli::replayCommand},
+        {"record",
+         "FILE.jsonl",
+         "write what the Bluetooth adapter hears as a trace",
+         {{"seconds", "N", "stop after N seconds (default: at Ctrl-C)"}, kApp, kConfigDir, kCa},
+         pelm::cli::recordCommand},
+        {"settings",
+         "",
+         "show what the library has stored for a host app",
+         {kApp, kConfigDir, kShowToken},
+         pelm::cli::settingsCommand},
+        {"setup",
+         "--token T --host H",
+         "fetch and store the app configuration",
+         {kToken, kHost, kCa, kShowToken, kApp, kConfigDir},
+         pelm::cli::setupCommand},
+        {"call",
+         "status | app-config | content ID | content-by-hardware UUID MAJOR MINOR",
+         "make one server call with the stored settings, print what came back",
+         {kCa, kApp, kConfigDir},
+         pelm::cli::callCommand},
+        {"serve",
+         "",
+         "run pelm-server (demo data unless --seed)",
+         {{"db", "FILE", "the database (default: pelm-server.db)"},
+          {"seed", "FILE", "load apps and contents from this file"},
+          {"port", "N", "the port (default 8443)"},
+          {"bind", "ADDR", "the address (default 127.0.0.1)"},
+          {"cert", "FILE", "the server's certificate (with --key) instead of a throwaway one"},
+          {"key", "FILE", "its private key"}},
+         pelm::cli::serveCommand},
+        {"status",
+         "",
+         "server reachability, location use and Bluetooth; exit 0 reachable, 3 not",
+         {kHost, {"watch", "", "print each change until Ctrl-C"}, kApp, kConfigDir, kCa},
+         pelm::cli::statusCommand},
+    };
+    return all;
 }
 
 void usage(std::FILE* out) {
-    std::fprintf(
-        out,
-        "usage: pelm <command> [options]\n"
-        "\n"
-        "commands:\n"
-        "  simulate [SCENARIO] [--seed N] [--speed X] [--report FILE] [--events FILE] [--host H --token T]\n"
-        "                                             walk a shopper through a simulated store\n"
-        "  replay FILE [--scanner NAME] [--uuid UUID] [--speed X] [--events FILE] [--host H --token T]\n"
-        "                                             play a recording (btsnoop, pcap, pcapng, JSON trace)\n"
-        "  record FILE.jsonl [--seconds N]            write what the Bluetooth adapter hears as a trace\n"
-        "  settings [--app NAME] [--config-dir DIR] [--show-token]\n"
-        "                                             show what the library has stored for a host app\n"
-        "  setup --token T --host H [--ca FILE] [--show-token]\n"
-        "                                             fetch and store the app configuration\n"
-        "  call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR [--ca FILE]\n"
-        "                                             make one server call, print what came back\n"
-        "  serve [--db FILE] [--seed FILE] [--port N] [--cert FILE --key FILE]\n"
-        "                                             run pelm-server (demo data unless --seed)\n"
-        "  status [--host H] [--watch]                 server reachability, location use and Bluetooth;\n"
-        "                                              exit 0 reachable, 3 not (--watch: until Ctrl-C)\n"
-        "  (--app NAME and --config-dir DIR choose whose settings setup and call use)\n"
-        "\n"
-        "  --version                                  print the library version\n"
-        "  --help                                     show this text\n");
+    std::fprintf(out,
+                 "usage: pelm <command> [options]     pelm <command> --help shows a command's options\n\n");
+    std::fprintf(out, "commands:\n");
+    for (const auto& command : commands()) std::fprintf(out, "  %-10s %s\n", command.name, command.summary);
+    std::fprintf(out, "\n  --version  print the library version\n  --help     show this text\n");
+}
+
+void usage(std::FILE* out, const Command& command) {
+    std::fprintf(out, "usage: pelm %s %s%s[options]\n  %s\n\noptions:\n", command.name, command.synopsis,
+                 *command.synopsis != '\0' ? " " : "", command.summary);
+    for (const auto& option : command.options) {
+        const std::string form =
+            std::string("--") + option.name + (*option.value != '\0' ? " " : "") + option.value;
+        std::fprintf(out, "  %-18s %s\n", form.c_str(), option.help);
+    }
+    std::fprintf(out, "  %-18s %s\n", "--help", "show this text");
+}
+
+int run(const Command& command, const pelm::cli::Arguments& args) {
+    if (args.flag("help")) return usage(stdout, command), 0;
+    std::vector<std::string> known;
+    for (const auto& option : command.options) known.emplace_back(option.name);
+    for (const auto& option : args.unknown(known)) {
+        std::fprintf(stderr, "pelm %s: unknown option %s (pelm %s --help lists them)\n", command.name,
+                     option.c_str(), command.name);
+        return 2;
+    }
+    if (args.error()) {
+        std::fprintf(stderr, "pelm %s: %s\n", command.name, args.error()->c_str());
+        return 2;
+    }
+    return command.run(args);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const pelm::cli::Arguments args(argc, argv, {"version", "help", "watch", "show-token"});
-    if (args.flag("version")) {
-        std::printf("pelm %.*s\n", static_cast<int>(pelm::PelmConstants::sdkVersion.size()),
-                    pelm::PelmConstants::sdkVersion.data());
-        return 0;
-    }
-    if (args.flag("help") || args.positional().empty()) {
+    if (args.positional().empty()) {
+        if (args.flag("version")) {
+            std::printf("pelm %s\n", pelm::version());
+            return 0;
+        }
         usage(args.flag("help") ? stdout : stderr);
         return args.flag("help") ? 0 : 2;
     }
-    if (args.error()) {
-        std::fprintf(stderr, "pelm: %s\n", args.error()->c_str());
-        return 2;
+    const auto& name = args.positional().front();
+    for (const auto& command : commands()) {
+        if (name == command.name) return run(command, args);
     }
-    const auto& command = args.positional().front();
-    if (command == "settings") {
-        for (const auto& option : args.unknown({"app", "config-dir", "show-token"})) {
-            std::fprintf(stderr, "pelm settings: unknown option %s\n", option.c_str());
-            return 2;
-        }
-        return pelm::cli::settingsCommand(args);
-    }
-    const std::vector<std::string> common = {"app", "config-dir", "ca"};
-    const auto run = [&](std::vector<std::string> known, int (*command)(const pelm::cli::Arguments&)) {
-        known.insert(known.end(), common.begin(), common.end());
-        for (const auto& option : args.unknown(known)) {
-            std::fprintf(stderr, "pelm %s: unknown option %s\n", command_name(args).c_str(), option.c_str());
-            return 2;
-        }
-        return command(args);
-    };
-    if (command == "setup") return run({"token", "host", "show-token"}, pelm::cli::setupCommand);
-    if (command == "call") return run({}, pelm::cli::callCommand);
-    if (command == "simulate")
-        return run({"host", "token", "seed", "speed", "report", "events"}, pelm::cli::simulateCommand);
-    if (command == "record") return run({"seconds"}, pelm::cli::recordCommand);
-    if (command == "replay")
-        return run({"host", "token", "scanner", "uuid", "speed", "events"}, pelm::cli::replayCommand);
-    if (command == "status") return run({"host", "watch"}, pelm::cli::statusCommand);
-    if (command == "serve")
-        return run({"db", "seed", "port", "bind", "cert", "key"}, pelm::cli::serveCommand);
-    std::fprintf(stderr, "pelm: unknown command '%s'\n\n", command.c_str());
+    std::fprintf(stderr, "pelm: unknown command '%s'\n\n", name.c_str());
     usage(stderr);
     return 2;
 }

@@ -27,7 +27,8 @@ int replayCommand(const Arguments& args) {
     options.token = args.option("token");
     options.caFile = args.option("ca");
     const auto speed = server::decimalNumber(args.option("speed").value_or("0"));
-    if (!speed || *speed < 0) {
+    // Unset (0) plays as fast as it can; a speed given must be a real one.
+    if (!speed || *speed < 0 || (args.option("speed") && *speed <= 0)) {
         std::fprintf(stderr, "pelm replay: --speed takes a number above 0\n");
         return 2;
     }

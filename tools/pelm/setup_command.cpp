@@ -1,5 +1,6 @@
 #include <cstdio>
 
+#include <pelm/api/api_request.hpp>
 #include <pelm/sdk/pelm_sdk.hpp>
 
 #include "cli.hpp"
@@ -11,6 +12,15 @@ int setupCommand(const Arguments& args) {
     const auto host = args.option("host");
     if (!token || !host) {
         std::fprintf(stderr, "pelm setup: --token and --host are required\n");
+        return 2;
+    }
+    // The library stores what a host app gives it; a person typing a URL here is told the form instead.
+    if (const auto problem = APIRequest::hostProblem(*host);
+        problem || host->find_first_of("/?") != std::string::npos) {
+        std::fprintf(
+            stderr,
+            "pelm setup: --host %s: %s; give the host alone, as host or host:port (e.g. localhost:8443)\n",
+            host->c_str(), problem.value_or("it holds a path").c_str());
         return 2;
     }
     installPlatform(args);

@@ -39,7 +39,8 @@ int simulateCommand(const Arguments& args) {
     SimulationOptions options;
     const auto seed = server::wholeNumber(args.option("seed").value_or("1"), 0, 1LL << 53);
     const auto speed = server::decimalNumber(args.option("speed").value_or("0"));
-    if (!seed || !speed || *speed < 0) {
+    // Unset (0) runs as fast as it can; a speed given must be a real one.
+    if (!seed || !speed || *speed < 0 || (args.option("speed") && *speed <= 0)) {
         std::fprintf(stderr, "pelm simulate: --seed takes a whole number and --speed a number above 0\n");
         return 2;
     }

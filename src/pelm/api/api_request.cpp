@@ -112,12 +112,13 @@ std::optional<std::string> APIRequest::hostProblem(std::string_view host) {
         const auto byte = static_cast<unsigned char>(c);
         if (byte <= 0x20 || byte == 0x7F) return "it holds white space or a control character";
     }
+    if (host.find("://") != std::string_view::npos) return "it holds a scheme";
     if (authority.empty()) return "it names no host";
     if (authority.size() > 261) return "it is longer than a host name and port can be";
     if (authority.find('@') != std::string_view::npos) return "it holds user info (\"@\")";
     if (rest.find('#') != std::string_view::npos) return "it holds a fragment (\"#\")";
     if (!rest.empty() && rest != "/" && rest.front() != '?' && rest.substr(0, 2) != "/?") {
-        return rest.substr(0, 3) == "://" ? "it holds a scheme; give the host alone" : "it holds a path";
+        return "it holds a path";
     }
     auto name = authority;
     std::string_view port;

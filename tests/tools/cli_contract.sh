@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# What a person typing `pelm` can count on: usage errors exit 2 with one line naming the problem, each command
+# explains itself with --help, nothing is stored from a refused command, `pelm status` tells by its exit code
+# whether the server can be reached, and `--watch` ends on SIGINT or SIGTERM with 0:
+#   cli_contract.sh PELM WORK_DIR
+set -uo pipefail
+pelm=$1 work=$2
+rm -rf "$work" && mkdir -p "$work"
+cfg=(--config-dir "$work/settings" --app shop)
+
+# expect RC PATTERN COMMAND...: the exit code and a line of stderr matching the pattern.
+expect() {
+  local want=$1 pattern=$2
+  shift 2
+  "$@" >"$work/out.txt" 2>"$work/err.txt"
+  local rc=$?
+  [ "$rc" -eq "$want" ] || { echo "$* exited $rc, not $want"; cat "$work/err.txt"; exit 1; }
+  grep -q -- "$pattern" "$work/err.txt" || { echo "$*: no line like '$pattern' in:"; cat "$work/err.txt"; exit 1; }
+}
+expect 2 "pelm status: unknown option --wacth" "$pelm" status --wacth
+expect 2 "pelm status: option --host needs a value" "$pelm" status --host
+expect 2 "it holds a scheme; give the host alone" "$pelm" setup --token t --host https://shop.example/api "${cfg[@]}"
+[ ! -e "$work/settings" ] || { echo "a refused setup stored something"; exit 1; }
+expect 2 "not-a-uuid is not a UUID" "$pelm" call content-by-hardware not-a-uuid 1 2 "${cfg[@]}"
+expect 2 "MINOR takes a whole number from 0 to 65535" \
+  "$pelm" call content-by-hardware F7826DA6-4FA2-4E98-8024-BC5B71E0893E 1 65536 "${cfg[@]}"
+expect 2 "speed" "$pelm" simulate --speed 0
+"$pelm" replay --help >"$work/out.txt" || { echo "replay --help failed"; exit 1; }
+for option in --scanner --uuid --speed --events --host --token --ca; do
+  grep -q -- "$option" "$work/out.txt" || { echo "replay --help does not list $option"; exit 1; }
+done
+
+"$pelm" status --host nothing.invalid --config-dir "$work" >/dev/null
+rc=$?
+[ "$rc" -eq 3 ] || { echo "status of an unresolvable host exited $rc, not 3"; exit 1; }
+
+for signal in INT TERM; do
+  rm -f "$work/watch.txt"
+  "$pelm" status --host localhost:1 --watch --config-dir "$work" >"$work/watch.txt" &
+  watcher=$!
+  # Signalled once it is watching (its first line printed), so the signal meets the watch, not the start-up.
+  for _ in $(seq 200); do [ -s "$work/watch.txt" ] && break; sleep 0.05; done
+  kill -"$signal" "$watcher"
+  # A hang guard only: a watcher still running after 20 s ignored the signal, and fails the test.
+  for _ in $(seq 400); do kill -0 "$watcher" 2>/dev/null || break; sleep 0.05; done
+  if kill -0 "$watcher" 2>/dev/null; then kill -KILL "$watcher"; echo "status --watch ignored SIG$signal"; exit 1; fi
+  wait "$watcher"
+  rc=$?
+  [ "$rc" -eq 0 ] || { echo "status --watch exited $rc on SIG$signal"; exit 1; }
+done
+echo "the tool keeps its contract"
