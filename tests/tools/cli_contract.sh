@@ -34,6 +34,16 @@ done
 rc=$?
 [ "$rc" -eq 3 ] || { echo "status of an unresolvable host exited $rc, not 3"; exit 1; }
 
+# Nearby devices: the terminal shows changes by default, every report with all, none with none; a device
+# flickering at the edge of range is no change.
+count() { "$pelm" simulate "$@" 2>/dev/null | grep -c '] nearby ' ; }
+all=$(count --nearby all) changes=$(count) none=$(count --nearby none)
+[ "$none" -eq 0 ] && [ "$changes" -gt 0 ] && [ $((changes * 2)) -lt "$all" ] ||
+  { echo "nearby lines: all $all, changes $changes, none $none"; exit 1; }
+progress=$("$pelm" simulate --speed 2000 2>/dev/null | grep -c ' \.\.\. ')
+[ "$progress" -eq 0 ] || { echo "a progress line went into a pipe"; exit 1; }
+expect 2 "pelm simulate: --nearby takes all, changes or none" "$pelm" simulate --nearby some
+
 for signal in INT TERM; do
   rm -f "$work/watch.txt"
   "$pelm" status --host localhost:1 --watch --config-dir "$work" >"$work/watch.txt" &

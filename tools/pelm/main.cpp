@@ -28,6 +28,7 @@ const Option kCa{"ca", "FILE", "also trust this certificate authority (pelm serv
 const Option kHost{"host", "H", "the content server, as host or host:port"};
 const Option kToken{"token", "T", "the app token"};
 const Option kSpeed{"speed", "X", "time runs X times faster than real (default: as fast as it can)"};
+const Option kNearby{"nearby", "WHICH", "nearby devices shown: all, changes (default) or none"};
 const Option kEvents{"events", "FILE", "also write every event as JSON lines"};
 const Option kShowToken{"show-token", "", "print the app token whole instead of masked"};
 
@@ -40,6 +41,7 @@ const std::vector<Command>& commands() {
           kSpeed,
           {"report", "FILE", "write the visit as an HTML report"},
           kEvents,
+          kNearby,
           kHost,
           kToken,
           kCa,
@@ -53,6 +55,7 @@ const std::vector<Command>& commands() {
           {"uuid", "UUID", "the app's proximity UUID (default: the one heard most)"},
           kSpeed,
           kEvents,
+          kNearby,
           kHost,
           kToken,
           kCa,

@@ -42,6 +42,12 @@ int replayCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm replay: --host and --token go together\n");
         return 2;
     }
+    const auto nearby = nearbyLines(args.option("nearby").value_or("changes"));
+    if (!nearby) {
+        std::fprintf(stderr, "pelm %s: --nearby takes all, changes or none\n", "replay");
+        return 2;
+    }
+    TimelinePrinter printer(*nearby);
     EventsFile events;
     std::string error;
     if (!events.open(args.option("events"), error)) {
@@ -53,7 +59,7 @@ int replayCommand(const Arguments& args) {
     ReplayResult result;
     try {
         result = runReplay(options, [&](const TimelineEvent& event) {
-            printEvent(event);
+            printer.print(event);
             events.write(event);
         });
     } catch (const platform::RecordingError& e) {

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -60,6 +62,12 @@ int simulateCommand(const Arguments& args) {
         return 2;
     }
 
+    const auto nearby = nearbyLines(args.option("nearby").value_or("changes"));
+    if (!nearby) {
+        std::fprintf(stderr, "pelm %s: --nearby takes all, changes or none\n", "simulate");
+        return 2;
+    }
+    TimelinePrinter printer(*nearby);
     EventsFile events;
     if (std::string failure; !events.open(args.option("events"), failure)) {
         std::fprintf(stderr, "pelm simulate: %s\n", failure.c_str());
@@ -72,12 +80,14 @@ int simulateCommand(const Arguments& args) {
         options.host ? ("server https://" + *options.host).c_str() : "embedded pelm-server with demo data");
     std::printf("What the host app sees:\n");
     std::fflush(stdout);
-    const bool realTime = options.speed > 0;
+    // The "... 01:10 of 04:00" line rewrites itself, which only a terminal shows well; a pipe gets events
+    // only.
+    const bool realTime = options.speed > 0 && ::isatty(STDOUT_FILENO) == 1;
     const auto result = runSimulation(
         options,
         [&](const TimelineEvent& event) {
             if (realTime) std::printf("\r%*s\r", 60, "");
-            printEvent(event);
+            printer.print(event);
             events.write(event);
         },
         [&](std::chrono::milliseconds at, std::chrono::milliseconds end) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -12,8 +13,31 @@ namespace pelm::cli {
 /// "MM:SS.s"
 std::string clockText(std::chrono::milliseconds at);
 
-/// One line of the terminal timeline: "  [01:14.0] CONTENT  Feinkost-Tipp [entry]".
-void printEvent(const TimelineEvent& event);
+/// Which reports of nearby devices the terminal shows: every one (every two seconds while any is near), only
+/// those where the set of devices changed, or none. The events file always has them all. A device at the edge
+/// of range drops out of one report and is back in the next; it counts as gone only after kNearbyMisses
+/// reports in a row without it, so that flicker is not a change.
+enum class NearbyLines { All, Changes, None };
+inline constexpr int kNearbyMisses = 5;
+
+/// "all", "changes" or "none".
+std::optional<NearbyLines> nearbyLines(const std::string& text);
+
+/// The terminal timeline, one line an event: "  [01:14.0] CONTENT  Feinkost-Tipp [entry]". Status lines are
+/// shown exactly as the host app received them.
+class TimelinePrinter {
+  public:
+    explicit TimelinePrinter(NearbyLines nearby) : nearby_(nearby) {}
+    void print(const TimelineEvent& event);
+
+  private:
+    // Whether a report of nearby devices is worth a line.
+    bool shows(const TimelineEvent& devices);
+
+    NearbyLines nearby_;
+    // The devices shown as near, each with the reports in a row that have missed it since.
+    std::map<std::string, int> near_;
+};
 
 /// --events FILE: every event the host app received, one JSON object a line, in order.
 class EventsFile {

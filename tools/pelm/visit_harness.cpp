@@ -36,10 +36,6 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate, public platform
         add(std::move(event));
     }
     void didDiscoverBeacons(const std::vector<DiscoveredBeacon>& beacons) override {
-        std::string ids;
-        for (const auto& beacon : beacons) ids += (ids.empty() ? "" : ", ") + beacon.identifier;
-        if (ids == lastDevices_) return;  // say it when the neighbourhood changes
-        lastDevices_ = ids;
         TimelineEvent event = make(TimelineEvent::Kind::Devices);
         event.text = std::to_string(beacons.size()) + " nearby:";
         for (const auto& b : beacons) {
@@ -79,7 +75,6 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate, public platform
     std::shared_ptr<platform::VirtualLoop> loop_;
     Date start_;
     std::function<void(const TimelineEvent&)> onEvent_;
-    std::string lastDevices_;
 };
 
 VisitHarness::VisitHarness(const ServerChoice& server, Date start,
