@@ -40,6 +40,10 @@ count() { "$pelm" simulate "$@" 2>/dev/null | grep -c '] nearby ' ; }
 all=$(count --nearby all) changes=$(count) none=$(count --nearby none)
 [ "$none" -eq 0 ] && [ "$changes" -gt 0 ] && [ $((changes * 2)) -lt "$all" ] ||
   { echo "nearby lines: all $all, changes $changes, none $none"; exit 1; }
+# The stored visit: a table of beacon, entrance and exit, or the record itself with --json.
+"$pelm" simulate >"$work/out.txt" 2>/dev/null && grep -Eq '^    1/20 +[0-9:]{8} +[0-9:]{8}$' "$work/out.txt" ||
+  { echo "simulate shows no table line for beacon 1/20"; tail -8 "$work/out.txt"; exit 1; }
+"$pelm" simulate --json 2>/dev/null | grep -q '"session_logs"' || { echo "simulate --json shows no record"; exit 1; }
 progress=$("$pelm" simulate --speed 2000 2>/dev/null | grep -c ' \.\.\. ')
 [ "$progress" -eq 0 ] || { echo "a progress line went into a pipe"; exit 1; }
 expect 2 "pelm simulate: --nearby takes all, changes or none" "$pelm" simulate --nearby some

@@ -29,6 +29,7 @@ const Option kHost{"host", "H", "the content server, as host or host:port"};
 const Option kToken{"token", "T", "the app token"};
 const Option kSpeed{"speed", "X", "time runs X times faster than real (default: as fast as it can)"};
 const Option kNearby{"nearby", "WHICH", "nearby devices shown: all, changes (default) or none"};
+const Option kJson{"json", "", "show the stored visit as the server's JSON record, not as a table"};
 const Option kEvents{"events", "FILE", "also write every event as JSON lines"};
 const Option kShowToken{"show-token", "", "print the app token whole instead of masked"};
 
@@ -42,6 +43,7 @@ const std::vector<Command>& commands() {
           {"report", "FILE", "write the visit as an HTML report"},
           kEvents,
           kNearby,
+          kJson,
           kHost,
           kToken,
           kCa,
@@ -56,6 +58,7 @@ const std::vector<Command>& commands() {
           kSpeed,
           kEvents,
           kNearby,
+          kJson,
           kHost,
           kToken,
           kCa,
@@ -139,7 +142,7 @@ int run(const Command& command, const pelm::cli::Arguments& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const pelm::cli::Arguments args(argc, argv, {"version", "help", "watch", "show-token"});
+    const pelm::cli::Arguments args(argc, argv, {"version", "help", "watch", "show-token", "json"});
     if (args.positional().empty()) {
         if (args.flag("version")) {
             std::printf("pelm %s\n", pelm::version());

@@ -74,7 +74,8 @@ int replayCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm replay: warning: %s\n", result.summary.warning->c_str());
     std::printf("\n%s\n", result.summary.line().c_str());
     if (!options.host) {
-        std::printf("The visits as the server stored them:\n%s\n", jsonText(result.storedVisits, 2).c_str());
+        std::printf("The visits as the server stored them:\n");
+        printStoredVisits(result.storedVisits, args.flag("json"));
     }
     if (!events.close()) {
         std::fprintf(stderr, "pelm replay: cannot write %s\n", args.option("events")->c_str());

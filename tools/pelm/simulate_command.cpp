@@ -103,7 +103,8 @@ int simulateCommand(const Arguments& args) {
     std::printf("\n%llu advertisements over %s of store time.\n",
                 static_cast<unsigned long long>(result.advertisements), clockText(result.simulated).c_str());
     if (!options.host) {
-        std::printf("The visit as the server stored it:\n%s\n", jsonText(result.storedVisits, 2).c_str());
+        std::printf("The visit as the server stored it:\n");
+        printStoredVisits(result.storedVisits, args.flag("json"));
     }
     if (!events.close()) {
         std::fprintf(stderr, "pelm simulate: cannot write %s\n", args.option("events")->c_str());

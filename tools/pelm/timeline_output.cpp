@@ -31,6 +31,62 @@ std::string clockText(std::chrono::milliseconds at) {
     return text;
 }
 
+namespace {
+
+std::string textAt(const JSON& object, const char* key) {
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : "?";
+}
+
+// "2026-11-22T09:03:50.000+0000" as "09:03:50"; anything else as it is.
+std::string timeOfDay(const std::string& date) {
+    return date.size() >= 19 && date[10] == 'T' ? date.substr(11, 8) : date;
+}
+
+std::string beaconText(const JSON& beacon) {
+    return textAt(beacon, "major") + "/" + textAt(beacon, "minor");
+}
+
+void printVisitTable(const JSON& visit, std::size_t number) {
+    const JSON none = JSON::object();
+    const auto& session = visit.contains("session") && visit["session"].is_object() ? visit["session"] : none;
+    const auto& beacon = visit.contains("beacon") && visit["beacon"].is_object() ? visit["beacon"] : none;
+    std::printf("  visit %zu: session %s to %s, beacon %s\n", number,
+                timeOfDay(textAt(session, "start_time")).c_str(),
+                timeOfDay(textAt(session, "end_time")).c_str(), beaconText(beacon).c_str());
+    std::vector<const JSON*> lines;
+    if (visit.contains("session_logs") && visit["session_logs"].is_array()) {
+        for (const auto& line : visit["session_logs"]) {
+            if (line.is_object()) lines.push_back(&line);
+        }
+    }
+    // The dates are written alike, so their texts sort as their instants do.
+    std::stable_sort(lines.begin(), lines.end(), [](const JSON* a, const JSON* b) {
+        return textAt(*a, "entrance_time") < textAt(*b, "entrance_time");
+    });
+    std::printf("    %-12s %-10s %s\n", "beacon", "entrance", "exit");
+    for (const JSON* line : lines) {
+        std::printf("    %-12s %-10s %s\n", beaconText(*line).c_str(),
+                    timeOfDay(textAt(*line, "entrance_time")).c_str(),
+                    timeOfDay(textAt(*line, "exit_time")).c_str());
+    }
+}
+
+}  // namespace
+
+void printStoredVisits(const JSON& visits, bool asJSON) {
+    if (asJSON) {
+        std::printf("%s\n", jsonText(visits, 2).c_str());
+        return;
+    }
+    if (!visits.is_array() || visits.empty()) {
+        std::printf("  (none)\n");
+        return;
+    }
+    for (std::size_t i = 0; i < visits.size(); ++i) printVisitTable(visits[i], i + 1);
+    std::printf("  (--json shows the records whole)\n");
+}
+
 std::optional<NearbyLines> nearbyLines(const std::string& text) {
     if (text == "all") return NearbyLines::All;
     if (text == "changes") return NearbyLines::Changes;

@@ -39,6 +39,10 @@ class TimelinePrinter {
     std::map<std::string, int> near_;
 };
 
+/// The visits the embedded server stored: a short table each (beacon, entrance, exit, earliest first), or
+/// with `asJSON` the records as the server keeps them.
+void printStoredVisits(const JSON& visits, bool asJSON);
+
 /// --events FILE: every event the host app received, one JSON object a line, in order.
 class EventsFile {
   public:
