@@ -90,7 +90,9 @@ int main(int argc, char** argv) {
             const auto text = pelm::platform::readBoundedFile(*seed);
             if (!text.bytes) return fail(*seed + " " + text.error);
             const auto parsed = pelm::parseJSONText(*text.bytes);
-            if (!parsed) return fail(*seed + " is not valid JSON");
+            if (!parsed)
+                return fail(*seed +
+                            " is not valid JSON: " + pelm::jsonTextProblem(*text.bytes).value_or("?"));
             server.store().seed(*parsed);
         }
         server.start();

@@ -221,6 +221,13 @@ TEST(Scenario, BadFilesAreNamedFieldByField) {
             R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": 0, "y": 0}],
         "path": {"points": [{"x": 0, "y": 0, "dwell": -1}]}})"),
         "path.points[0].dwell: must be between 0 and 86400 seconds");
+    // A misspelt key is named with its place and the key it most likely meant, instead of being skipped.
+    EXPECT_EQ(
+        error(
+            R"({"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "beacons": [{"major": 1, "minor": 1, "x": 0, "y": 0}],
+        "path": {"points": [{"x": 0, "y": 0}, {"x": 1, "y": 0}, {"x": 2, "y": 0, "dwel": 5}]}})"),
+        "path.points[2].dwel: unknown key; did you mean dwell?");
+    EXPECT_EQ(error(R"({"beacons": [], "colour": "red"})"), "colour: unknown key");
 }
 
 TEST(Scenario, TheShopperWalksAtTheGivenSpeedAndDwells) {

@@ -1,10 +1,11 @@
 #include <pelm/model/app_config.hpp>
 #include <pelm/model/beacon.hpp>
 #include <pelm/model/content.hpp>
+#include <pelm/model/json_text.hpp>
 #include <pelm/model/session.hpp>
 #include <pelm/model/session_log.hpp>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "support/test_platform.hpp"
 
@@ -151,6 +152,26 @@ TEST(Records, VisitRecordsWriteDatesAsTextAndLeaveOutEmptyOnes) {
 TEST(Records, InvalidUtf8InAFieldIsWrittenNotThrown) {
     const Beacon beacon("\xff\xfe", "1", "2");
     EXPECT_NO_THROW(beacon.toJSONText());
+}
+
+}  // namespace
+}  // namespace pelm
+
+namespace pelm {
+namespace {
+
+TEST(JSONText, AProblemIsPlacedByLineAndCharacterWithoutEchoingTheBytes) {
+    EXPECT_EQ(jsonTextProblem(R"({"a": [1, 2]})"), std::nullopt);
+    // Column counts characters, so a name with "ä" before the fault does not shift it.
+    EXPECT_THAT(jsonTextProblem("{\n  \"n\": \"Bäcker\",\n  \"x\": 1,}\n").value_or(""),
+                ::testing::StartsWith("line 3, column 10: syntax error"));
+    const auto truncated = jsonTextProblem("{\"a\": [1, 2").value_or("");
+    EXPECT_THAT(truncated, ::testing::StartsWith("line 1, column 12: "));
+    EXPECT_THAT(truncated, ::testing::HasSubstr("unexpected end of input"));
+    EXPECT_THAT(jsonTextProblem("[\"\xff\x01secret\"]").value_or(""),
+                ::testing::Not(::testing::HasSubstr("secret")));
+    EXPECT_EQ(jsonTextProblem(std::string(200, '[') + std::string(200, ']')),
+              "it nests deeper than 128 levels");
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ std::optional<JSON> readSeed(const std::optional<std::string>& path, std::string
         return std::nullopt;
     }
     auto parsed = parseJSONText(*text.bytes);
-    if (!parsed) error = *path + " is not valid JSON";
+    if (!parsed) error = *path + " is not valid JSON: " + jsonTextProblem(*text.bytes).value_or("?");
     return parsed;
 }
 

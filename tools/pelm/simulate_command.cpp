@@ -25,7 +25,7 @@ std::optional<JSON> readScenario(const std::vector<std::string>& words, std::str
         return std::nullopt;
     }
     auto parsed = parseJSONText(*text.bytes);
-    if (!parsed) error = words[1] + " is not valid JSON";
+    if (!parsed) error = words[1] + " is not valid JSON: " + jsonTextProblem(*text.bytes).value_or("?");
     return parsed;
 }
 

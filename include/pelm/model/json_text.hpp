@@ -18,6 +18,11 @@ inline constexpr std::size_t kMaxJSONDepth = 128;
 PELM_EXPORT std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text,
                                                                 std::size_t maxDepth = kMaxJSONDepth);
 
+/// Why `text` is not JSON, for a person fixing the file: "line 3, column 14: syntax error while parsing
+/// object - unexpected '}'; expected string literal"; none when it parses. Never throws.
+PELM_EXPORT std::optional<std::string> jsonTextProblem(std::string_view text,
+                                                       std::size_t maxDepth = kMaxJSONDepth);
+
 /// The JSON text of a value (indented by `indent` spaces per level, or on one line when negative). Never
 /// throws: a text that is not valid UTF-8, which JSON cannot carry, has its bad bytes replaced by U+FFFD.
 /// Where losing bytes matters, check with isValidUTF8 first.

@@ -71,6 +71,34 @@ bool isValidUTF8(std::string_view text) {
     return true;
 }
 
+std::optional<std::string> jsonTextProblem(std::string_view text, std::size_t maxDepth) {
+    if (!nestsWithin(text, maxDepth)) return "it nests deeper than " + std::to_string(maxDepth) + " levels";
+    try {
+        [[maybe_unused]] const auto parsed = nlohmann::ordered_json::parse(text);
+        return std::nullopt;
+    } catch (const nlohmann::json::parse_error& error) {
+        // Where, counted here (the parser's own count differs between versions), then what, without the
+        // parser's echo of the file's bytes, which may be anything.
+        const auto upTo = std::min<std::size_t>(error.byte > 0 ? error.byte - 1 : 0, text.size());
+        std::size_t line = 1, column = 1;
+        for (std::size_t i = 0; i < upTo; ++i) {
+            if (text[i] == '\n') {
+                ++line;
+                column = 1;
+            } else if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
+                ++column;
+            }
+        }
+        std::string what = error.what();
+        if (const auto at = what.find("syntax error"); at != std::string::npos) what.erase(0, at);
+        if (const auto echo = what.find("; last read"); echo != std::string::npos) {
+            const auto expected = what.find("; expected", echo);
+            what.erase(echo, expected == std::string::npos ? std::string::npos : expected - echo);
+        }
+        return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " + what;
+    }
+}
+
 std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text, std::size_t maxDepth) {
     if (!nestsWithin(text, maxDepth)) return std::nullopt;
     auto parsed = nlohmann::ordered_json::parse(text, nullptr, /*allow_exceptions=*/false);

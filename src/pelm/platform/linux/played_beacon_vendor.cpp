@@ -15,7 +15,9 @@ std::shared_ptr<PlayedBeaconVendor> PlayedBeaconVendor::scenario(std::shared_ptr
     const auto text = readBoundedFile(file);
     if (!text.bytes) throw ScenarioError(file.string() + " " + text.error);
     const auto json = parseJSONText(*text.bytes);
-    if (!json) throw ScenarioError(file.string() + " is not valid JSON");
+    if (!json)
+        throw ScenarioError(file.string() +
+                            " is not valid JSON: " + jsonTextProblem(*text.bytes).value_or("?"));
     auto store = std::make_shared<SimulatedStore>(Scenario::fromJSON(*json), 1);
     const auto duration = store->scenario().duration();
     return std::make_shared<PlayedBeaconVendor>(

@@ -1,11 +1,47 @@
 #include <pelm/platform/sim/simulated_store.hpp>
 
+#include <algorithm>
 #include <cmath>
+#include <initializer_list>
+#include <numeric>
+#include <vector>
 
 namespace pelm::platform {
 namespace {
 
 using std::chrono::milliseconds;
+
+// Letters to insert, delete or change to turn one word into the other.
+std::size_t editDistance(const std::string& a, const std::string& b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const auto above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// A misspelt key would otherwise be read as absent, and its default used without a word.
+void onlyKnownKeys(const JSON& object, std::initializer_list<const char*> known, const std::string& where) {
+    for (const auto& [key, value] : object.items()) {
+        if (std::any_of(known.begin(), known.end(), [&](const char* k) { return key == k; })) continue;
+        std::string message = where + key + ": unknown key";
+        const char* closest = nullptr;
+        std::size_t best = 3;  // further than two edits is no typo
+        for (const char* candidate : known) {
+            const auto distance = editDistance(key, candidate);
+            if (distance < best) best = distance, closest = candidate;
+        }
+        if (closest != nullptr) message += std::string("; did you mean ") + closest + "?";
+        throw ScenarioError(message);
+    }
+}
 
 const JSON& member(const JSON& object, const std::string& key, const std::string& where) {
     const auto found = object.find(key);
@@ -63,6 +99,10 @@ const JSON& list(const JSON& object, const std::string& key, const std::string& 
 
 Scenario::Beacon beaconFrom(const JSON& entry, const std::string& where, const std::string& defaultUuid) {
     if (!entry.is_object()) throw ScenarioError(where.substr(0, where.size() - 1) + ": must be an object");
+    onlyKnownKeys(entry,
+                  {"name", "uuid", "major", "minor", "x", "y", "measured_power", "interval_ms", "battery",
+                   "firmware", "unique_id", "tx_power"},
+                  where);
     Scenario::Beacon beacon;
     beacon.name = text(entry, "name", where, "");
     const auto uuidText = text(entry, "uuid", where, defaultUuid);
@@ -86,6 +126,7 @@ Scenario::Beacon beaconFrom(const JSON& entry, const std::string& where, const s
 
 Scenario Scenario::fromJSON(const JSON& json) {
     if (!json.is_object()) throw ScenarioError("the scenario must be a JSON object");
+    onlyKnownKeys(json, {"name", "uuid", "beacons", "path", "radio"}, "");
     Scenario scenario;
     scenario.name = text(json, "name", "", "store");
     const auto defaultUuid = text(json, "uuid", "", "");
@@ -96,6 +137,7 @@ Scenario Scenario::fromJSON(const JSON& json) {
     }
     const auto& walk = member(json, "path", "");
     if (!walk.is_object()) throw ScenarioError("path: must be an object");
+    onlyKnownKeys(walk, {"speed", "points"}, "path.");
     scenario.walkingSpeed = number(walk, "speed", "path.", 1.0);
     if (!(scenario.walkingSpeed >= 0.01 && scenario.walkingSpeed < 20))
         throw ScenarioError("path.speed: must be at least 0.01 and below 20");
@@ -104,6 +146,7 @@ Scenario Scenario::fromJSON(const JSON& json) {
         const auto where = "path.points[" + std::to_string(i) + "].";
         if (!points[i].is_object())
             throw ScenarioError(where.substr(0, where.size() - 1) + ": must be an object");
+        onlyKnownKeys(points[i], {"x", "y", "dwell"}, where);
         const double dwell = number(points[i], "dwell", where, 0.0);
         if (dwell < 0 || dwell > 86400)
             throw ScenarioError(where + "dwell: must be between 0 and 86400 seconds");
@@ -115,6 +158,7 @@ Scenario Scenario::fromJSON(const JSON& json) {
         throw ScenarioError("path: the walk must take at most 24 hours");
     const auto radio = json.value("radio", JSON::object());
     if (!radio.is_object()) throw ScenarioError("radio: must be an object");
+    onlyKnownKeys(radio, {"path_loss_exponent", "noise_db", "threshold_dbm"}, "radio.");
     scenario.pathLossExponent = number(radio, "path_loss_exponent", "radio.", 2.0);
     scenario.noiseDb = number(radio, "noise_db", "radio.", 2.0);
     scenario.detectionThresholdDbm = static_cast<int>(whole(radio, "threshold_dbm", "radio.", -130, 0, -90));
