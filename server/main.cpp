@@ -11,17 +11,29 @@
 #include <pelm/model/json_text.hpp>
 #include <pelm/platform/linux/bounded_file.hpp>
 
+#include <pelm/version.hpp>
+
 #include "pelm_server/pelm_server.hpp"
 #include "pelm_server/stop_signals.hpp"
 #include "pelm_server/text_numbers.hpp"
 
 namespace {
 
-void usage() {
-    std::fprintf(stderr,
+void usage(std::FILE* out = stderr) {
+    std::fprintf(out,
                  "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--threads N]\n"
                  "                   [--cert FILE --key FILE]\n"
-                 "       pelm-server sessions --db FILE\n");
+                 "       pelm-server sessions --db FILE\n"
+                 "       pelm-server --version | --help\n"
+                 "\n"
+                 "  --db FILE      the SQLite database (default pelm-server.db)\n"
+                 "  --seed FILE    apps and contents to serve (JSON: \"apps\" and \"contents\")\n"
+                 "  --port N       the port, 1 to 65535 (default: a free one, printed at start)\n"
+                 "  --bind ADDR    the address to listen on (default 127.0.0.1; 0.0.0.0 for the LAN)\n"
+                 "  --threads N    worker threads, one per open connection (default 256)\n"
+                 "  --cert FILE    the server's certificate, with --key; otherwise a throwaway authority in\n"
+                 "                 ./pelm-server-certificate/ signs one, kept across restarts\n"
+                 "  sessions       print the stored uploads as JSON\n");
 }
 
 int fail(const std::string& message) {
@@ -65,9 +77,13 @@ int main(int argc, char** argv) {
             else if (word == "--key")
                 options.keyFile = value();
             else if (word == "--help")
-                return usage(), 0;
+                return usage(stdout), 0;
+            else if (word == "--version")
+                return std::printf("pelm-server %s\n", pelm::version()), 0;
             else
-                return usage(), 2;
+                return std::fprintf(stderr, "pelm-server: unknown option %s (--help lists them)\n",
+                                    word.c_str()),
+                       2;
         } catch (const std::exception& e) {
             return fail(e.what());
         }

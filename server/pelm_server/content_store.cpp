@@ -3,8 +3,10 @@
 #include <sqlite3.h>
 
 #include <pelm/model/json_text.hpp>
+#include <pelm/model/known_keys.hpp>
 
 #include <cctype>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -83,6 +85,12 @@ CREATE TABLE IF NOT EXISTS session_logs (
   uuid TEXT, major TEXT, minor TEXT, entrance_time TEXT, exit_time TEXT, PRIMARY KEY (session_id, position));
 )sql";
 
+void requireKnownKeys(const JSON& object, std::initializer_list<const char*> known,
+                      const std::string& where) {
+    if (const auto problem = unknownKeyProblem(object, known))
+        throw std::invalid_argument(where + (where.empty() ? "" : ".") + *problem);
+}
+
 std::string requireText(const JSON& entry, const char* key, const std::string& where) {
     const auto found = entry.find(key);
     if (found == entry.end() || !found->is_string()) {
@@ -149,6 +157,9 @@ void ContentStore::execute(const char* sql) const {
 void ContentStore::seed(const JSON& data) {
     if (!data.is_object())
         throw std::invalid_argument("the seed must be a JSON object with \"apps\" and \"contents\"");
+    requireKnownKeys(data, {"apps", "contents"}, "");
+    const auto apps = data.value("apps", JSON::array());
+    if (!apps.is_array() || apps.empty()) throw std::invalid_argument("the seed has no \"apps\"");
     std::unique_lock cache(cacheMutex_);
     appConfigs_.clear();
     contents_.clear();
@@ -156,11 +167,12 @@ void ContentStore::seed(const JSON& data) {
     std::lock_guard lock(mutex_);
     execute("BEGIN");
     try {
-        const auto apps = data.value("apps", JSON::array());
-        if (!apps.is_array()) throw std::invalid_argument("\"apps\" must be an array");
+        std::set<std::string> tokens;
         for (std::size_t i = 0; i < apps.size(); ++i) {
             const auto where = "apps[" + std::to_string(i) + "]";
+            requireKnownKeys(apps[i], {"app_token", "app_config"}, where);
             const auto token = requireText(apps[i], "app_token", where);
+            tokens.insert(token);
             const auto& config = requireObject(apps[i], "app_config", where);
             Statement(db_, "INSERT OR REPLACE INTO apps (token, config) VALUES (?, ?)")
                 .bind(1, token)
@@ -172,7 +184,12 @@ void ContentStore::seed(const JSON& data) {
         for (std::size_t i = 0; i < contents.size(); ++i) {
             const auto where = "contents[" + std::to_string(i) + "]";
             const auto& entry = contents[i];
+            requireKnownKeys(entry, {"app_token", "beacon", "display_type", "content"}, where);
             const auto& beacon = requireObject(entry, "beacon", where);
+            requireKnownKeys(beacon, {"uuid", "major", "minor"}, where + ".beacon");
+            if (const auto token = requireText(entry, "app_token", where); !tokens.count(token))
+                throw std::invalid_argument(where + ".app_token: no app of the seed has the token \"" +
+                                            token + "\"");
             const auto& content = requireObject(entry, "content", where);
             const auto id = content.find("id");
             if (id == content.end() || !id->is_number_integer()) {

@@ -40,6 +40,23 @@ TEST(ContentStore, SeedErrorsNameTheEntryAndChangeNothing) {
     }
     EXPECT_EQ(store.appConfig("a"), std::nullopt);  // the whole seed was rolled back
     EXPECT_THROW(store.seed(JSON::parse(R"({"apps": [{"app_token": 5}]})")), std::invalid_argument);
+
+    // What a hand-written seed gets wrong is said, not skipped: no apps, a misspelt key, a stray token.
+    const auto error = [&](const char* text) {
+        try {
+            store.seed(JSON::parse(text));
+        } catch (const std::invalid_argument& e) {
+            return std::string(e.what());
+        }
+        return std::string("accepted");
+    };
+    EXPECT_EQ(error(R"({"contents": []})"), "the seed has no \"apps\"");
+    EXPECT_EQ(error(R"({"apps": [{"app_token": "a", "app_config": {}}], "content": []})"),
+              "content: unknown key; did you mean contents?");
+    EXPECT_EQ(error(R"({"apps": [{"app_token": "a", "app_config": {}}],
+        "contents": [{"app_token": "b", "display_type": "entry", "beacon": {"uuid": "U", "major": "1", "minor": "2"},
+                      "content": {"id": 1}}]})"),
+              "contents[0].app_token: no app of the seed has the token \"b\"");
 }
 
 TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {

@@ -1,46 +1,17 @@
 #include <pelm/platform/sim/simulated_store.hpp>
 
-#include <algorithm>
 #include <cmath>
-#include <initializer_list>
-#include <numeric>
-#include <vector>
+
+#include <pelm/model/known_keys.hpp>
 
 namespace pelm::platform {
 namespace {
 
 using std::chrono::milliseconds;
 
-// Letters to insert, delete or change to turn one word into the other.
-std::size_t editDistance(const std::string& a, const std::string& b) {
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t diagonal = row[0];
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            const auto above = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
-            diagonal = above;
-        }
-    }
-    return row[b.size()];
-}
-
 // A misspelt key would otherwise be read as absent, and its default used without a word.
 void onlyKnownKeys(const JSON& object, std::initializer_list<const char*> known, const std::string& where) {
-    for (const auto& [key, value] : object.items()) {
-        if (std::any_of(known.begin(), known.end(), [&](const char* k) { return key == k; })) continue;
-        std::string message = where + key + ": unknown key";
-        const char* closest = nullptr;
-        std::size_t best = 3;  // further than two edits is no typo
-        for (const char* candidate : known) {
-            const auto distance = editDistance(key, candidate);
-            if (distance < best) best = distance, closest = candidate;
-        }
-        if (closest != nullptr) message += std::string("; did you mean ") + closest + "?";
-        throw ScenarioError(message);
-    }
+    if (const auto problem = unknownKeyProblem(object, known)) throw ScenarioError(where + *problem);
 }
 
 const JSON& member(const JSON& object, const std::string& key, const std::string& where) {
