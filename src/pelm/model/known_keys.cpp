@@ -27,7 +27,8 @@ std::size_t editDistance(const std::string& a, const std::string& b) {
 
 std::optional<std::string> unknownKeyProblem(const JSON& object, std::initializer_list<const char*> known) {
     if (!object.is_object()) return std::nullopt;
-    for (const auto& [key, value] : object.items()) {
+    for (const auto& item : object.items()) {
+        const std::string& key = item.key();
         if (std::any_of(known.begin(), known.end(), [&](const char* k) { return key == k; })) continue;
         std::string problem = key + ": unknown key";
         const char* closest = nullptr;
