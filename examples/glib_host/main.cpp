@@ -15,6 +15,11 @@
 
 namespace {
 
+gboolean quitLoop(gpointer loop) {
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_REMOVE;
+}
+
 class Host : public pelm::PelmBeaconManagerDelegate, public pelm::PelmDeviceStatusManagerDelegate {
   public:
     explicit Host(GMainLoop* loop) : loop_(loop) {}
@@ -26,11 +31,10 @@ class Host : public pelm::PelmBeaconManagerDelegate, public pelm::PelmDeviceStat
     }
     void didReceiveLog(const std::string& text, bool critical) override {
         std::printf("status   %s%s\n", text.c_str(), critical ? " (critical)" : "");
-        if (text == "Session upload successful finished") {
-            uploaded = true;
-            g_main_loop_quit(loop_);
-        } else if (text == "Failed to upload session") {
-            g_main_loop_quit(loop_);
+        // As in minimal_host: the exit content may come back after the upload, so quit a moment later.
+        if (text == "Session upload successful finished" || text == "Failed to upload session") {
+            uploaded = text == "Session upload successful finished";
+            g_timeout_add_seconds(2, quitLoop, loop_);
         }
     }
     void didDiscoverBeacons(const std::vector<pelm::DiscoveredBeacon>&) override {}

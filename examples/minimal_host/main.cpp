@@ -7,6 +7,7 @@
 // signed its certificate. With no Bluetooth adapter, name a scenario or a recording to take the beacons from.
 #include <pelm/pelm.hpp>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 
@@ -24,12 +25,11 @@ class Host : public pelm::PelmBeaconManagerDelegate, public pelm::PelmDeviceStat
     }
     void didReceiveLog(const std::string& text, bool critical) override {
         std::printf("status   %s%s\n", text.c_str(), critical ? " (critical)" : "");
-        // The visit ends when the shopper leaves the store: its upload is the last thing that happens.
-        if (text == "Session upload successful finished") {
-            uploaded = true;
-            loop_.stop();
-        } else if (text == "Failed to upload session") {
-            loop_.stop();
+        // The visit ends when the shopper leaves the store. Its upload and the exit content are asked for
+        // together and either may come back first, so the host stops a moment after the upload's answer.
+        if (text == "Session upload successful finished" || text == "Failed to upload session") {
+            uploaded = text == "Session upload successful finished";
+            loop_.postAfter(std::chrono::seconds(2), [this] { loop_.stop(); });
         }
     }
     void didDiscoverBeacons(const std::vector<pelm::DiscoveredBeacon>& beacons) override {
