@@ -309,6 +309,9 @@ std::int64_t ContentStore::storeSession(const std::string& token, const std::str
         lock.unlock();
         writeUploads(batch);
         lock.lock();
+        // Marked under the lock, so that a waiting thread that sees its upload done also sees everything the
+        // writer did with it (and only then lets go of the texts the writer read).
+        for (auto* written : batch) written->done = true;
         writingUploads_ = false;
         uploadWritten_.notify_all();
     }
@@ -347,7 +350,6 @@ void ContentStore::writeUploads(const std::vector<PendingUpload*>& batch) {
             if (!upload->error) upload->error = std::current_exception();
         }
     }
-    for (auto* upload : batch) upload->done = true;
 }
 
 std::int64_t ContentStore::insertUpload(UploadStatements& statements, const PendingUpload& upload) {
