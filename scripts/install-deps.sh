@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds and tests with. Quiet when everything is there;
 # asks the package index for news only when something is missing.
+#   --browser   also Chromium (and a font for it), which the test of the visit report loads the page in
 set -euo pipefail
 
 packages=(
@@ -10,6 +11,9 @@ packages=(
   libsdbus-c++-dev libsystemd-dev dbus-daemon libglib2.0-dev doxygen
   tzdata openssl
 )
+if [ "${1:-}" = --browser ]; then
+  packages+=(chromium fonts-dejavu-core)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

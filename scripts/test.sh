@@ -13,7 +13,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 started=$SECONDS
 stage() { echo "== $1 ($((SECONDS - started)) s in)"; }
 
-scripts/install-deps.sh
+scripts/install-deps.sh --browser
 
 stage "gcc build"
 scripts/build.sh plain

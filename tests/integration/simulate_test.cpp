@@ -26,11 +26,13 @@ std::vector<std::string> contents(const SimulationResult& result) {
     return names;
 }
 
-TEST(Simulate, TheDemoVisitHandsOverItsContentHoldsBackRepeatsAndIsStored) {
+TEST(Simulate, TheDemoVisitHandsOverEntryAndExitContentHoldsBackRepeatsAndIsStored) {
     const auto result = runSimulation(demo(1));
     ASSERT_TRUE(result.configured) << result.failure;
-    EXPECT_THAT(contents(result), ElementsAre("Willkommen [entry]", "Feinkost-Tipp [entry]",
-                                              "K\xC3\xA4sewoche [entry]", "Getr\xC3\xA4nke-Aktion [entry]"));
+    // The survey comes when the shopper has left the till for the exit.
+    EXPECT_THAT(contents(result),
+                ElementsAre("Willkommen [entry]", "Feinkost-Tipp [entry]", "K\xC3\xA4sewoche [entry]",
+                            "Getr\xC3\xA4nke-Aktion [entry]", "Wie war Ihr Einkauf? [exit]"));
     // Back at the drinks shelf within its 15-minute cool-down: held back.
     const auto hot =
         std::count_if(result.timeline.begin(), result.timeline.end(),
@@ -44,7 +46,7 @@ TEST(Simulate, TheDemoVisitHandsOverItsContentHoldsBackRepeatsAndIsStored) {
     EXPECT_EQ(visit["app_token"], "demo-token");
     std::vector<std::string> minors;
     for (const auto& line : visit["session_logs"]) minors.push_back(line["minor"].get<std::string>());
-    EXPECT_THAT(minors, ElementsAre("20", "20", "1"));
+    EXPECT_THAT(minors, ElementsAre("20", "3", "1"));
     EXPECT_EQ(visit["beacon"]["minor"], "20");
     EXPECT_EQ(visit["session"]["start_time"], visit["session_logs"][0]["entrance_time"]);
 }

@@ -30,6 +30,7 @@ const Option kToken{"token", "T", "the app token"};
 const Option kSpeed{"speed", "X", "time runs X times faster than real (default: as fast as it can)"};
 const Option kNearby{"nearby", "WHICH", "nearby devices shown: all, changes (default) or none"};
 const Option kJson{"json", "", "show the stored visit as the server's JSON record, not as a table"};
+const Option kReport{"report", "FILE", "write the visit as an HTML report"};
 const Option kEvents{"events", "FILE", "also write every event as JSON lines"};
 const Option kShowToken{"show-token", "", "print the app token whole instead of masked"};
 
@@ -40,7 +41,7 @@ const std::vector<Command>& commands() {
          "walk a shopper through a simulated store",
          {{"seed", "N", "the simulation's random seed (default 1)"},
           kSpeed,
-          {"report", "FILE", "write the visit as an HTML report"},
+          kReport,
           kEvents,
           kNearby,
           kJson,
@@ -56,6 +57,7 @@ const std::vector<Command>& commands() {
          {{"scanner", "NAME", "take only this scanner's lines of a trace"},
           {"uuid", "UUID", "the app's proximity UUID (default: the one heard most)"},
           kSpeed,
+          kReport,
           kEvents,
           kNearby,
           kJson,

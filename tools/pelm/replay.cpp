@@ -128,7 +128,7 @@ ReplayResult runReplay(const ReplayOptions& options,
                         std::chrono::duration<double, std::milli>(wait.count() / options.speed));
                 harness.loop().advance(wait);
             }
-            harness.engine().hear(*heard);
+            harness.hear(*heard);
             harness.loop().runUntilIdle();
         }
         // The end of a recording is radio silence: regions are left, the visit goes up.

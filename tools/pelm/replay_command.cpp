@@ -7,6 +7,7 @@
 #include "cli.hpp"
 #include "pelm_server/text_numbers.hpp"
 #include "replay.hpp"
+#include "report.hpp"
 #include "timeline_output.hpp"
 
 namespace pelm::cli {
@@ -49,8 +50,9 @@ int replayCommand(const Arguments& args) {
     }
     TimelinePrinter printer(*nearby);
     EventsFile events;
+    ReportFile report;
     std::string error;
-    if (!events.open(args.option("events"), error)) {
+    if (!events.open(args.option("events"), error) || !report.open(args.option("report"), error)) {
         std::fprintf(stderr, "pelm replay: %s\n", error.c_str());
         return 1;
     }
@@ -80,6 +82,17 @@ int replayCommand(const Arguments& args) {
     if (!events.close()) {
         std::fprintf(stderr, "pelm replay: cannot write %s\n", args.option("events")->c_str());
         return 1;
+    }
+    if (report.path()) {
+        const ReportHeader header{options.recording.filename().string(),
+                                  options.recording.string() + ": " + result.summary.line(), result.start};
+        const auto length = std::chrono::duration_cast<std::chrono::milliseconds>(
+            result.timeline.empty() ? std::chrono::milliseconds(0) : result.timeline.back().at);
+        if (!report.write(htmlReport(header, result.timeline, length, result.storedVisits), error)) {
+            std::fprintf(stderr, "pelm replay: %s\n", error.c_str());
+            return 1;
+        }
+        std::printf("Report written to %s\n", report.path()->c_str());
     }
     return 0;
 }

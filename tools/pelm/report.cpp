@@ -1,17 +1,24 @@
 #include "report.hpp"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include <pelm/model/json_date_transform.hpp>
 #include <pelm/model/json_text.hpp>
 
-#include "pelm_server/text_numbers.hpp"
-
-#include <cstdio>
-#include <sstream>
+#include "timeline_output.hpp"
+#include "visit_picture.hpp"
 
 namespace pelm::cli {
 namespace {
 
-std::string escape(const std::string& text) {
+std::string escape(std::string_view text) {
     std::string out;
+    out.reserve(text.size());
     for (const char c : text) {
         switch (c) {
             case '<':
@@ -26,6 +33,9 @@ std::string escape(const std::string& text) {
             case '"':
                 out += "&quot;";
                 break;
+            case '\'':
+                out += "&#39;";
+                break;
             default:
                 out += c;
         }
@@ -33,88 +43,385 @@ std::string escape(const std::string& text) {
     return out;
 }
 
-// "Entering SUB Region: U - 1 - 11" -> (1, 11)
-std::optional<std::pair<int, int>> subRegionOf(const std::string& text, const std::string& prefix) {
-    if (text.rfind(prefix, 0) != 0) return std::nullopt;
-    const auto last = text.rfind(" - ");
-    const auto before = text.rfind(" - ", last - 1);
-    if (last == std::string::npos || before == std::string::npos) return std::nullopt;
-    const auto major =
-        server::wholeNumber(std::string_view(text).substr(before + 3, last - before - 3), 0, 65535);
-    const auto minor = server::wholeNumber(std::string_view(text).substr(last + 3), 0, 65535);
-    if (!major || !minor) return std::nullopt;
-    return std::pair{static_cast<int>(*major), static_cast<int>(*minor)};
+// SVG coordinates, one decimal.
+std::string num(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    return text;
 }
+
+// "4:05", or "1:02:05" past the hour.
+std::string clock(double seconds) {
+    const long long whole = std::llround(std::max(0.0, seconds));
+    char text[32];
+    if (whole >= 3600) {
+        std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
+    } else {
+        std::snprintf(text, sizeof text, "%lld:%02lld", whole / 60, whole % 60);
+    }
+    return text;
+}
+
+// The kinds of mark, as the page's classes and the legend name them.
+constexpr const char* kMarkNames[] = {"entry", "exit", "entry-content", "exit-content", "held-back"};
+
+const char* markName(BeaconMark::Kind kind) {
+    return kMarkNames[static_cast<int>(kind)];
+}
+
+const char* legendText(const std::string& mark) {
+    static const std::map<std::string, const char*> texts{
+        {"heard", "heard by the radio"},
+        {"signal", "signal strength (dBm)"},
+        {"entry", "sub-region entered"},
+        {"exit", "sub-region left"},
+        {"entry-content", "entry content handed over"},
+        {"exit-content", "exit content handed over"},
+        {"held-back", "held back while cooling down"},
+    };
+    return texts.at(mark);
+}
+
+// One mark's shape, centred at (x, y).
+std::string markShape(const std::string& mark, double x, double y) {
+    const std::string at = "class='mark-" + mark + "' ";
+    if (mark == "heard")
+        return "<rect " + at + "x='" + num(x - 8) + "' y='" + num(y - 3) + "' width='16' height='6'/>";
+    if (mark == "signal")
+        return "<path " + at + "d='M" + num(x - 8) + " " + num(y + 3) + " l5 -6 l5 4 l6 -5'/>";
+    if (mark == "entry") return "<path " + at + "d='M" + num(x) + " " + num(y - 5) + " l5 9 l-10 0 z'/>";
+    if (mark == "exit") return "<path " + at + "d='M" + num(x) + " " + num(y + 5) + " l5 -9 l-10 0 z'/>";
+    if (mark == "entry-content") return "<circle " + at + "cx='" + num(x) + "' cy='" + num(y) + "' r='5'/>";
+    if (mark == "exit-content")
+        return "<path " + at + "d='M" + num(x) + " " + num(y - 6) + " l6 6 l-6 6 l-6 -6 z'/>";
+    return "<g " + at + "><circle cx='" + num(x) + "' cy='" + num(y) + "' r='5'/><path d='M" + num(x - 3.5) +
+           " " + num(y + 3.5) + " l7 -7'/></g>";
+}
+
+// Ticks on the time axis: the first step that needs at most a dozen.
+double tickStep(double seconds) {
+    for (const double step : {5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0}) {
+        if (seconds / step <= 12) return step;
+    }
+    return 7200;
+}
+
+class TimelineDrawing {
+  public:
+    static constexpr double kLeft = 200, kPlot = 860, kRow = 78;
+
+    explicit TimelineDrawing(const VisitPicture& picture) : picture_(picture) { signalRange(); }
+
+    std::string svg();
+    /// The marks drawn, for the legend.
+    const std::set<std::string>& marks() const { return marks_; }
+
+  private:
+    double x(double at) const { return kLeft + at / picture_.seconds * kPlot; }
+    double y(double rssi, double top) const {
+        return top + 22 + (strongest_ - rssi) / (strongest_ - weakest_) * 48;
+    }
+    void signalRange();
+    void row(const BeaconRow& row, double top);
+    void label(const BeaconRow& row, double top);
+    void marksOf(const BeaconRow& row, double top);
+    void axis(double bottom);
+
+    const VisitPicture& picture_;
+    std::ostringstream out_;
+    std::set<std::string> marks_;
+    double weakest_ = -100, strongest_ = -40;
+};
+
+void TimelineDrawing::signalRange() {
+    double weakest = 0, strongest = -200;
+    for (const auto& row : picture_.beacons) {
+        for (const auto& line : row.signal) {
+            for (const auto& point : line) {
+                weakest = std::min(weakest, point.rssi);
+                strongest = std::max(strongest, point.rssi);
+            }
+        }
+    }
+    if (strongest < weakest) return;
+    weakest_ = std::floor(weakest / 10) * 10;
+    strongest_ = std::max(std::ceil(strongest / 10) * 10, weakest_ + 20);
+}
+
+std::string TimelineDrawing::svg() {
+    const double height = static_cast<double>(picture_.beacons.size()) * kRow + 60;
+    out_ << "<svg id='timeline' xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " << num(kLeft + kPlot + 30)
+         << " " << num(height) << "' data-left='" << kLeft << "' data-plot='" << kPlot << "' data-seconds='"
+         << num(picture_.seconds) << "'>";
+    if (picture_.visitStart) {
+        const double end = picture_.visitEnd.value_or(picture_.seconds);
+        out_ << "<rect class='visit' x='" << num(x(*picture_.visitStart)) << "' y='0' width='"
+             << num(x(end) - x(*picture_.visitStart)) << "' height='" << num(height - 60) << "'/>";
+    }
+    for (std::size_t i = 0; i < picture_.beacons.size(); ++i)
+        row(picture_.beacons[i], static_cast<double>(i) * kRow);
+    axis(height - 60);
+    out_ << "<line id='cursor' y1='0' y2='" << num(height - 60)
+         << "'/><text id='cursor-time' y='12'></text></svg>";
+    return out_.str();
+}
+
+void TimelineDrawing::row(const BeaconRow& row, double top) {
+    out_ << "<g class='beacon-row' data-beacon='" << escape(row.key.label()) << "'>";
+    out_ << "<line class='row-rule' x1='0' x2='" << num(kLeft + kPlot) << "' y1='" << num(top + kRow)
+         << "' y2='" << num(top + kRow) << "'/>";
+    label(row, top);
+    for (const auto& [from, to] : row.heard) {
+        marks_.insert("heard");
+        out_ << "<rect class='mark-heard' x='" << num(x(from)) << "' y='" << num(top + 8) << "' width='"
+             << num(std::max(1.0, x(to) - x(from))) << "' height='6'/>";
+    }
+    for (const auto& line : row.signal) {
+        marks_.insert("signal");
+        out_ << "<path class='mark-signal' d='";
+        char command = 'M';
+        for (const auto& point : line) {
+            out_ << command << num(x(point.at)) << ' ' << num(y(point.rssi, top)) << ' ';
+            command = 'L';
+        }
+        // A lone point still shows, as a dot.
+        if (line.size() == 1) out_ << "h1";
+        out_ << "'/>";
+    }
+    marksOf(row, top);
+    out_ << "</g>";
+}
+
+void TimelineDrawing::label(const BeaconRow& row, double top) {
+    out_ << "<text class='beacon-name' x='6' y='" << num(top + 24) << "'>" << escape(row.key.label())
+         << "</text>";
+    std::string devices;
+    bool lowBattery = false;
+    for (const auto& id : row.devices) {
+        devices += (devices.empty() ? "" : ", ") + id;
+        if (const auto* device = picture_.device(id); device && device->lowBattery()) lowBattery = true;
+    }
+    // The label column holds about thirty characters; several senders of one identity are counted instead.
+    if (devices.size() > 30) devices = std::to_string(row.devices.size()) + " devices";
+    out_ << "<text class='device' x='6' y='" << num(top + 40) << "'>" << escape(devices) << "</text>";
+    if (lowBattery)
+        out_ << "<text class='low-battery' x='6' y='" << num(top + 56) << "'>⚠ battery low</text>";
+    // The signal's scale, in dBm.
+    for (const double rssi : {strongest_, weakest_}) {
+        out_ << "<text class='dbm' x='" << num(kLeft - 4) << "' y='" << num(y(rssi, top) + 4) << "'>"
+             << static_cast<int>(rssi) << " dBm</text>";
+    }
+}
+
+void TimelineDrawing::marksOf(const BeaconRow& row, double top) {
+    // Content names are written beside their marks, each on the first line where it overlaps no other.
+    std::vector<double> lineEnds;
+    for (const auto& mark : row.marks) {
+        const std::string name = markName(mark.kind);
+        marks_.insert(name);
+        const bool content =
+            mark.kind == BeaconMark::Kind::EntryContent || mark.kind == BeaconMark::Kind::ExitContent;
+        const double markY = content                                   ? top + 30
+                             : mark.kind == BeaconMark::Kind::HeldBack ? top + 22
+                                                                       : top + 11;
+        out_ << markShape(name, x(mark.at), markY);
+        if (!content && mark.kind != BeaconMark::Kind::HeldBack) continue;
+        // A name that would run off the right edge is written to the left of its mark.
+        const double width = 6.2 * static_cast<double>(mark.text.size());
+        const bool leftward = x(mark.at) + 8 + width > kLeft + kPlot + 20;
+        const double textX = leftward ? x(mark.at) - 8 : x(mark.at) + 8;
+        const double from = leftward ? textX - width : x(mark.at) - 6;
+        std::size_t line = 0;
+        while (line < lineEnds.size() && lineEnds[line] > from) ++line;
+        if (line == lineEnds.size()) lineEnds.push_back(0);
+        lineEnds[line] = leftward ? x(mark.at) + 6 : textX + width;
+        out_ << "<text class='mark-name" << (leftward ? " leftward" : "") << "' x='" << num(textX) << "' y='"
+             << num(markY + 4 + 13.0 * static_cast<double>(line)) << "'>" << escape(mark.text) << "</text>";
+    }
+}
+
+void TimelineDrawing::axis(double bottom) {
+    const double step = tickStep(picture_.seconds);
+    out_ << "<g class='axis'><line x1='" << num(kLeft) << "' x2='" << num(kLeft + kPlot) << "' y1='"
+         << num(bottom) << "' y2='" << num(bottom) << "'/>";
+    for (double at = 0; at <= picture_.seconds + 1e-9; at += step) {
+        out_ << "<line class='tick' x1='" << num(x(at)) << "' x2='" << num(x(at)) << "' y1='0' y2='"
+             << num(bottom + 4) << "'/><text x='" << num(x(at)) << "' y='" << num(bottom + 18) << "'>"
+             << clock(at) << "</text>";
+    }
+    out_ << "<text class='axis-title' x='" << num(kLeft + kPlot / 2) << "' y='" << num(bottom + 40)
+         << "'>time since the start (minutes:seconds)</text></g>";
+}
+
+std::string legend(const std::set<std::string>& drawn) {
+    std::ostringstream out;
+    out << "<div id='legend'>";
+    for (const char* mark :
+         {"heard", "signal", "entry", "exit", "entry-content", "exit-content", "held-back"}) {
+        if (!drawn.count(mark)) continue;
+        out << "<span class='legend-item' data-mark='" << mark
+            << "'><svg viewBox='0 0 24 16' width='24' height='16'>" << markShape(mark, 12, 8) << "</svg>"
+            << legendText(mark) << "</span>";
+    }
+    out << "</div>";
+    return out.str();
+}
+
+std::string uploadText(const VisitPicture& picture, const JSON& storedVisits) {
+    switch (picture.upload) {
+        case VisitPicture::Upload::Succeeded: {
+            const auto stored = storedVisits.is_array() ? storedVisits.size() : 0;
+            return stored ? "uploaded; the server stored " + std::to_string(stored) + " visit" +
+                                (stored == 1 ? "" : "s")
+                          : "uploaded";
+        }
+        case VisitPicture::Upload::Failed:
+            return "failed";
+        case VisitPicture::Upload::None:
+            break;
+    }
+    return "not uploaded";
+}
+
+std::string summary(const ReportHeader& header, const VisitPicture& picture, const JSON& storedVisits) {
+    std::ostringstream out;
+    out << "<section id='summary'><dl>";
+    out << "<dt>Store</dt><dd>" << escape(header.store) << "</dd>";
+    out << "<dt>Visit</dt><dd>";
+    if (picture.visitStart) {
+        const double end = picture.visitEnd.value_or(picture.seconds);
+        const auto startedAt =
+            header.start + std::chrono::milliseconds(std::llround(*picture.visitStart * 1000));
+        out << clock(end - *picture.visitStart) << " (from " << escape(dateDescription(startedAt))
+            << (picture.visitEnd ? "" : ", not left by the end") << ")";
+    } else {
+        out << "the store's region was never entered";
+    }
+    out << "</dd><dt>Beacons met</dt><dd>" << picture.beaconsMet() << " of " << picture.beacons.size()
+        << " heard";
+    if (picture.otherBeacons) out << " (and " << picture.otherBeacons << " of other apps)";
+    out << "</dd><dt>Contents handed over</dt><dd>";
+    if (picture.contents.empty()) out << "none";
+    for (std::size_t i = 0; i < picture.contents.size(); ++i) {
+        const auto& handed = picture.contents[i];
+        out << (i ? ", " : "") << "<span class='content'>" << escape(handed.name) << "</span>";
+        if (!handed.displayType.empty() || handed.beacon) {
+            out << " (" << escape(handed.displayType)
+                << (handed.beacon ? (handed.displayType.empty() ? "" : ", ") + handed.beacon->label() : "")
+                << ")";
+        }
+    }
+    out << "</dd><dt>Held back</dt><dd>" << picture.heldBack << "</dd>";
+    out << "<dt>Upload</dt><dd class='upload'>" << escape(uploadText(picture, storedVisits))
+        << "</dd></dl></section>";
+    return out.str();
+}
+
+std::string devicesTable(const VisitPicture& picture) {
+    std::ostringstream out;
+    out << "<h2>Devices discovered</h2>";
+    if (picture.devices.empty()) return out.str() + "<p>Discovery reported none.</p>";
+    out << "<table id='devices'><tr><th>device</th><th>battery</th><th>firmware</th><th>tx power</th>"
+           "<th>signal</th><th>seen</th></tr>";
+    for (const auto& device : picture.devices) {
+        out << "<tr" << (device.lowBattery() ? " class='low-battery'" : "") << "><td>" << escape(device.id)
+            << "</td><td>" << (device.lowBattery() ? "⚠ " : "") << device.battery << " %</td><td>"
+            << escape(device.firmware.empty() ? "-" : device.firmware) << "</td><td>"
+            << device.transmissionPower << "</td><td>" << device.weakest << " to " << device.strongest
+            << " dBm</td><td>" << clock(device.firstSeen) << " to " << clock(device.lastSeen) << "</td></tr>";
+    }
+    return out.str() + "</table>";
+}
+
+std::string eventsTable(const std::vector<TimelineEvent>& events) {
+    std::ostringstream out;
+    out << "<details><summary>What the host app was told</summary><table id='events'>";
+    for (const auto& event : events) {
+        if (event.kind == TimelineEvent::Kind::Heard || event.kind == TimelineEvent::Kind::Devices) continue;
+        const char* kind = event.kind == TimelineEvent::Kind::Content ? "content"
+                           : event.critical                           ? "critical"
+                                                                      : "";
+        out << "<tr class='" << kind << "'><td>" << clockText(event.at) << "</td><td>" << escape(event.text)
+            << "</td></tr>";
+    }
+    return out.str() + "</table></details>";
+}
+
+constexpr const char* kStyle = R"(
+body{font-family:system-ui,sans-serif;margin:2em;color:#222;max-width:1200px}
+h1{margin-bottom:0}.source{color:#666;margin-top:.2em}
+#summary dl{display:grid;grid-template-columns:max-content 1fr;gap:.3em 1.2em}
+#summary dt{font-weight:bold}.content{font-weight:bold;color:#b35900}
+#legend{margin:1em 0;display:flex;flex-wrap:wrap;gap:.4em 1.4em}.legend-item svg{vertical-align:middle;margin-right:.3em}
+svg text{font-size:11px}.beacon-name{font-size:14px;font-weight:bold}.device{fill:#555}
+.low-battery,.low-battery td{fill:#c0392b;color:#c0392b;font-weight:bold}
+.dbm{fill:#888;text-anchor:end}.axis text{text-anchor:middle;fill:#555}.axis .axis-title{font-size:12px;fill:#222}
+.axis line{stroke:#999}.axis .tick{stroke:#eee}.row-rule{stroke:#ddd}.visit{fill:#f4f8fc}
+.mark-heard{fill:#9cc3e6}.mark-signal{fill:none;stroke:#1f5f99;stroke-width:1.5}
+.mark-entry{fill:#2a9d3f}.mark-exit{fill:#c0392b}.mark-entry-content{fill:#e67e22}.mark-exit-content{fill:#8e44ad}
+.mark-held-back circle{fill:#fff;stroke:#7f8c8d;stroke-width:1.5}.mark-held-back path{stroke:#7f8c8d;stroke-width:1.5}
+.mark-name{fill:#333}.leftward{text-anchor:end}#cursor{stroke:#333;stroke-dasharray:3 3;display:none}#cursor-time{display:none}
+table{border-collapse:collapse}td,th{padding:2px 10px;text-align:left}tr.content{color:#b35900;font-weight:bold}
+tr.critical{color:#c0392b}
+)";
+
+// A cursor that follows the pointer over the timeline and tells the time under it.
+constexpr const char* kScript = R"(
+(function () {
+  const svg = document.getElementById('timeline');
+  if (!svg) return;
+  const cursor = document.getElementById('cursor'), label = document.getElementById('cursor-time');
+  const left = Number(svg.dataset.left), plot = Number(svg.dataset.plot), seconds = Number(svg.dataset.seconds);
+  const clock = s => { s = Math.round(s); const m = Math.floor(s / 60), r = s % 60;
+    return (m >= 60 ? Math.floor(m / 60) + ':' + String(m % 60).padStart(2, '0') : m) + ':' + String(r).padStart(2, '0'); };
+  const hide = () => { cursor.style.display = 'none'; label.style.display = 'none'; };
+  svg.addEventListener('mousemove', event => {
+    const box = svg.getBoundingClientRect();
+    const x = (event.clientX - box.left) * svg.viewBox.baseVal.width / box.width;
+    if (x < left || x > left + plot) return hide();
+    cursor.setAttribute('x1', x); cursor.setAttribute('x2', x);
+    label.setAttribute('x', x + 4); label.textContent = clock((x - left) / plot * seconds);
+    cursor.style.display = 'inline'; label.style.display = 'inline';
+  });
+  svg.addEventListener('mouseleave', hide);
+})();
+)";
 
 }  // namespace
 
-std::string htmlReport(const platform::Scenario& scenario, const SimulationResult& result) {
-    constexpr int kLeft = 150, kWidth = 900, kRow = 30;
-    const double seconds = std::max<double>(1.0, static_cast<double>(result.simulated.count()) / 1000.0);
-    const auto x = [&](double at) { return kLeft + at / seconds * kWidth; };
-    const int rows = static_cast<int>(scenario.beacons.size()) + 1;
-    std::ostringstream svg;
-    svg << "<svg xmlns='http://www.w3.org/2000/svg' width='" << kLeft + kWidth + 20 << "' height='"
-        << rows * kRow + 40 << "' font-family='sans-serif' font-size='12'>";
-    for (int minute = 0; minute <= seconds / 60; ++minute) {
-        svg << "<line x1='" << x(minute * 60) << "' y1='0' x2='" << x(minute * 60) << "' y2='" << rows * kRow
-            << "' stroke='#ddd'/><text x='" << x(minute * 60) + 2 << "' y='" << rows * kRow + 15
-            << "' fill='#666'>" << minute << " min</text>";
-    }
-    for (std::size_t i = 0; i < scenario.beacons.size(); ++i) {
-        const auto& beacon = scenario.beacons[i];
-        const int top = static_cast<int>(i) * kRow;
-        svg << "<text x='4' y='" << top + 19 << "'>" << escape(beacon.name) << " (" << beacon.major << "/"
-            << beacon.minor << ")</text>";
-        if (i < result.heardSeconds.size()) {
-            for (const auto second : result.heardSeconds[i]) {
-                svg << "<rect x='" << x(static_cast<double>(second)) << "' y='" << top + 8 << "' width='"
-                    << std::max(1.0, kWidth / seconds) << "' height='14' fill='#9cc3e6'/>";
-            }
-        }
-        for (const auto& event : result.timeline) {
-            const bool entry = subRegionOf(event.text, "Entering SUB Region: ").has_value();
-            const auto region = entry ? subRegionOf(event.text, "Entering SUB Region: ")
-                                      : subRegionOf(event.text, "Exiting SUB Region: ");
-            if (!region || region->first != beacon.major || region->second != beacon.minor) continue;
-            const double at = static_cast<double>(event.at.count()) / 1000.0;
-            // Entries point up, exits point down.
-            const int tip = entry ? top + 4 : top + 22;
-            const int base = entry ? 11 : -11;
-            svg << "<path d='M" << x(at) << " " << tip << " l5 " << base << " l-10 0 z' fill='"
-                << (entry ? "#2a9d3f" : "#c0392b") << "'><title>" << escape(event.text) << "</title></path>";
-        }
-    }
-    const int contentTop = static_cast<int>(scenario.beacons.size()) * kRow;
-    svg << "<text x='4' y='" << contentTop + 19 << "' font-weight='bold'>content</text>";
-    for (const auto& event : result.timeline) {
-        if (event.kind != TimelineEvent::Kind::Content) continue;
-        const double at = static_cast<double>(event.at.count()) / 1000.0;
-        svg << "<circle cx='" << x(at) << "' cy='" << contentTop + 15 << "' r='6' fill='#e67e22'><title>"
-            << escape(event.text) << "</title></circle>";
-    }
-    svg << "</svg>";
-
+std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
+                       std::chrono::milliseconds length, const JSON& storedVisits) {
+    const auto picture = pictureOf(events, length);
+    TimelineDrawing drawing(picture);
+    const auto timeline = drawing.svg();
     std::ostringstream page;
-    page << "<!DOCTYPE html><html><head><meta charset='utf-8'><title>pelm simulate: " << escape(scenario.name)
-         << "</title><style>body{font-family:sans-serif;margin:2em}td{padding:2px 8px}"
-            "tr.c{color:#b35900;font-weight:bold}tr.x{color:#c0392b}</style></head><body><h1>"
-         << escape(scenario.name) << "</h1><p>" << result.advertisements << " advertisements, "
-         << result.timeline.size()
-         << " events. Blue: heard by the radio; green and red: sub-region entry and exit; "
-         << "orange: content handed to the app (hover for details).</p>" << svg.str()
-         << "<h2>Timeline</h2><table>";
-    for (const auto& event : result.timeline) {
-        char clock[32];
-        std::snprintf(clock, sizeof clock, "%02lld:%04.1f", static_cast<long long>(event.at.count() / 60000),
-                      static_cast<double>(event.at.count() % 60000) / 1000.0);
-        const char* cls = event.kind == TimelineEvent::Kind::Content ? "c" : event.critical ? "x" : "";
-        page << "<tr class='" << cls << "'><td>" << clock << "</td><td>" << escape(event.text)
-             << "</td></tr>";
+    page << "<!DOCTYPE html><html lang='en'><head><meta charset='utf-8'><title>" << escape(header.store)
+         << ": visit report</title><style>" << kStyle << "</style></head><body><h1>" << escape(header.store)
+         << "</h1><p class='source'>" << escape(header.source) << "</p>"
+         << summary(header, picture, storedVisits) << "<h2>Beacons</h2>" << legend(drawing.marks())
+         << timeline << devicesTable(picture) << eventsTable(events);
+    if (storedVisits.is_array() && !storedVisits.empty()) {
+        page << "<details><summary>The visit as the server stored it</summary><pre>"
+             << escape(jsonText(storedVisits, 2)) << "</pre></details>";
     }
-    page << "</table><h2>Stored visit</h2><pre>" << escape(jsonText(result.storedVisits, 2))
-         << "</pre></body></html>\n";
+    page << "<script>" << kScript << "</script></body></html>\n";
     return page.str();
+}
+
+bool ReportFile::open(const std::optional<std::string>& path, std::string& error) {
+    path_ = path;
+    if (!path) return true;
+    out_.open(*path, std::ios::trunc);
+    if (!out_) error = "cannot write " + *path;
+    return static_cast<bool>(out_);
+}
+
+bool ReportFile::write(const std::string& html, std::string& error) {
+    if (!path_) return true;
+    out_ << html;
+    out_.close();
+    if (!out_) error = "cannot write " + *path_;
+    return static_cast<bool>(out_);
 }
 
 }  // namespace pelm::cli

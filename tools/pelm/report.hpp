@@ -1,13 +1,46 @@
 #pragma once
 
+#include <chrono>
+#include <fstream>
+#include <optional>
 #include <string>
+#include <vector>
 
-#include "simulation.hpp"
+#include <pelm/model/json_binding.hpp>
+
+#include "visit_harness.hpp"
 
 namespace pelm::cli {
 
-/// A self-contained HTML page: an SVG timeline with one row per beacon (when the radio heard it, sub-region
-/// entries and exits) and a row of content handed over, followed by the timeline as a table.
-std::string htmlReport(const platform::Scenario& scenario, const SimulationResult& result);
+/// What a report says about its run before the events do.
+struct ReportHeader {
+    /// The store: a scenario's name, or the recording's file name.
+    std::string store;
+    /// Where the beacons came from, one line.
+    std::string source;
+    /// The instant the run started at; the events count from it.
+    Date start{};
+};
+
+/// A self-contained HTML page read off the same events as --events: a summary of the visit, one row per
+/// beacon (when the radio heard it, its signal in dBm, the entries, exits, content and hold-backs the host
+/// app was told of), the devices discovery reported with low batteries flagged, and the timeline as a table.
+/// The signal is thinned, so a page of a two-hour recording stays small.
+std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
+                       std::chrono::milliseconds length, const JSON& storedVisits);
+
+/// --report FILE, opened before the run so that a path that cannot be written fails before the wait.
+class ReportFile {
+  public:
+    /// Nothing is written without a path. False (with `error` set) when the file cannot be made.
+    bool open(const std::optional<std::string>& path, std::string& error);
+    /// Writes the page; false (with `error` set) when the write failed.
+    bool write(const std::string& html, std::string& error);
+    const std::optional<std::string>& path() const { return path_; }
+
+  private:
+    std::optional<std::string> path_;
+    std::ofstream out_;
+};
 
 }  // namespace pelm::cli

@@ -69,7 +69,9 @@ int simulateCommand(const Arguments& args) {
     }
     TimelinePrinter printer(*nearby);
     EventsFile events;
-    if (std::string failure; !events.open(args.option("events"), failure)) {
+    ReportFile report;
+    if (std::string failure;
+        !events.open(args.option("events"), failure) || !report.open(args.option("report"), failure)) {
         std::fprintf(stderr, "pelm simulate: %s\n", failure.c_str());
         return 1;
     }
@@ -110,14 +112,18 @@ int simulateCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm simulate: cannot write %s\n", args.option("events")->c_str());
         return 1;
     }
-    if (const auto report = args.option("report")) {
-        std::ofstream out(*report);
-        out << htmlReport(options.scenario, result);
-        if (!out) {
-            std::fprintf(stderr, "pelm simulate: cannot write %s\n", report->c_str());
+    if (report.path()) {
+        const ReportHeader header{options.scenario.name,
+                                  "A simulated walk of " + clockText(options.scenario.duration()) +
+                                      ", seed " + std::to_string(options.seed),
+                                  result.start};
+        std::string failure;
+        if (!report.write(htmlReport(header, result.timeline, result.simulated, result.storedVisits),
+                          failure)) {
+            std::fprintf(stderr, "pelm simulate: %s\n", failure.c_str());
             return 1;
         }
-        std::printf("Report written to %s\n", report->c_str());
+        std::printf("Report written to %s\n", report.path()->c_str());
     }
     return 0;
 }

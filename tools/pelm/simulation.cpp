@@ -21,17 +21,12 @@ SimulationResult runSimulation(
     result.configured = result.failure.empty();
     if (result.configured) {
         platform::SimulatedStore store(options.scenario, options.seed);
-        result.heardSeconds.resize(options.scenario.beacons.size());
-        store.onHeard = [&](std::size_t index, std::chrono::milliseconds at, int) {
-            auto& seconds = result.heardSeconds[index];
-            const auto second = at.count() / 1000;
-            if (seconds.empty() || seconds.back() != second) seconds.push_back(second);
-        };
+        const auto hear = [&harness](const platform::HeardAdvertisement& heard) { harness.hear(heard); };
         // Walk, then wait long enough for the store's region to be left and the visit uploaded.
         const auto end = options.scenario.duration() + 40s;
         constexpr auto step = 100ms;
         for (std::chrono::milliseconds t{0}; t <= end; t += step) {
-            store.advertiseUntil(t, harness.engine());
+            store.advertiseUntil(t, hear);
             harness.loop().advance(step);
             if (options.speed > 0) {
                 std::this_thread::sleep_for(

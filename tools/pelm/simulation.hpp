@@ -32,8 +32,6 @@ struct SimulationResult {
     JSON storedVisits = JSON::array();
     std::chrono::milliseconds simulated{0};
     std::uint64_t advertisements = 0;
-    /// For each beacon of the scenario, the whole seconds in which the radio heard it.
-    std::vector<std::vector<std::int64_t>> heardSeconds;
     std::string failure;
 };
 

@@ -95,6 +95,8 @@ std::optional<NearbyLines> nearbyLines(const std::string& text) {
 }
 
 void TimelinePrinter::print(const TimelineEvent& event) {
+    // What the radio heard is for the report and the events file; the host app never sees it.
+    if (event.kind == TimelineEvent::Kind::Heard) return;
     if (event.kind == TimelineEvent::Kind::Devices && !shows(event)) return;
     std::printf("  [%s] %s %s\n", clockText(event.at).c_str(), label(event), event.text.c_str());
     std::fflush(stdout);

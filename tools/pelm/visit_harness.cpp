@@ -2,8 +2,12 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <filesystem>
+#include <map>
+#include <tuple>
 
+#include <pelm/platform/ble/ibeacon_advertisement.hpp>
 #include <pelm/platform/linux/curl_transport.hpp>
 #include <pelm/platform/platform.hpp>
 #include <pelm/platform/sim/fixed_identity.hpp>
@@ -53,28 +57,62 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate, public platform
         add(std::move(event));
     }
 
+    /// Adds an iBeacon advertisement heard now to the current second's sums.
+    void heard(const platform::HeardAdvertisement& advertisement, const platform::IBeaconFrame& frame) {
+        const auto now = loop_->now();
+        flushHeard(now);
+        if (pending_.empty())
+            windowEnd_ =
+                start_ + std::chrono::floor<std::chrono::seconds>(now - start_) + std::chrono::seconds(1);
+        auto& sum = pending_[{frame.proximityUUID.uuidString(), frame.major, frame.minor,
+                              advertisement.uniqueID.value_or(advertisement.address)}];
+        sum.rssi += advertisement.rssi;
+        ++sum.count;
+    }
+    /// The second summed up so far becomes a Heard event once it is over, or at the end of the run.
+    void flushHeard(Date now, bool force = false) {
+        if (pending_.empty() || (now < windowEnd_ && !force)) return;
+        TimelineEvent event = make(TimelineEvent::Kind::Heard, windowEnd_);
+        for (const auto& [key, sum] : pending_) {
+            const auto& [uuid, major, minor, device] = key;
+            event.signals.push_back({uuid, major, minor, device,
+                                     static_cast<int>(std::lround(static_cast<double>(sum.rssi) / sum.count)),
+                                     sum.count});
+        }
+        pending_.clear();
+        record(std::move(event));
+    }
+
     std::vector<TimelineEvent> events;
 
   private:
-    TimelineEvent make(TimelineEvent::Kind kind) const {
-        const auto now = loop_->now();
-        return {std::chrono::duration_cast<std::chrono::milliseconds>(now - start_),
-                kind,
-                {},
-                false,
-                {},
-                {},
-                {},
-                {},
-                now};
+    struct Sum {
+        long long rssi = 0;
+        int count = 0;
+    };
+
+    TimelineEvent make(TimelineEvent::Kind kind) const { return make(kind, loop_->now()); }
+    TimelineEvent make(TimelineEvent::Kind kind, Date when) const {
+        TimelineEvent event{};
+        event.at = std::chrono::duration_cast<std::chrono::milliseconds>(when - start_);
+        event.kind = kind;
+        event.when = when;
+        return event;
     }
+    // What the radio heard comes first, so that the events stay in time order.
     void add(TimelineEvent event) {
+        flushHeard(event.when);
+        record(std::move(event));
+    }
+    void record(TimelineEvent event) {
         events.push_back(std::move(event));
         if (onEvent_) onEvent_(events.back());
     }
     std::shared_ptr<platform::VirtualLoop> loop_;
     Date start_;
     std::function<void(const TimelineEvent&)> onEvent_;
+    std::map<std::tuple<std::string, int, int, std::string>, Sum> pending_;
+    Date windowEnd_{};
 };
 
 VisitHarness::VisitHarness(const ServerChoice& server, Date start,
@@ -126,10 +164,17 @@ VisitHarness::~VisitHarness() {
     finish();
 }
 
+void VisitHarness::hear(const platform::HeardAdvertisement& advertisement) {
+    if (const auto frame = platform::parseIBeacon(advertisement.data))
+        recorder_->heard(advertisement, *frame);
+    engine_->hear(advertisement);
+}
+
 void VisitHarness::finish() {
     if (finished_) return;
     finished_ = true;
     loop_->runUntilIdle();
+    recorder_->flushHeard(loop_->now(), true);
     manager_.reset();
     if (platform::current() == services_) platform::install(nullptr);
     services_.reset();
@@ -181,6 +226,20 @@ JSON eventJSON(const TimelineEvent& event) {
             line["kind"] = "log";
             line["text"] = event.text;
             break;
+        case TimelineEvent::Kind::Heard: {
+            line["kind"] = "heard";
+            JSON beacons = JSON::array();
+            for (const auto& signal : event.signals) {
+                beacons.push_back({{"uuid", signal.uuid},
+                                   {"major", signal.major},
+                                   {"minor", signal.minor},
+                                   {"device", signal.device},
+                                   {"rssi", signal.rssi},
+                                   {"advertisements", signal.advertisements}});
+            }
+            line["beacons"] = std::move(beacons);
+            break;
+        }
     }
     return line;
 }

@@ -21,16 +21,28 @@ class PelmServer;
 
 namespace pelm::cli {
 
-/// One thing the host app saw, `at` after the start of the run.
+/// What the radio heard of one beacon device during one second: the mean signal of its advertisements.
+struct HeardSignal {
+    std::string uuid;
+    int major = 0, minor = 0;
+    /// The device's unique id when it tells one, its address otherwise.
+    std::string device;
+    int rssi = 0;
+    int advertisements = 0;
+};
+
+/// One thing the host app saw, `at` after the start of the run; or (Heard) what the radio heard in the
+/// second before `at`, which the host app never sees but a picture of the visit needs.
 struct TimelineEvent {
     std::chrono::milliseconds at;
-    enum class Kind { Content, Status, Devices, Log } kind;
+    enum class Kind { Content, Status, Devices, Log, Heard } kind;
     std::string text;
     bool critical = false;
     std::optional<std::int64_t> contentId;
     std::optional<std::string> contentName;
     std::optional<std::string> displayType;
     std::vector<DiscoveredBeacon> devices;
+    std::vector<HeardSignal> signals;
     /// The virtual instant itself.
     Date when{};
 };
@@ -55,7 +67,9 @@ class VisitHarness {
     /// Empty once the configuration was fetched and monitoring runs; otherwise why not.
     const std::string& failure() const { return failure_; }
     platform::VirtualLoop& loop() { return *loop_; }
-    platform::RegionEngine& engine() { return *engine_; }
+    /// One advertisement for the region engine, heard now; iBeacons are also summed up, a Heard event a
+    /// second.
+    void hear(const platform::HeardAdvertisement& advertisement);
     Date start() const { return start_; }
 
     /// Ends the run: the beacon manager and the platform go, calls in flight complete. Then the events and,

@@ -215,6 +215,11 @@ std::optional<int> SimulatedStore::received(std::size_t index, milliseconds at) 
 }
 
 void SimulatedStore::advertiseUntil(milliseconds elapsed, RegionEngine& engine) {
+    advertiseUntil(elapsed, [&engine](const HeardAdvertisement& heard) { engine.hear(heard); });
+}
+
+void SimulatedStore::advertiseUntil(milliseconds elapsed,
+                                    const std::function<void(const HeardAdvertisement&)>& hear) {
     for (std::size_t i = 0; i < scenario_.beacons.size(); ++i) {
         const auto& beacon = scenario_.beacons[i];
         while (nextAdvertisement_[i] <= elapsed) {
@@ -229,7 +234,7 @@ void SimulatedStore::advertiseUntil(milliseconds elapsed, RegionEngine& engine) 
                 heard.batteryLevel = beacon.battery;
                 heard.transmissionPower = beacon.transmissionPower;
                 if (onHeard) onHeard(i, nextAdvertisement_[i], *rssi);
-                engine.hear(heard);
+                hear(heard);
             }
             nextAdvertisement_[i] += beacon.interval;
         }

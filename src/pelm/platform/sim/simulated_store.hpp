@@ -62,6 +62,9 @@ class SimulatedStore {
     const Scenario& scenario() const { return scenario_; }
     /// Hands the engine every advertisement sent up to `elapsed` after the start that the radio hears.
     void advertiseUntil(std::chrono::milliseconds elapsed, RegionEngine& engine);
+    /// The same, handing each advertisement the radio hears to `hear`.
+    void advertiseUntil(std::chrono::milliseconds elapsed,
+                        const std::function<void(const HeardAdvertisement&)>& hear);
     /// The signal strength of beacon `index` at the shopper's position at `at`; none when not heard.
     std::optional<int> received(std::size_t index, std::chrono::milliseconds at);
     std::uint64_t advertisementsSent() const { return sent_; }
