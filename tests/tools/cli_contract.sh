@@ -62,4 +62,21 @@ for signal in INT TERM; do
   rc=$?
   [ "$rc" -eq 0 ] || { echo "status --watch exited $rc on SIG$signal"; exit 1; }
 done
+# Against a server of its own: a refused token is named as such, and the CA given to setup is remembered
+# for the app in the tool's own file, so a later call needs no --ca.
+port=$((20000 + RANDOM % 20000))
+mkdir -p "$work/server"
+(cd "$work/server" && exec "$pelm" serve --port "$port") >"$work/server.txt" 2>&1 &
+server=$!
+trap 'kill $server 2>/dev/null' EXIT
+for _ in $(seq 200); do grep -q "Ctrl-C stops it" "$work/server.txt" && break; sleep 0.05; done
+ca="$work/server/pelm-server-certificate/ca.pem"
+shop=(--config-dir "$work/shop" --app shop)
+expect 1 "pelm setup: the server refused the app token (HTTP 401)" \
+  "$pelm" setup --token wrong --host "localhost:$port" --ca "$ca" "${shop[@]}"
+"$pelm" setup --token demo-token --host "localhost:$port" "${shop[@]}" >/dev/null 2>&1 ||
+  { echo "setup without --ca did not use the remembered CA"; exit 1; }
+"$pelm" call app-config "${shop[@]}" 2>/dev/null | grep -q '"successful": true' ||
+  { echo "call without --ca did not use the remembered CA"; exit 1; }
+grep -q ca_file "$work/shop/shop.json" && { echo "the CA landed among the library's settings"; exit 1; }
 echo "the tool keeps its contract"

@@ -85,6 +85,7 @@ int callCommand(const Arguments& args) {
         return 1;
     }
     std::cout << jsonText(*result, 2) << "\n";
+    if (const auto refusal = tokenRefusal()) std::fprintf(stderr, "pelm call: %s\n", refusal->c_str());
     return result->begin()->get<bool>() ? 0 : 1;
 }
 

@@ -38,12 +38,19 @@ inline constexpr int kExitUnreachable = 3;
 
 /// The Linux platform for --app, --config-dir and --ca, installed, with its run loop.
 std::shared_ptr<platform::Platform> installPlatform(const Arguments& args);
+/// The CA file `pelm setup --ca` remembered for the app, which later commands trust without --ca.
+std::optional<std::string> rememberedCA(const Arguments& args);
+/// Remembers `ca` (made absolute) for the app; why not, when it cannot be read.
+std::optional<std::string> rememberCA(const Arguments& args, const std::string& ca);
+/// "the server refused the app token (HTTP 401)" once any reply through installPlatform's transport was a
+/// 401 or 403.
+std::optional<std::string> tokenRefusal();
 /// Runs the installed platform's loop until `done()` holds; false after `timeout`.
 bool runUntil(const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
-/// Prints the four stored settings; the app token masked unless `showToken`.
-void printSettings(const SettingsManager& settings, bool showToken);
+/// Prints the four stored settings, the app token masked unless --show-token, and the CA the tool remembers.
+void printSettings(const SettingsManager& settings, const Arguments& args);
 
 int settingsCommand(const Arguments& args);
 int setupCommand(const Arguments& args);

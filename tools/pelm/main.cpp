@@ -24,7 +24,9 @@ struct Command {
 
 const Option kApp{"app", "NAME", "whose settings to use (default: pelm)"};
 const Option kConfigDir{"config-dir", "DIR", "where the settings file lives (default: ~/.config/pelm)"};
-const Option kCa{"ca", "FILE", "also trust this certificate authority (pelm serve prints it)"};
+const Option kCa{
+    "ca", "FILE",
+    "also trust this certificate authority (pelm serve prints it); setup remembers it for the app"};
 const Option kHost{"host", "H", "the content server, as host or host:port"};
 const Option kToken{"token", "T", "the app token"};
 const Option kSpeed{"speed", "X", "time runs X times faster than real (default: as fast as it can)"};

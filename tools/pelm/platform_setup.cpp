@@ -1,22 +1,77 @@
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
+#include <pelm/platform/linux/file_key_value_store.hpp>
 #include <pelm/platform/linux/linux_platform.hpp>
 #include <pelm/platform/run_loop.hpp>
 
 #include "cli.hpp"
+#include "refusal_watch.hpp"
 #include "token_mask.hpp"
 
 namespace pelm::cli {
+namespace {
 
-std::shared_ptr<platform::Platform> installPlatform(const Arguments& args) {
+std::shared_ptr<RefusalWatch>& watch() {
+    static std::shared_ptr<RefusalWatch> installed;
+    return installed;
+}
+
+constexpr const char* kCAKey = "ca_file";
+
+platform::LinuxPlatformOptions platformOptions(const Arguments& args) {
     platform::LinuxPlatformOptions options;
     options.appName = args.option("app").value_or("");
     if (auto dir = args.option("config-dir")) options.configDirectory = *dir;
-    if (auto ca = args.option("ca")) options.extraCABundle = *ca;
     options.appVersion = "pelm-cli";
+    return options;
+}
+
+// What the tool remembers for an app, in its own file beside the library's settings ("shop.json" and
+// "shop.cli"), so that nothing of the tool's lands among the keys the library reads.
+platform::FileKeyValueStore toolFile(const Arguments& args) {
+    auto path = platform::settingsFilePath(platformOptions(args));
+    path.replace_extension(".cli");
+    return platform::FileKeyValueStore(path);
+}
+
+}  // namespace
+
+std::optional<std::string> rememberedCA(const Arguments& args) {
+    return toolFile(args).get(kCAKey);
+}
+
+std::optional<std::string> rememberCA(const Arguments& args, const std::string& ca) {
+    if (!std::ifstream(ca)) return "--ca " + ca + ": cannot read it";
+    std::error_code ignored;
+    toolFile(args).set(kCAKey, std::filesystem::absolute(ca, ignored).string());
+    return std::nullopt;
+}
+
+std::shared_ptr<platform::Platform> installPlatform(const Arguments& args) {
+    auto options = platformOptions(args);
+    if (auto ca = args.option("ca")) {
+        options.extraCABundle = *ca;
+    } else if (auto remembered = rememberedCA(args)) {
+        if (!std::ifstream(*remembered)) {
+            std::fprintf(stderr,
+                         "pelm: the CA remembered for this app, %s, cannot be read; give --ca again\n",
+                         remembered->c_str());
+        }
+        options.extraCABundle = *remembered;
+    }
     auto services = platform::makeLinuxPlatform(options);
+    watch() = std::make_shared<RefusalWatch>(services->http);
+    services->http = watch();
     platform::install(services);
     return services;
+}
+
+std::optional<std::string> tokenRefusal() {
+    const auto status = watch() ? watch()->refused() : std::nullopt;
+    if (!status) return std::nullopt;
+    return "the server refused the app token (HTTP " + std::to_string(*status) + ")";
 }
 
 bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
@@ -24,16 +79,18 @@ bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeo
     return loop != nullptr && loop->runUntil(done, timeout);
 }
 
-void printSettings(const SettingsManager& settings, bool showToken) {
+void printSettings(const SettingsManager& settings, const Arguments& args) {
     const auto show = [](const std::string& key, const std::optional<std::string>& value) {
         std::printf("  %-22s %s\n", key.c_str(), value ? ("\"" + *value + "\"").c_str() : "(not set)");
     };
     auto token = settings.appToken();
-    if (token && !showToken) token = maskedToken(*token) + " (--show-token shows it whole)";
+    if (token && !args.flag("show-token")) token = maskedToken(*token) + " (--show-token shows it whole)";
     show(settings.appTokenKey, token);
     show(settings.apiHostKey, settings.apiHost());
     show(settings.defaultBeaconUUIDKey, settings.defaultBeaconUUID());
     show(settings.kontaktIoAPIKeyKey, settings.kontaktIoAPIKey());
+    if (const auto ca = rememberedCA(args))
+        std::printf("  %-22s %s (pelm's own; used when --ca is not given)\n", "CA", ca->c_str());
 }
 
 }  // namespace pelm::cli

@@ -16,7 +16,7 @@ int settingsCommand(const Arguments& args) {
     const auto file = platform::settingsFilePath(options);
     std::printf("Settings of %s (%s%s)\n", options.appName.c_str(), file.c_str(),
                 std::filesystem::exists(file) ? "" : ", not written yet");
-    printSettings(settings, args.flag("show-token"));
+    printSettings(settings, args);
     std::printf("  %-22s %s\n", "user id", settings.userID().c_str());
     return 0;
 }

@@ -23,6 +23,12 @@ int setupCommand(const Arguments& args) {
             host->c_str(), problem.value_or("it holds a path").c_str());
         return 2;
     }
+    if (const auto ca = args.option("ca")) {
+        if (const auto problem = rememberCA(args, *ca)) {
+            std::fprintf(stderr, "pelm setup: %s\n", problem->c_str());
+            return 2;
+        }
+    }
     installPlatform(args);
     std::printf("Fetching the configuration of https://%s ...\n", host->c_str());
     std::fflush(stdout);
@@ -32,11 +38,12 @@ int setupCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm setup: no answer within a minute\n");
         return 1;
     }
+    if (const auto refusal = tokenRefusal()) std::fprintf(stderr, "pelm setup: %s\n", refusal->c_str());
     std::printf(*outcome
                     ? "Configuration fetched and stored.\n"
-                    : "Could not fetch the configuration (the log line above says why); token and host are "
-                      "stored, the beacon settings are unchanged.\n");
-    printSettings(*SettingsManager::sharedInstance(), args.flag("show-token"));
+                    : "Could not fetch the configuration; token and host are stored, the beacon settings are "
+                      "unchanged.\n");
+    printSettings(*SettingsManager::sharedInstance(), args);
     return *outcome ? 0 : 1;
 }
 

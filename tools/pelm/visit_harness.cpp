@@ -15,6 +15,7 @@
 #include <pelm/sdk/pelm_sdk.hpp>
 
 #include "pelm_server/pelm_server.hpp"
+#include "refusal_watch.hpp"
 
 namespace pelm::cli {
 
@@ -144,7 +145,8 @@ VisitHarness::VisitHarness(const ServerChoice& server, Date start,
     services_->identity =
         std::make_shared<platform::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
     services_->log = recorder_;  // library faults join the timeline
-    services_->http = std::make_shared<platform::CurlTransport>(loop_, http);
+    const auto watch = std::make_shared<RefusalWatch>(std::make_shared<platform::CurlTransport>(loop_, http));
+    services_->http = watch;
     services_->beaconVendor = engine_;
     platform::install(services_);
 
@@ -152,7 +154,9 @@ VisitHarness::VisitHarness(const ServerChoice& server, Date start,
     PelmSDK::setAppToken(token.value_or(""), *host, [&](bool ok) { configured = ok; });
     loop_->runUntilIdle();
     if (!configured) {
-        failure_ = "could not fetch the app configuration from https://" + *host;
+        failure_ = watch->refused() ? "https://" + *host + ": the server refused the app token (HTTP " +
+                                          std::to_string(*watch->refused()) + ")"
+                                    : "could not fetch the app configuration from https://" + *host;
         return;
     }
     manager_ = PelmBeaconManager::make();
