@@ -22,7 +22,7 @@ namespace {
 void usage(std::FILE* out = stderr) {
     std::fprintf(out,
                  "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--threads N]\n"
-                 "                   [--cert FILE --key FILE]\n"
+                 "                   [--name NAMES] [--cert FILE --key FILE]\n"
                  "       pelm-server sessions --db FILE\n"
                  "       pelm-server --version | --help\n"
                  "\n"
@@ -30,6 +30,8 @@ void usage(std::FILE* out = stderr) {
                  "  --seed FILE    apps and contents to serve (JSON: \"apps\" and \"contents\")\n"
                  "  --port N       the port, 1 to 65535 (default: a free one, printed at start)\n"
                  "  --bind ADDR    the address to listen on (default 127.0.0.1; 0.0.0.0 for the LAN)\n"
+                 "  --name NAMES   host names and IP addresses, comma-separated, that the throwaway\n"
+                 "                 certificate names besides localhost, so devices on the LAN can trust it\n"
                  "  --threads N    worker threads, one per open connection (default 256)\n"
                  "  --cert FILE    the server's certificate, with --key; otherwise a throwaway authority in\n"
                  "                 ./pelm-server-certificate/ signs one, kept across restarts\n"
@@ -39,6 +41,12 @@ void usage(std::FILE* out = stderr) {
 int fail(const std::string& message) {
     std::fprintf(stderr, "pelm-server: %s\n", message.c_str());
     return 1;
+}
+
+// A mistake on the command line, told apart from a failure by its exit code.
+int usageError(const std::string& message) {
+    std::fprintf(stderr, "pelm-server: %s\n", message.c_str());
+    return 2;
 }
 
 }  // namespace
@@ -64,15 +72,18 @@ int main(int argc, char** argv) {
                 seed = value();
             else if (word == "--port") {
                 const auto port = pelm::server::wholeNumber(value(), 1, 65535);
-                if (!port) return fail("--port takes a port number from 1 to 65535");
+                if (!port) return usageError("--port takes a port number from 1 to 65535");
                 options.port = static_cast<int>(*port);
             } else if (word == "--threads") {
                 const auto threads = pelm::server::wholeNumber(value(), 1, 4096);
-                if (!threads) return fail("--threads takes a number from 1 to 4096");
+                if (!threads) return usageError("--threads takes a number from 1 to 4096");
                 options.threads = static_cast<int>(*threads);
             } else if (word == "--bind")
                 options.bindAddress = value();
-            else if (word == "--cert")
+            else if (word == "--name") {
+                if (const auto problem = pelm::server::readServerNames(value(), options.names))
+                    return usageError(*problem);
+            } else if (word == "--cert")
                 options.certFile = value();
             else if (word == "--key")
                 options.keyFile = value();
@@ -85,11 +96,13 @@ int main(int argc, char** argv) {
                                     word.c_str()),
                        2;
         } catch (const std::exception& e) {
-            return fail(e.what());
+            return usageError(e.what());
         }
     }
     if (options.certFile.has_value() != options.keyFile.has_value())
-        return fail("--cert and --key go together");
+        return usageError("--cert and --key go together");
+    if (options.certFile && !options.names.empty())
+        return usageError("--name goes into the throwaway certificate; --cert brings its own names");
 
     try {
         if (listSessions) {
@@ -116,6 +129,8 @@ int main(int argc, char** argv) {
                     server.port(), options.database.c_str());
         if (auto ca = server.caFile()) {
             std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
+            if (options.bindAddress != "127.0.0.1" && options.bindAddress != "::1" && options.names.empty())
+                std::printf("it names localhost only: --name adds this machine's LAN name or address\n");
         }
         std::fflush(stdout);
         pelm::server::waitForStopSignal();

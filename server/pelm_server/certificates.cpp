@@ -6,15 +6,19 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 
 namespace pelm::server {
@@ -99,17 +103,110 @@ bool validFor(X509* cert, std::time_t margin) {
            X509_cmp_time(X509_get0_notAfter(cert), &later) > 0;
 }
 
-// The folder's certificates, when all three are there, belong together and are not about to expire.
-std::optional<ThrowawayCertificate> reusable(const ThrowawayCertificate& files) {
-    const auto ca = readCertificate(files.caFile);
+constexpr std::time_t kWeek = 7L * 24 * 60 * 60;
+
+// An address in its one canonical text ("::1", not "0:0:0:0:0:0:0:1"), so names compare as written.
+std::optional<std::string> addressText(const std::string& name) {
+    unsigned char bytes[16];
+    char text[INET6_ADDRSTRLEN];
+    for (const int family : {AF_INET, AF_INET6}) {
+        if (::inet_pton(family, name.c_str(), bytes) == 1 && ::inet_ntop(family, bytes, text, sizeof text))
+            return std::string(text);
+    }
+    return std::nullopt;
+}
+
+bool hostName(const std::string& name) {
+    if (name.empty() || name.size() > 253) return false;
+    std::size_t label = 0;
+    for (std::size_t i = 0; i <= name.size(); ++i) {
+        if (i == name.size() || name[i] == '.') {
+            if (label == 0 || label > 63 || name[i - 1] == '-' || name[i - label] == '-') return false;
+            label = 0;
+        } else if (std::isalnum(static_cast<unsigned char>(name[i])) || name[i] == '-') {
+            ++label;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+// "DNS:shop.lan" or "IP:192.168.1.20", as the server certificate's alternative names read.
+std::set<std::string> alternativeNames(const ServerNames& names) {
+    std::set<std::string> all{"DNS:localhost", "IP:127.0.0.1", "IP:::1"};
+    for (const auto& name : names) {
+        if (const auto problem = serverNameProblem(name)) throw std::runtime_error(*problem);
+        if (const auto address = addressText(name)) {
+            all.insert("IP:" + *address);
+        } else {
+            std::string lower = name;
+            for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            all.insert("DNS:" + lower);
+        }
+    }
+    return all;
+}
+
+std::set<std::string> alternativeNames(X509* cert) {
+    std::set<std::string> all;
+    auto* names = static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(cert, NID_subject_alt_name, nullptr, nullptr));
+    for (int i = 0; names != nullptr && i < sk_GENERAL_NAME_num(names); ++i) {
+        const GENERAL_NAME* name = sk_GENERAL_NAME_value(names, i);
+        if (name->type == GEN_DNS) {
+            const auto* text = ASN1_STRING_get0_data(name->d.dNSName);
+            all.insert("DNS:" + std::string(reinterpret_cast<const char*>(text),
+                                            static_cast<std::size_t>(ASN1_STRING_length(name->d.dNSName))));
+        } else if (name->type == GEN_IPADD) {
+            const int length = ASN1_STRING_length(name->d.iPAddress);
+            char text[INET6_ADDRSTRLEN];
+            if ((length == 4 || length == 16) &&
+                ::inet_ntop(length == 4 ? AF_INET : AF_INET6, ASN1_STRING_get0_data(name->d.iPAddress), text,
+                            sizeof text)) {
+                all.insert(std::string("IP:") + text);
+            }
+        }
+    }
+    GENERAL_NAMES_free(names);
+    return all;
+}
+
+std::string joined(const std::set<std::string>& names) {
+    std::string text;
+    for (const auto& name : names) text += (text.empty() ? "" : ",") + name;
+    return text;
+}
+
+// The folder's server certificate and key, when they belong together, the authority signed them, they are
+// not about to expire and they name exactly `names`.
+bool serverReusable(const ThrowawayCertificate& files, X509* ca, const std::set<std::string>& names) {
     const auto server = readCertificate(files.certFile);
     const auto key = readKey(files.keyFile);
-    if (!ca || !server || !key) return std::nullopt;
-    constexpr std::time_t kWeek = 7L * 24 * 60 * 60;
-    if (X509_check_private_key(server.get(), key.get()) != 1) return std::nullopt;
-    if (X509_verify(server.get(), X509_get0_pubkey(ca.get())) != 1) return std::nullopt;
-    if (!validFor(ca.get(), kWeek) || !validFor(server.get(), kWeek)) return std::nullopt;
-    return files;
+    return server && key && X509_check_private_key(server.get(), key.get()) == 1 &&
+           X509_verify(server.get(), X509_get0_pubkey(ca)) == 1 && validFor(server.get(), kWeek) &&
+           alternativeNames(server.get()) == names;
+}
+
+// A server certificate for `names`, signed by the authority, written with its key.
+void issueServerCertificate(const ThrowawayCertificate& files, X509* ca, EVP_PKEY* caKey,
+                            const std::set<std::string>& names, int days) {
+    const auto serverKey = newKey();
+    // Each one gets its own serial, so a client that saw an earlier one never takes the two for one.
+    const auto server =
+        newCertificate(serverKey.get(), "localhost", static_cast<long>(std::time(nullptr)), days);
+    X509_set_issuer_name(server.get(), X509_get_subject_name(ca));
+    addExtension(server.get(), ca, NID_basic_constraints, "critical,CA:FALSE");
+    addExtension(server.get(), ca, NID_key_usage, "critical,digitalSignature");
+    addExtension(server.get(), ca, NID_ext_key_usage, "serverAuth");
+    addExtension(server.get(), ca, NID_subject_alt_name, joined(names).c_str());
+    addExtension(server.get(), ca, NID_authority_key_identifier, "keyid:always");
+    check(X509_sign(server.get(), caKey, EVP_sha256()) > 0, "signing the server certificate failed");
+    writePem(files.keyFile, nullptr, serverKey.get());
+    writePem(files.certFile, server.get(), nullptr);
+}
+
+ThrowawayCertificate filesIn(const std::filesystem::path& folder) {
+    return {folder / "ca.pem", folder / "cert.pem", folder / "key.pem"};
 }
 
 // Held while the folder is looked at or written, so two servers started together make one authority.
@@ -130,7 +227,26 @@ class FolderLock {
 
 }  // namespace
 
-ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folder, int days) {
+std::optional<std::string> serverNameProblem(const std::string& name) {
+    if (addressText(name) || hostName(name)) return std::nullopt;
+    return "--name " + name + ": not a host name or an IP address";
+}
+
+std::optional<std::string> readServerNames(const std::string& commaSeparated, ServerNames& names) {
+    std::size_t from = 0;
+    while (from <= commaSeparated.size()) {
+        const auto comma = std::min(commaSeparated.find(',', from), commaSeparated.size());
+        auto name = commaSeparated.substr(from, comma - from);
+        if (const auto problem = serverNameProblem(name)) return problem;
+        names.push_back(std::move(name));
+        from = comma + 1;
+    }
+    return std::nullopt;
+}
+
+ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folder, int days,
+                                              const ServerNames& names) {
+    const auto alternatives = alternativeNames(names);
     std::filesystem::create_directories(folder);
     const auto caKey = newKey();
     const auto ca = newCertificate(caKey.get(), "pelm-server throwaway authority", 1, days);
@@ -140,28 +256,30 @@ ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folde
     addExtension(ca.get(), ca.get(), NID_subject_key_identifier, "hash");
     check(X509_sign(ca.get(), caKey.get(), EVP_sha256()) > 0, "signing the authority failed");
 
-    const auto serverKey = newKey();
-    const auto server = newCertificate(serverKey.get(), "localhost", 2, days);
-    X509_set_issuer_name(server.get(), X509_get_subject_name(ca.get()));
-    addExtension(server.get(), ca.get(), NID_basic_constraints, "critical,CA:FALSE");
-    addExtension(server.get(), ca.get(), NID_key_usage, "critical,digitalSignature");
-    addExtension(server.get(), ca.get(), NID_ext_key_usage, "serverAuth");
-    addExtension(server.get(), ca.get(), NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1,IP:::1");
-    addExtension(server.get(), ca.get(), NID_authority_key_identifier, "keyid:always");
-    check(X509_sign(server.get(), caKey.get(), EVP_sha256()) > 0, "signing the server certificate failed");
-
-    ThrowawayCertificate result{folder / "ca.pem", folder / "cert.pem", folder / "key.pem"};
-    writePem(result.keyFile, nullptr, serverKey.get());
-    writePem(result.certFile, server.get(), nullptr);
-    writePem(result.caFile, ca.get(), nullptr);
-    return result;
+    const auto files = filesIn(folder);
+    // The authority's key stays, so that new names need a new server certificate only, not a new authority.
+    writePem(folder / "ca-key.pem", nullptr, caKey.get());
+    issueServerCertificate(files, ca.get(), caKey.get(), alternatives, days);
+    writePem(files.caFile, ca.get(), nullptr);
+    return files;
 }
 
-ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int days) {
+ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int days,
+                                       const ServerNames& names) {
+    const auto alternatives = alternativeNames(names);
     std::filesystem::create_directories(folder);
     FolderLock lock(folder);
-    if (auto kept = reusable({folder / "ca.pem", folder / "cert.pem", folder / "key.pem"})) return *kept;
-    return makeThrowawayCertificate(folder, days);
+    const auto files = filesIn(folder);
+    const auto ca = readCertificate(files.caFile);
+    if (ca && validFor(ca.get(), kWeek)) {
+        if (serverReusable(files, ca.get(), alternatives)) return files;
+        const auto caKey = readKey(folder / "ca-key.pem");
+        if (caKey && X509_check_private_key(ca.get(), caKey.get()) == 1) {
+            issueServerCertificate(files, ca.get(), caKey.get(), alternatives, days);
+            return files;
+        }
+    }
+    return makeThrowawayCertificate(folder, days, names);
 }
 
 }  // namespace pelm::server

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace pelm::server {
 
@@ -13,13 +15,28 @@ struct ThrowawayCertificate {
     std::filesystem::path keyFile;   // the server's private key
 };
 
-/// Makes a fresh authority and server certificate, valid for `days`, in `folder` (created if missing).
-/// Throws std::runtime_error when OpenSSL fails.
-ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folder, int days = 30);
+/// Names a server certificate holds besides localhost, 127.0.0.1 and ::1: host names and IP addresses under
+/// which devices on the LAN reach the server.
+using ServerNames = std::vector<std::string>;
+
+/// Why `name` cannot go into a certificate (not a host name nor an IP address), if it cannot.
+std::optional<std::string> serverNameProblem(const std::string& name);
+
+/// Adds "shop.lan,192.168.1.20" to `names`; the problem with the first name refused, if one is.
+std::optional<std::string> readServerNames(const std::string& commaSeparated, ServerNames& names);
+
+/// Makes a fresh authority (its key kept as ca-key.pem) and a server certificate for `names`, valid for
+/// `days`, in `folder` (created if missing). Throws std::runtime_error when OpenSSL fails, and for a name
+/// serverNameProblem refuses.
+ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folder, int days = 30,
+                                              const ServerNames& names = {});
 
 /// The folder's authority and server certificate, made only when one is missing, they do not belong
 /// together, or one expires within a week; otherwise reused, so devices that trust the authority keep
-/// trusting it across restarts. Safe against servers starting together in the same folder.
-ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int days = 365);
+/// trusting it across restarts. When the names asked for differ from the certificate's, only the server
+/// certificate is made again, signed by the same authority. Safe against servers starting together in the
+/// same folder.
+ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int days = 365,
+                                       const ServerNames& names = {});
 
 }  // namespace pelm::server

@@ -44,7 +44,8 @@ PelmServer::PelmServer(Options options)
         cert = *options_.certFile;
         key = *options_.keyFile;
     } else {
-        const auto made = folderCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()));
+        const auto made = folderCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()),
+                                            365, options_.names);
         cert = made.certFile;
         key = made.keyFile;
         caFile_ = made.caFile;

@@ -43,6 +43,8 @@ class PelmServer {
         std::optional<std::filesystem::path> certFile;
         std::optional<std::filesystem::path> keyFile;
         std::optional<std::filesystem::path> certificateFolder;
+        /// What the throwaway certificate names besides localhost (LAN host names and addresses).
+        ServerNames names;
     };
 
     /// What a test can make the server do for one path instead of answering properly.

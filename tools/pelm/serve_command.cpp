@@ -38,6 +38,12 @@ int serveCommand(const Arguments& args) {
     }
     options.port = static_cast<int>(*port);
     options.bindAddress = args.option("bind").value_or("127.0.0.1");
+    if (const auto names = args.option("name")) {
+        if (const auto problem = server::readServerNames(*names, options.names)) {
+            std::fprintf(stderr, "pelm serve: %s\n", problem->c_str());
+            return 2;
+        }
+    }
     if (auto cert = args.option("cert")) options.certFile = *cert;
     if (auto key = args.option("key")) options.keyFile = *key;
     if (options.certFile.has_value() != options.keyFile.has_value()) {
@@ -60,8 +66,11 @@ int serveCommand(const Arguments& args) {
                     options.database.c_str(),
                     args.option("seed") ? ("seeded from " + *args.option("seed")).c_str()
                                         : "demo data (token demo-token)");
-        if (auto ca = server.caFile())
+        if (auto ca = server.caFile()) {
             std::printf("throwaway certificate: trust it with --ca %s\n", ca->c_str());
+            if (options.bindAddress != "127.0.0.1" && options.bindAddress != "::1" && options.names.empty())
+                std::printf("it names localhost only: --name adds this machine's LAN name or address\n");
+        }
         std::printf("Ctrl-C stops it.\n");
         std::fflush(stdout);
         server::waitForStopSignal();
