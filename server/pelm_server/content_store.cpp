@@ -99,6 +99,16 @@ std::string requireText(const JSON& entry, const char* key, const std::string& w
     return found->get<std::string>();
 }
 
+// A beacon's major or minor: a number, as in a scenario; kept as the text the client sends it as.
+std::string requireIdentityNumber(const JSON& beacon, const char* key, const std::string& where) {
+    const auto found = beacon.find(key);
+    if (found == beacon.end() || !found->is_number_integer() || found->get<std::int64_t>() < 0 ||
+        found->get<std::int64_t>() > 65535) {
+        throw std::invalid_argument(where + "." + key + ": must be a whole number from 0 to 65535");
+    }
+    return std::to_string(found->get<std::int64_t>());
+}
+
 const JSON& requireObject(const JSON& entry, const char* key, const std::string& where) {
     const auto found = entry.find(key);
     if (found == entry.end() || !found->is_object()) {
@@ -206,8 +216,8 @@ void ContentStore::seed(const JSON& data) {
                 .bind(1, id->get<std::int64_t>())
                 .bind(2, requireText(entry, "app_token", where))
                 .bind(3, requireText(beacon, "uuid", where + ".beacon"))
-                .bind(4, requireText(beacon, "major", where + ".beacon"))
-                .bind(5, requireText(beacon, "minor", where + ".beacon"))
+                .bind(4, requireIdentityNumber(beacon, "major", where + ".beacon"))
+                .bind(5, requireIdentityNumber(beacon, "minor", where + ".beacon"))
                 .bind(6, type)
                 .bind(7, jsonText(content))
                 .step();

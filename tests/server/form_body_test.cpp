@@ -30,7 +30,7 @@ TEST(FormBody, RebuildsNestedRecordsAndStartsANewLogAtARepeatedMember) {
 TEST(ContentStore, SeedErrorsNameTheEntryAndChangeNothing) {
     ContentStore store(":memory:");
     const auto bad = JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {}}],
-        "contents": [{"app_token": "a", "display_type": "sideways", "beacon": {"uuid": "U", "major": "1", "minor": "2"},
+        "contents": [{"app_token": "a", "display_type": "sideways", "beacon": {"uuid": "U", "major": 1, "minor": 2},
                       "content": {"id": 1}}]})");
     try {
         store.seed(bad);
@@ -54,15 +54,24 @@ TEST(ContentStore, SeedErrorsNameTheEntryAndChangeNothing) {
     EXPECT_EQ(error(R"({"apps": [{"app_token": "a", "app_config": {}}], "content": []})"),
               "content: unknown key; did you mean contents?");
     EXPECT_EQ(error(R"({"apps": [{"app_token": "a", "app_config": {}}],
-        "contents": [{"app_token": "b", "display_type": "entry", "beacon": {"uuid": "U", "major": "1", "minor": "2"},
+        "contents": [{"app_token": "b", "display_type": "entry", "beacon": {"uuid": "U", "major": 1, "minor": 2},
                       "content": {"id": 1}}]})"),
               "contents[0].app_token: no app of the seed has the token \"b\"");
+    // Major and minor are numbers, as in a scenario; the text the wire uses is refused by name.
+    EXPECT_EQ(error(R"({"apps": [{"app_token": "a", "app_config": {}}],
+        "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "U", "major": "1", "minor": 2},
+                      "content": {"id": 1}}]})"),
+              "contents[0].beacon.major: must be a whole number from 0 to 65535");
+    EXPECT_EQ(error(R"({"apps": [{"app_token": "a", "app_config": {}}],
+        "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "U", "major": 1, "minor": 65536},
+                      "content": {"id": 1}}]})"),
+              "contents[0].beacon.minor: must be a whole number from 0 to 65535");
 }
 
 TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {
     ContentStore store(":memory:");
     store.seed(JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {}}],
-        "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "f7826da6-aaaa", "major": "1", "minor": "2"},
+        "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "f7826da6-aaaa", "major": 1, "minor": 2},
                       "content": {"id": 7, "cool_down_time": 60}}]})"));
     const auto found = store.contentForBeacon("a", "F7826DA6-AAAA", "1", "2", "entry");
     ASSERT_TRUE(found);
@@ -71,7 +80,7 @@ TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {
     EXPECT_FALSE(store.contentForBeacon("b", "F7826DA6-AAAA", "1", "2", "entry"));
     // What was looked up before a new seed is not what is answered after it.
     store.seed(JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {"min_sdk": "2"}}],
-        "contents": [{"app_token": "a", "display_type": "exit", "beacon": {"uuid": "F7826DA6-AAAA", "major": "1", "minor": "2"},
+        "contents": [{"app_token": "a", "display_type": "exit", "beacon": {"uuid": "F7826DA6-AAAA", "major": 1, "minor": 2},
                       "content": {"id": 8}}]})"));
     EXPECT_EQ((*store.appConfig("a"))["min_sdk"], "2");
     ASSERT_TRUE(store.contentForBeacon("a", "f7826da6-aaaa", "1", "2", "exit"));

@@ -25,15 +25,15 @@ inline JSON testSeed() {
       ],
       "contents": [
         {"app_token": "test-token-5bX9", "display_type": "entry",
-         "beacon": {"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": "1", "minor": "11"},
+         "beacon": {"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": 1, "minor": 11},
          "content": {"id": 1, "active": true, "content_type": "coupon", "display_type": "entry", "cool_down_time": 60,
                      "text_record": {"name": "Cheese week", "text": "Käse -20 %", "language_code": {"code": "de", "name": "Deutsch"}},
                      "extra_info": {"codes": [1, 2]}}},
         {"app_token": "test-token-5bX9", "display_type": "exit",
-         "beacon": {"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": "1", "minor": "11"},
+         "beacon": {"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": 1, "minor": 11},
          "content": {"id": 2, "display_type": "exit", "cool_down_time": 30, "text_record": {"name": "Goodbye"}}},
         {"app_token": "test-token-5bX9", "display_type": "entry",
-         "beacon": {"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": "1", "minor": "12"},
+         "beacon": {"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "major": 1, "minor": 12},
          "content": {"id": 3, "display_type": "entry", "text_record": {"name": "Fresh bread"}}}
       ]})");
 }
