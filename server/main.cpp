@@ -116,13 +116,9 @@ int main(int argc, char** argv) {
             options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
         pelm::server::PelmServer server(options);
         if (seed) {
-            const auto text = pelm::platform::readBoundedFile(*seed);
-            if (!text.bytes) return fail(*seed + " " + text.error);
-            const auto parsed = pelm::parseJSONText(*text.bytes);
-            if (!parsed)
-                return fail(*seed +
-                            " is not valid JSON: " + pelm::jsonTextProblem(*text.bytes).value_or("?"));
-            server.store().seed(*parsed);
+            const auto read = pelm::platform::readJSONFile(*seed);
+            if (!read.json) return fail(read.error);
+            server.store().seed(*read.json);
         }
         server.start();
         std::printf("pelm-server listening on https://%s:%d (database %s)\n", options.bindAddress.c_str(),

@@ -20,13 +20,6 @@ std::optional<std::int64_t> integerArgument(const std::string& text) {
                                std::numeric_limits<long long>::max());
 }
 
-int usage() {
-    std::fprintf(stderr,
-                 "usage: pelm call status | app-config | content ID | content-by-hardware UUID MAJOR MINOR\n"
-                 "                 [--app NAME] [--ca FILE]\n");
-    return 2;
-}
-
 // The beacon's identity as the server expects it, checked before anything is sent.
 std::optional<std::string> beaconProblem(const std::string& uuid, const std::string& major,
                                          const std::string& minor) {
@@ -39,13 +32,22 @@ std::optional<std::string> beaconProblem(const std::string& uuid, const std::str
     return std::nullopt;
 }
 
+// The call and as many words as it takes.
+bool wellFormed(const std::vector<std::string>& words) {
+    if (words.size() < 2) return false;
+    const auto& what = words[1];
+    return ((what == "status" || what == "app-config") && words.size() == 2) ||
+           (what == "content" && words.size() == 3 && integerArgument(words[2])) ||
+           (what == "content-by-hardware" && words.size() == 5);
+}
+
 }  // namespace
 
 int callCommand(const Arguments& args) {
     const auto& words = args.positional();
-    if (words.size() < 2) return usage();
     // The words are checked before the settings, so a typo is named as such even where nothing is set up.
-    if (words[1] == "content-by-hardware" && words.size() == 5) {
+    if (!wellFormed(words)) return kShowUsage;
+    if (words[1] == "content-by-hardware") {
         if (const auto problem = beaconProblem(words[2], words[3], words[4])) {
             std::fprintf(stderr, "pelm call: %s\n", problem->c_str());
             return 2;
@@ -60,25 +62,23 @@ int callCommand(const Arguments& args) {
     const auto user = SettingsManager::sharedInstance()->userID();
     std::optional<JSON> result;
     const auto& what = words[1];
-    if (what == "status" && words.size() == 2) {
+    if (what == "status") {
         client->status([&](bool ok, auto status) {
             result = JSON{{"successful", ok}, {"status", orNull(status)}};
         });
-    } else if (what == "app-config" && words.size() == 2) {
+    } else if (what == "app-config") {
         client->appConfig([&](bool ok, auto config) {
             result = JSON{{"successful", ok}, {"appConfig", orNull(config)}};
         });
-    } else if (what == "content" && words.size() == 3 && integerArgument(words[2])) {
+    } else if (what == "content") {
         client->contentById(*integerArgument(words[2]), user, [&](bool ok, auto content) {
             result = JSON{{"succesful", ok}, {"content", orNull(content)}};
         });
-    } else if (what == "content-by-hardware" && words.size() == 5) {
+    } else {
         auto beacon = std::make_shared<Beacon>(words[2], words[3], words[4]);
         client->contentByHardware(beacon, user, [&](bool ok, auto entry, auto exit) {
             result = JSON{{"successful", ok}, {"entryContent", orNull(entry)}, {"exitContent", orNull(exit)}};
         });
-    } else {
-        return usage();
     }
     if (!runUntil([&] { return result.has_value(); })) {
         std::fprintf(stderr, "pelm call: no answer within a minute\n");

@@ -33,6 +33,9 @@ class Arguments {
     std::optional<std::string> error_;
 };
 
+/// What a command returns for words it cannot take: the tool prints the command's usage and exits 2.
+inline constexpr int kShowUsage = -1;
+
 /// `pelm status`: the server is not reachable, or no host is known (0 reachable, 1 failure, 2 usage).
 inline constexpr int kExitUnreachable = 3;
 

@@ -142,7 +142,10 @@ int run(const Command& command, const pelm::cli::Arguments& args) {
         std::fprintf(stderr, "pelm %s: %s\n", command.name, args.error()->c_str());
         return 2;
     }
-    return command.run(args);
+    const int result = command.run(args);
+    if (result != pelm::cli::kShowUsage) return result;
+    usage(stderr, command);
+    return 2;
 }
 
 }  // namespace

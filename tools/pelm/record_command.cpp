@@ -11,10 +11,7 @@ namespace pelm::cli {
 
 int recordCommand(const Arguments& args) {
     const auto& words = args.positional();
-    if (words.size() != 2) {
-        std::fprintf(stderr, "usage: pelm record FILE.jsonl [--seconds N]\n");
-        return 2;
-    }
+    if (words.size() != 2) return kShowUsage;
     std::optional<std::chrono::milliseconds> duration;
     if (const auto seconds = args.option("seconds")) {
         const auto value = server::wholeNumber(*seconds, 1, 7 * 24 * 3600);

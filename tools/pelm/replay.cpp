@@ -64,17 +64,15 @@ JSON seedFor(const std::string& uuid, const std::set<Identity>& identities) {
         const auto name = std::to_string(beacon.major) + "/" + std::to_string(beacon.minor);
         for (const char* type : {"entry", "exit"}) {
             const bool entry = std::string(type) == "entry";
-            seed["contents"].push_back({{"app_token", "demo-token"},
-                                        {"display_type", type},
-                                        {"beacon",
-                                         {{"uuid", uuid},
-                                          {"major", beacon.major},
-                                          {"minor", beacon.minor}}},
-                                        {"content",
-                                         {{"id", id++},
-                                          {"display_type", type},
-                                          {"cool_down_time", 600},
-                                          {"text_record", {{"name", (entry ? "Near " : "Left ") + name}}}}}});
+            seed["contents"].push_back(
+                {{"app_token", "demo-token"},
+                 {"display_type", type},
+                 {"beacon", {{"uuid", uuid}, {"major", beacon.major}, {"minor", beacon.minor}}},
+                 {"content",
+                  {{"id", id++},
+                   {"display_type", type},
+                   {"cool_down_time", 600},
+                   {"text_record", {{"name", (entry ? "Near " : "Left ") + name}}}}}});
         }
     }
     return seed;

@@ -14,12 +14,7 @@ namespace pelm::cli {
 
 int replayCommand(const Arguments& args) {
     const auto& words = args.positional();
-    if (words.size() != 2) {
-        std::fprintf(stderr,
-                     "usage: pelm replay FILE [--scanner NAME] [--uuid UUID] [--speed X] [--events FILE]\n"
-                     "                        [--host H --token T --ca FILE]\n");
-        return 2;
-    }
+    if (words.size() != 2) return kShowUsage;
     ReplayOptions options;
     options.recording = words[1];
     options.scanner = args.option("scanner");

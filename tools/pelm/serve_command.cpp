@@ -16,14 +16,9 @@ namespace {
 
 std::optional<JSON> readSeed(const std::optional<std::string>& path, std::string& error) {
     if (!path) return parseJSONText(server::demoSeedText());
-    const auto text = platform::readBoundedFile(*path);
-    if (!text.bytes) {
-        error = *path + " " + text.error;
-        return std::nullopt;
-    }
-    auto parsed = parseJSONText(*text.bytes);
-    if (!parsed) error = *path + " is not valid JSON: " + jsonTextProblem(*text.bytes).value_or("?");
-    return parsed;
+    auto read = platform::readJSONFile(*path);
+    error = std::move(read.error);
+    return std::move(read.json);
 }
 
 }  // namespace

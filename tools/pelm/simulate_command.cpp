@@ -19,14 +19,9 @@ namespace {
 
 std::optional<JSON> readScenario(const std::vector<std::string>& words, std::string& error) {
     if (words.size() < 2) return parseJSONText(server::demoScenarioText());
-    const auto text = platform::readBoundedFile(words[1]);
-    if (!text.bytes) {
-        error = words[1] + " " + text.error;
-        return std::nullopt;
-    }
-    auto parsed = parseJSONText(*text.bytes);
-    if (!parsed) error = words[1] + " is not valid JSON: " + jsonTextProblem(*text.bytes).value_or("?");
-    return parsed;
+    auto read = platform::readJSONFile(words[1]);
+    error = std::move(read.error);
+    return std::move(read.json);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <ctime>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include <pelm/platform/run_loop.hpp>
@@ -15,34 +16,16 @@
 namespace pelm::cli {
 namespace {
 
-const char* text(ReachableStatus s) {
-    return s == ReachableStatus::Reachable     ? "Reachable"
-           : s == ReachableStatus::UnReachable ? "UnReachable"
-                                               : "Unknown";
+// The library's own names; the one that needs a word for a person gets it.
+std::string text(ReachableStatus status) {
+    return std::string(to_string(status));
 }
-const char* text(LocationStatus s) {
-    switch (s) {
-        case LocationStatus::AlwaysAllowed:
-            return "AlwaysAllowed";
-        case LocationStatus::WhenInUseAllowed:
-            return "WhenInUseAllowed";
-        case LocationStatus::NotAllowed:
-            return "NotAllowed";
-        default:
-            return "Unknown";
-    }
+std::string text(LocationStatus status) {
+    return std::string(to_string(status));
 }
-const char* text(BluetoothStatus s) {
-    switch (s) {
-        case BluetoothStatus::On:
-            return "On";
-        case BluetoothStatus::Off:
-            return "Off";
-        case BluetoothStatus::Error:
-            return "Error (no controller, or not usable)";
-        default:
-            return "Unknown";
-    }
+std::string text(BluetoothStatus status) {
+    const std::string name(to_string(status));
+    return status == BluetoothStatus::Error ? name + " (no controller, or not usable)" : name;
 }
 
 // Prints each status as it arrives, with the time when watching.
@@ -62,14 +45,14 @@ class Printer : public PelmDeviceStatusManagerDelegate {
     bool bluetoothKnown = false;
 
   private:
-    void print(const std::string& what, const char* value) const {
+    void print(const std::string& what, const std::string& value) const {
         if (stamped_) {
             const auto now = std::time(nullptr);
             char stamp[16];
             std::strftime(stamp, sizeof stamp, "%H:%M:%S", std::localtime(&now));
             std::printf("%s  ", stamp);
         }
-        std::printf("%-28s %s\n", what.c_str(), value);
+        std::printf("%-28s %s\n", what.c_str(), value.c_str());
         std::fflush(stdout);
     }
     std::string host_;

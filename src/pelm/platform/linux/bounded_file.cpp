@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <pelm/model/json_text.hpp>
+
 namespace pelm::platform {
 namespace {
 
@@ -47,6 +49,15 @@ FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxB
     }
     ::close(fd);
     return result;
+}
+
+JSONFile readJSONFile(const std::filesystem::path& file) {
+    const auto text = readBoundedFile(file);
+    if (!text.bytes) return {std::nullopt, file.string() + " " + text.error};
+    auto json = parseJSONText(*text.bytes);
+    if (json) return {std::move(json), {}};
+    return {std::nullopt,
+            file.string() + " is not valid JSON: " + jsonTextProblem(*text.bytes).value_or("?")};
 }
 
 }  // namespace pelm::platform

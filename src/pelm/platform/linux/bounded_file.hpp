@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include <pelm/model/json_binding.hpp>
+
 namespace pelm::platform {
 
 /// What the JSON files we read (settings, scenarios, seeds) may weigh at most. Real ones are a few KiB.
@@ -21,5 +23,13 @@ struct FileContents {
 /// Reads a whole file, but never more than `maxBytes`: a larger file, or an endless one (a device, a pipe),
 /// is an error, found out after reading `maxBytes` + 1 bytes at most.
 FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxBytes = kMaxJSONFileBytes);
+
+/// A JSON file's value (a scenario, a seed), or why there is none, naming the file: "F does not exist",
+/// "F is not valid JSON: line 3, column 7: ...".
+struct JSONFile {
+    std::optional<JSON> json;
+    std::string error;
+};
+JSONFile readJSONFile(const std::filesystem::path& file);
 
 }  // namespace pelm::platform

@@ -12,13 +12,9 @@ namespace pelm::platform {
 
 std::shared_ptr<PlayedBeaconVendor> PlayedBeaconVendor::scenario(std::shared_ptr<MainQueue> mainQueue,
                                                                  const std::filesystem::path& file) {
-    const auto text = readBoundedFile(file);
-    if (!text.bytes) throw ScenarioError(file.string() + " " + text.error);
-    const auto json = parseJSONText(*text.bytes);
-    if (!json)
-        throw ScenarioError(file.string() +
-                            " is not valid JSON: " + jsonTextProblem(*text.bytes).value_or("?"));
-    auto store = std::make_shared<SimulatedStore>(Scenario::fromJSON(*json), 1);
+    const auto read = readJSONFile(file);
+    if (!read.json) throw ScenarioError(read.error);
+    auto store = std::make_shared<SimulatedStore>(Scenario::fromJSON(*read.json), 1);
     const auto duration = store->scenario().duration();
     return std::make_shared<PlayedBeaconVendor>(
         std::move(mainQueue), [store, duration](std::chrono::milliseconds elapsed, RegionEngine& engine) {
