@@ -17,6 +17,8 @@
 #include <pelm/platform/sim/captured_log_sink.hpp>
 #include <pelm/platform/sim/virtual_loop.hpp>
 
+#include "support/temp_folder.hpp"
+
 namespace pelm::platform {
 namespace {
 
@@ -30,15 +32,9 @@ class FileKeyValueStoreTest : public ::testing::Test {
         services_->mainQueue = std::make_shared<VirtualLoop>();
         services_->log = log_;
         install(services_);
-        char pattern[] = "/tmp/pelm-store-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        folder_ = pattern;
         file_ = folder_ / "nested" / "hostapp.json";
     }
-    void TearDown() override {
-        install(nullptr);
-        fs::remove_all(folder_);
-    }
+    void TearDown() override { install(nullptr); }
 
     std::string fileText() const {
         std::ifstream in(file_);
@@ -64,7 +60,8 @@ class FileKeyValueStoreTest : public ::testing::Test {
     std::shared_ptr<CapturedLogSink> log_ =
         std::make_shared<CapturedLogSink>();  // the store's own error lines
     std::shared_ptr<Platform> services_ = std::make_shared<Platform>();
-    fs::path folder_;
+    testing::TempFolder temp_{"pelm-store"};
+    const fs::path& folder_ = temp_.path();
     fs::path file_;
 };
 

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "support/temp_folder.hpp"
+
 namespace pelm::server {
 namespace {
 
@@ -32,13 +34,8 @@ bool certifies(const std::filesystem::path& certFile, const std::string& name) {
 
 class FolderCertificate : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/pelm-certificates-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
-    std::filesystem::path folder_;
+    testing::TempFolder temp_{"pelm-certificates"};
+    const std::filesystem::path& folder_ = temp_.path();
 };
 
 TEST_F(FolderCertificate, IsKeptAcrossRestartsAndRemadeOnlyWhenBrokenOrExpiring) {

@@ -4,6 +4,7 @@
 #include <pelm/platform/linux/curl_transport.hpp>
 
 #include "support/server_fixture.hpp"
+#include "support/temp_folder.hpp"
 
 namespace pelm::server {
 namespace {
@@ -46,11 +47,10 @@ TEST_F(ServerLimits, TooManyOrTooLargeHeadersAndTooLargeBodiesAreRefusedWithThei
 }
 
 TEST(ServerMemory, RequestsAreKeptOnlyWhenAskedAndThenOnlyTheLatest) {
-    char pattern[] = "/tmp/pelm-server-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    const testing::TempFolder folder("pelm-server-test");
     for (const std::size_t kept : {std::size_t{0}, std::size_t{3}}) {
         PelmServer::Options options;
-        options.certificateFolder = pattern;
+        options.certificateFolder = folder.path();
         options.recordRequests = kept;
         PelmServer server(options);
         server.store().seed(testing::testSeed());
@@ -71,14 +71,12 @@ TEST(ServerMemory, RequestsAreKeptOnlyWhenAskedAndThenOnlyTheLatest) {
             EXPECT_EQ(requests.back().target, "/api/v1/status?n=4");
         }
     }
-    std::filesystem::remove_all(pattern);
 }
 
 TEST(ServerPorts, ASecondServerOnAPortInUseFailsNamingItAndAMissingDatabaseIsNotMade) {
-    char pattern[] = "/tmp/pelm-server-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    const testing::TempFolder folder("pelm-server-test");
     PelmServer::Options options;
-    options.certificateFolder = pattern;
+    options.certificateFolder = folder.path();
     PelmServer first(options);
     first.start();
 
@@ -91,10 +89,9 @@ TEST(ServerPorts, ASecondServerOnAPortInUseFailsNamingItAndAMissingDatabaseIsNot
         EXPECT_THAT(error.what(), ::testing::EndsWith(std::to_string(first.port()) + ": the port is in use"));
     }
 
-    const auto missing = std::string(pattern) + "/typo.db";
+    const auto missing = (folder.path() / "typo.db").string();
     EXPECT_THROW(ContentStore(missing, ContentStore::Open::ExistingOnly), std::runtime_error);
     EXPECT_FALSE(std::filesystem::exists(missing));
-    std::filesystem::remove_all(pattern);
 }
 
 }  // namespace

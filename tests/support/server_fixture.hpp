@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "pelm_server/pelm_server.hpp"
+#include "support/temp_folder.hpp"
 #include "support/test_platform.hpp"
 
 namespace pelm::testing {
@@ -43,9 +44,6 @@ inline JSON testSeed() {
 class ServerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/pelm-server-test-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        folder_ = pattern;
         server::PelmServer::Options options;
         options.certificateFolder = folder_;
         options.recordRequests = 10000;
@@ -60,7 +58,6 @@ class ServerTest : public ::testing::Test {
     void TearDown() override {
         platform_.reset();
         server_->stop();
-        std::filesystem::remove_all(folder_);
     }
     virtual std::chrono::milliseconds timeout() const { return std::chrono::seconds(5); }
 
@@ -68,7 +65,9 @@ class ServerTest : public ::testing::Test {
     void settle() { platform_->loop->runUntilIdle(); }
     std::vector<std::string> lines() const { return platform_->lines(); }
 
-    std::filesystem::path folder_;
+    // Declared first, so it is removed last.
+    TempFolder temp_{"pelm-server-test"};
+    const std::filesystem::path& folder_ = temp_.path();
     std::unique_ptr<server::PelmServer> server_;
     std::unique_ptr<TestPlatform> platform_;
 };
