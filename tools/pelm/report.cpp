@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -411,17 +412,19 @@ std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEve
 bool ReportFile::open(const std::optional<std::string>& path, std::string& error) {
     path_ = path;
     if (!path) return true;
-    out_.open(*path, std::ios::trunc);
-    if (!out_) error = "cannot write " + *path;
-    return static_cast<bool>(out_);
+    // Opened to append, which leaves an earlier report whole should the run be interrupted.
+    const bool writable = static_cast<bool>(std::ofstream(*path, std::ios::app));
+    if (!writable) error = "cannot write " + *path;
+    return writable;
 }
 
 bool ReportFile::write(const std::string& html, std::string& error) {
     if (!path_) return true;
-    out_ << html;
-    out_.close();
-    if (!out_) error = "cannot write " + *path_;
-    return static_cast<bool>(out_);
+    std::ofstream out(*path_, std::ios::trunc);
+    out << html;
+    out.close();
+    if (!out) error = "cannot write " + *path_;
+    return static_cast<bool>(out);
 }
 
 }  // namespace pelm::cli

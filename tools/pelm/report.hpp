@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,7 +28,8 @@ struct ReportHeader {
 std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
                        std::chrono::milliseconds length, const JSON& storedVisits);
 
-/// --report FILE, opened before the run so that a path that cannot be written fails before the wait.
+/// --report FILE, tried before the run so that a path that cannot be written fails before the wait, and
+/// written only once the run is over.
 class ReportFile {
   public:
     /// Nothing is written without a path. False (with `error` set) when the file cannot be made.
@@ -40,7 +40,6 @@ class ReportFile {
 
   private:
     std::optional<std::string> path_;
-    std::ofstream out_;
 };
 
 }  // namespace pelm::cli
