@@ -3,12 +3,12 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer with clang (which also builds the fuzzers), the threaded tests
 # under ThreadSanitizer, clang-tidy's use-after-move check, builds the API reference (no warning allowed) and
 # gives each fuzzer a short run.
-#   FUZZ_SECONDS=N   seconds per fuzzer (default 20; 0 skips fuzzing)
+#   FUZZ_SECONDS=N   seconds per fuzzer (default 15; 0 skips fuzzing)
 #   SKIP_TSAN=1      leaves out the ThreadSanitizer build
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-FUZZ_SECONDS=${FUZZ_SECONDS:-20}
+FUZZ_SECONDS=${FUZZ_SECONDS:-15}
 jobs=$(nproc 2>/dev/null || echo 2)
 started=$SECONDS
 stage() { echo "== $1 ($((SECONDS - started)) s in)"; }
