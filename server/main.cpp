@@ -106,7 +106,6 @@ int main(int argc, char** argv) {
 
     try {
         if (listSessions) {
-            if (!std::filesystem::exists(options.database)) return fail(options.database + " does not exist");
             pelm::server::ContentStore store(options.database,
                                              pelm::server::ContentStore::Open::ExistingOnly);
             std::cout << pelm::jsonText(store.sessions(), 2) << "\n";
@@ -125,8 +124,8 @@ int main(int argc, char** argv) {
                     server.port(), options.database.c_str());
         if (auto ca = server.caFile()) {
             std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
-            if (options.bindAddress != "127.0.0.1" && options.bindAddress != "::1" && options.names.empty())
-                std::printf("it names localhost only: --name adds this machine's LAN name or address\n");
+            if (const auto hint = pelm::server::lanNameHint(options.bindAddress, options.names))
+                std::printf("%s\n", hint->c_str());
         }
         std::fflush(stdout);
         pelm::server::waitForStopSignal();

@@ -232,6 +232,11 @@ std::optional<std::string> serverNameProblem(const std::string& name) {
     return "--name " + name + ": not a host name or an IP address";
 }
 
+std::optional<std::string> lanNameHint(const std::string& bindAddress, const ServerNames& names) {
+    if (bindAddress == "127.0.0.1" || bindAddress == "::1" || !names.empty()) return std::nullopt;
+    return "it names localhost only: --name adds this machine's LAN name or address";
+}
+
 std::optional<std::string> readServerNames(const std::string& commaSeparated, ServerNames& names) {
     std::size_t from = 0;
     while (from <= commaSeparated.size()) {

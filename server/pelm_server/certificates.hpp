@@ -25,6 +25,10 @@ std::optional<std::string> serverNameProblem(const std::string& name);
 /// Adds "shop.lan,192.168.1.20" to `names`; the problem with the first name refused, if one is.
 std::optional<std::string> readServerNames(const std::string& commaSeparated, ServerNames& names);
 
+/// For a server listening beyond loopback whose certificate names localhost only: the advice to name the
+/// machine, which devices on the LAN reach it by. None otherwise.
+std::optional<std::string> lanNameHint(const std::string& bindAddress, const ServerNames& names);
+
 /// Makes a fresh authority (its key kept as ca-key.pem) and a server certificate for `names`, valid for
 /// `days`, in `folder` (created if missing). Throws std::runtime_error when OpenSSL fails, and for a name
 /// serverNameProblem refuses.

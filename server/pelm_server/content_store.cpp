@@ -6,6 +6,7 @@
 #include <pelm/model/known_keys.hpp>
 
 #include <cctype>
+#include <filesystem>
 #include <set>
 #include <stdexcept>
 #include <vector>
@@ -131,6 +132,8 @@ void putText(JSON& object, const char* key, const Statement& row, int column) {
 }  // namespace
 
 ContentStore::ContentStore(const std::string& path, Open open) {
+    if (open == Open::ExistingOnly && !std::filesystem::exists(path))
+        throw std::runtime_error(path + " does not exist");
     const int create = open == Open::CreateIfMissing ? SQLITE_OPEN_CREATE : 0;
     if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | create | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {

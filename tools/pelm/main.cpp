@@ -36,38 +36,19 @@ const Option kReport{"report", "FILE", "write the visit as an HTML report"};
 const Option kEvents{"events", "FILE", "also write every event as JSON lines"};
 const Option kShowToken{"show-token", "", "print the app token whole instead of masked"};
 
+// What simulate and replay both take after their own options: how the run is shown and where it goes.
+std::vector<Option> runOptions(std::vector<Option> own) {
+    own.insert(own.end(), {kSpeed, kReport, kEvents, kNearby, kJson, kHost, kToken, kCa, kApp, kConfigDir});
+    return own;
+}
+
 const std::vector<Command>& commands() {
     static const std::vector<Command> all = {
-        {"simulate",
-         "[SCENARIO]",
-         "walk a shopper through a simulated store",
-         {{"seed", "N", "the simulation's random seed (default 1)"},
-          kSpeed,
-          kReport,
-          kEvents,
-          kNearby,
-          kJson,
-          kHost,
-          kToken,
-          kCa,
-          kApp,
-          kConfigDir},
-         pelm::cli::simulateCommand},
-        {"replay",
-         "FILE",
-         "play a recording (btsnoop, pcap, pcapng, JSON trace)",
-         {{"scanner", "NAME", "take only this scanner's lines of a trace"},
-          {"uuid", "UUID", "the app's proximity UUID (default: the one heard most)"},
-          kSpeed,
-          kReport,
-          kEvents,
-          kNearby,
-          kJson,
-          kHost,
-          kToken,
-          kCa,
-          kApp,
-          kConfigDir},
+        {"simulate", "[SCENARIO]", "walk a shopper through a simulated store",
+         runOptions({{"seed", "N", "the simulation's random seed (default 1)"}}), pelm::cli::simulateCommand},
+        {"replay", "FILE", "play a recording (btsnoop, pcap, pcapng, JSON trace)",
+         runOptions({{"scanner", "NAME", "take only this scanner's lines of a trace"},
+                     {"uuid", "UUID", "the app's proximity UUID (default: the one heard most)"}}),
          pelm::cli::replayCommand},
         {"record",
          "FILE.jsonl",

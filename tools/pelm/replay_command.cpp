@@ -7,8 +7,7 @@
 #include "cli.hpp"
 #include "pelm_server/text_numbers.hpp"
 #include "replay.hpp"
-#include "report.hpp"
-#include "timeline_output.hpp"
+#include "run_output.hpp"
 
 namespace pelm::cli {
 
@@ -38,27 +37,13 @@ int replayCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm replay: --host and --token go together\n");
         return 2;
     }
-    const auto nearby = nearbyLines(args.option("nearby").value_or("changes"));
-    if (!nearby) {
-        std::fprintf(stderr, "pelm %s: --nearby takes all, changes or none\n", "replay");
-        return 2;
-    }
-    TimelinePrinter printer(*nearby);
-    EventsFile events;
-    ReportFile report;
-    std::string error;
-    if (!events.open(args.option("events"), error) || !report.open(args.option("report"), error)) {
-        std::fprintf(stderr, "pelm replay: %s\n", error.c_str());
-        return 1;
-    }
+    RunOutput output("replay");
+    if (const auto failure = output.open(args)) return *failure;
     std::printf("Replaying %s\nWhat the host app sees:\n", options.recording.c_str());
     std::fflush(stdout);
     ReplayResult result;
     try {
-        result = runReplay(options, [&](const TimelineEvent& event) {
-            printer.print(event);
-            events.write(event);
-        });
+        result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
     } catch (const platform::RecordingError& e) {
         std::fprintf(stderr, "pelm replay: %s\n", e.what());
         return 1;
@@ -74,21 +59,11 @@ int replayCommand(const Arguments& args) {
         std::printf("The visits as the server stored them:\n");
         printStoredVisits(result.storedVisits, args.flag("json"));
     }
-    if (!events.close()) {
-        std::fprintf(stderr, "pelm replay: cannot write %s\n", args.option("events")->c_str());
-        return 1;
-    }
-    if (report.path()) {
-        const ReportHeader header{options.recording.filename().string(),
-                                  options.recording.string() + ": " + result.summary.line(), result.start};
-        const auto length = std::chrono::duration_cast<std::chrono::milliseconds>(
-            result.timeline.empty() ? std::chrono::milliseconds(0) : result.timeline.back().at);
-        if (!report.write(htmlReport(header, result.timeline, length, result.storedVisits), error)) {
-            std::fprintf(stderr, "pelm replay: %s\n", error.c_str());
-            return 1;
-        }
-        std::printf("Report written to %s\n", report.path()->c_str());
-    }
+    const ReportHeader header{options.recording.filename().string(),
+                              options.recording.string() + ": " + result.summary.line(), result.start};
+    const auto length = result.timeline.empty() ? std::chrono::milliseconds(0) : result.timeline.back().at;
+    if (const auto failure = output.finish(header, result.timeline, length, result.storedVisits))
+        return *failure;
     return 0;
 }
 

@@ -63,8 +63,8 @@ int serveCommand(const Arguments& args) {
                                         : "demo data (token demo-token)");
         if (auto ca = server.caFile()) {
             std::printf("throwaway certificate: trust it with --ca %s\n", ca->c_str());
-            if (options.bindAddress != "127.0.0.1" && options.bindAddress != "::1" && options.names.empty())
-                std::printf("it names localhost only: --name adds this machine's LAN name or address\n");
+            if (const auto hint = server::lanNameHint(options.bindAddress, options.names))
+                std::printf("%s\n", hint->c_str());
         }
         std::printf("Ctrl-C stops it.\n");
         std::fflush(stdout);

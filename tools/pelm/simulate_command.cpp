@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 
 #include <pelm/model/json_text.hpp>
@@ -10,7 +9,7 @@
 #include "cli.hpp"
 #include "pelm_server/demo_seed.hpp"
 #include "pelm_server/text_numbers.hpp"
-#include "report.hpp"
+#include "run_output.hpp"
 #include "simulation.hpp"
 #include "timeline_output.hpp"
 
@@ -57,19 +56,8 @@ int simulateCommand(const Arguments& args) {
         return 2;
     }
 
-    const auto nearby = nearbyLines(args.option("nearby").value_or("changes"));
-    if (!nearby) {
-        std::fprintf(stderr, "pelm %s: --nearby takes all, changes or none\n", "simulate");
-        return 2;
-    }
-    TimelinePrinter printer(*nearby);
-    EventsFile events;
-    ReportFile report;
-    if (std::string failure;
-        !events.open(args.option("events"), failure) || !report.open(args.option("report"), failure)) {
-        std::fprintf(stderr, "pelm simulate: %s\n", failure.c_str());
-        return 1;
-    }
+    RunOutput output("simulate");
+    if (const auto failure = output.open(args)) return *failure;
     std::printf(
         "Simulating \"%s\": %zu beacons, a walk of %s, seed %llu, %s\n", options.scenario.name.c_str(),
         options.scenario.beacons.size(), clockText(options.scenario.duration()).c_str(),
@@ -84,8 +72,7 @@ int simulateCommand(const Arguments& args) {
         options,
         [&](const TimelineEvent& event) {
             if (realTime) std::printf("\r%*s\r", 60, "");
-            printer.print(event);
-            events.write(event);
+            output.show(event);
         },
         [&](std::chrono::milliseconds at, std::chrono::milliseconds end) {
             if (!realTime) return;
@@ -103,23 +90,12 @@ int simulateCommand(const Arguments& args) {
         std::printf("The visit as the server stored it:\n");
         printStoredVisits(result.storedVisits, args.flag("json"));
     }
-    if (!events.close()) {
-        std::fprintf(stderr, "pelm simulate: cannot write %s\n", args.option("events")->c_str());
-        return 1;
-    }
-    if (report.path()) {
-        const ReportHeader header{options.scenario.name,
-                                  "A simulated walk of " + clockText(options.scenario.duration()) +
-                                      ", seed " + std::to_string(options.seed),
-                                  result.start};
-        std::string failure;
-        if (!report.write(htmlReport(header, result.timeline, result.simulated, result.storedVisits),
-                          failure)) {
-            std::fprintf(stderr, "pelm simulate: %s\n", failure.c_str());
-            return 1;
-        }
-        std::printf("Report written to %s\n", report.path()->c_str());
-    }
+    const ReportHeader header{options.scenario.name,
+                              "A simulated walk of " + clockText(options.scenario.duration()) + ", seed " +
+                                  std::to_string(options.seed),
+                              result.start};
+    if (const auto failure = output.finish(header, result.timeline, result.simulated, result.storedVisits))
+        return *failure;
     return 0;
 }
 

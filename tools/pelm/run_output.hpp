@@ -1,0 +1,39 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli.hpp"
+#include "report.hpp"
+#include "timeline_output.hpp"
+
+namespace pelm::cli {
+
+/// Where simulate and replay send a run besides the terminal's header lines: the timeline (--nearby), the
+/// events file (--events) and the report (--report). The files are opened before the run, so that a path
+/// that cannot be written fails at once, and finished after it.
+class RunOutput {
+  public:
+    explicit RunOutput(std::string command) : command_(std::move(command)) {}
+
+    /// Reads --nearby and opens the files; the exit code when it cannot (2 for a bad --nearby, 1 for a file).
+    std::optional<int> open(const Arguments& args);
+    /// One event, to the terminal and the events file.
+    void show(const TimelineEvent& event);
+    /// The files finished: the events file closed, the report written; the exit code when one could not be.
+    std::optional<int> finish(const ReportHeader& header, const std::vector<TimelineEvent>& timeline,
+                              std::chrono::milliseconds length, const JSON& storedVisits);
+
+  private:
+    std::optional<int> failed(const std::string& why, int code) const;
+
+    std::string command_;
+    std::string eventsPath_;
+    std::optional<TimelinePrinter> printer_;
+    EventsFile events_;
+    ReportFile report_;
+};
+
+}  // namespace pelm::cli
