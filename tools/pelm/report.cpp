@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <map>
 #include <set>
 #include <sstream>
 
@@ -63,24 +62,24 @@ std::string clock(double seconds) {
     return text;
 }
 
-// The kinds of mark, as the page's classes and the legend name them.
-constexpr const char* kMarkNames[] = {"entry", "exit", "entry-content", "exit-content", "held-back"};
+// Every kind of mark, in the legend's order, as the page's classes name them and the legend explains them.
+// After the band and the line come the BeaconMark kinds, in their order.
+struct MarkKind {
+    const char* name;
+    const char* legend;
+};
+constexpr MarkKind kMarks[] = {
+    {"heard", "heard by the radio"},
+    {"signal", "signal strength (dBm)"},
+    {"entry", "sub-region entered"},
+    {"exit", "sub-region left"},
+    {"entry-content", "entry content handed over"},
+    {"exit-content", "exit content handed over"},
+    {"held-back", "held back while cooling down"},
+};
 
 const char* markName(BeaconMark::Kind kind) {
-    return kMarkNames[static_cast<int>(kind)];
-}
-
-const char* legendText(const std::string& mark) {
-    static const std::map<std::string, const char*> texts{
-        {"heard", "heard by the radio"},
-        {"signal", "signal strength (dBm)"},
-        {"entry", "sub-region entered"},
-        {"exit", "sub-region left"},
-        {"entry-content", "entry content handed over"},
-        {"exit-content", "exit content handed over"},
-        {"held-back", "held back while cooling down"},
-    };
-    return texts.at(mark);
+    return kMarks[2 + static_cast<int>(kind)].name;
 }
 
 // One mark's shape, centred at (x, y).
@@ -257,12 +256,11 @@ void TimelineDrawing::axis(double bottom) {
 std::string legend(const std::set<std::string>& drawn) {
     std::ostringstream out;
     out << "<div id='legend'>";
-    for (const char* mark :
-         {"heard", "signal", "entry", "exit", "entry-content", "exit-content", "held-back"}) {
-        if (!drawn.count(mark)) continue;
-        out << "<span class='legend-item' data-mark='" << mark
-            << "'><svg viewBox='0 0 24 16' width='24' height='16'>" << markShape(mark, 12, 8) << "</svg>"
-            << legendText(mark) << "</span>";
+    for (const auto& mark : kMarks) {
+        if (!drawn.count(mark.name)) continue;
+        out << "<span class='legend-item' data-mark='" << mark.name
+            << "'><svg viewBox='0 0 24 16' width='24' height='16'>" << markShape(mark.name, 12, 8) << "</svg>"
+            << mark.legend << "</span>";
     }
     out << "</div>";
     return out.str();
