@@ -154,12 +154,6 @@ TEST(Records, InvalidUtf8InAFieldIsWrittenNotThrown) {
     EXPECT_NO_THROW(beacon.toJSONText());
 }
 
-}  // namespace
-}  // namespace pelm
-
-namespace pelm {
-namespace {
-
 TEST(JSONText, AProblemIsPlacedByLineAndCharacterWithoutEchoingTheBytes) {
     EXPECT_EQ(jsonTextProblem(R"({"a": [1, 2]})"), std::nullopt);
     // Column counts characters, so a name with "ä" before the fault does not shift it.
