@@ -1,8 +1,11 @@
 #include "report.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -410,8 +413,15 @@ std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEve
 bool ReportFile::open(const std::optional<std::string>& path, std::string& error) {
     path_ = path;
     if (!path) return true;
-    // Opened to append, which leaves an earlier report whole should the run be interrupted.
-    const bool writable = static_cast<bool>(std::ofstream(*path, std::ios::app));
+    // Nothing is made or changed yet: an earlier report stays whole, and no empty one is left, should the run
+    // be interrupted. An existing file is opened to append; for a new one, its folder must take it.
+    std::error_code ignored;
+    const std::filesystem::path file(*path);
+    const auto folder = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
+    const bool writable =
+        std::filesystem::exists(file, ignored)
+            ? static_cast<bool>(std::ofstream(file, std::ios::app))
+            : std::filesystem::is_directory(folder, ignored) && ::access(folder.c_str(), W_OK) == 0;
     if (!writable) error = "cannot write " + *path;
     return writable;
 }
