@@ -7,9 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -145,7 +149,18 @@ TEST_F(FileKeyValueStoreTest, TwoProcessesWritingAtOnceKeepEachOthersKeys) {
     EXPECT_EQ(FileKeyValueStore(file_).entries().size(), 80u);
 }
 
-TEST_F(FileKeyValueStoreTest, ABrokenFileReadsAsEmptyAndIsKeptAsideOnTheNextWrite) {
+// The files set aside beside the settings file, by name.
+std::vector<std::string> corruptFiles(const fs::path& file) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(file.parent_path())) {
+        const auto name = entry.path().filename().string();
+        if (name.rfind(file.filename().string() + ".corrupt", 0) == 0) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST_F(FileKeyValueStoreTest, ABrokenFileReadsAsEmptyAndIsKeptAsideUnderANewNameEachTime) {
     fs::create_directories(file_.parent_path());
     std::ofstream(file_) << "{\"pelm.apptoken\": \"half";
     FileKeyValueStore store(file_);
@@ -158,8 +173,105 @@ TEST_F(FileKeyValueStoreTest, ABrokenFileReadsAsEmptyAndIsKeptAsideOnTheNextWrit
     EXPECT_EQ(fileText(), "{\"pelm.apptoken\": \"half");
     store.set("pelm.apihost", "h");
     EXPECT_EQ(store.get("pelm.apihost"), "h");
-    EXPECT_TRUE(fs::exists(file_.string() + ".corrupt"));
+    // Broken twice within the same second: the second copy gets a name of its own.
+    std::ofstream(file_) << "[\"second\"]";
+    store.set("pelm.apihost", "h2");
+    const auto aside = corruptFiles(file_);
+    ASSERT_EQ(aside.size(), 2u);
+    EXPECT_TRUE(std::regex_match(aside[0], std::regex("hostapp\\.json\\.corrupt-[0-9]{8}T[0-9]{6}Z(-2)?")))
+        << aside[0];
+    std::set<std::string> kept;
+    for (const auto& name : aside) {
+        std::ifstream in(file_.parent_path() / name);
+        kept.insert(std::string(std::istreambuf_iterator<char>(in), {}));
+    }
+    EXPECT_EQ(kept, (std::set<std::string>{"{\"pelm.apptoken\": \"half", "[\"second\"]"}));
+    ASSERT_EQ(log_->lines().size(), 3u);
+    EXPECT_EQ(log_->lines()[1], "[PELM][ERROR] The settings file " + file_.string() +
+                                    " is not a JSON object of texts; kept as " +
+                                    (file_.parent_path() / aside[0]).string() + ", starting afresh.");
 }
+
+// One system call of the store's fails once, with one errno; all the others go through.
+struct Fault {
+    const char* call;
+    int error;
+    friend void PrintTo(const Fault& fault, std::ostream* out) {
+        *out << fault.call << " fails with " << strerrorname_np(fault.error);
+    }
+};
+
+class FileKeyValueStoreFaultTest : public FileKeyValueStoreTest, public ::testing::WithParamInterface<Fault> {
+  protected:
+    FileCalls failingOnce() {
+        auto calls = FileCalls::system();
+        const auto fault = GetParam();
+        const auto failNow = [this, fault](const char* call) {
+            if (std::string(call) != fault.call || fired_) return false;
+            fired_ = true;
+            errno = fault.error;
+            return true;
+        };
+        const auto settings = file_.string();
+        const auto open = calls.open;
+        calls.open = [=](const char* path, int flags, mode_t mode) {
+            return path == settings && failNow("open") ? -1 : open(path, flags, mode);
+        };
+        const auto read = calls.read;
+        calls.read = [=](int fd, void* buffer, size_t size) {
+            return failNow("read") ? ssize_t{-1} : read(fd, buffer, size);
+        };
+        const auto write = calls.write;
+        calls.write = [=](int fd, const void* buffer, size_t size) {
+            return failNow("write") ? ssize_t{-1} : write(fd, buffer, size);
+        };
+        const auto fsync = calls.fsync;
+        calls.fsync = [=](int fd) { return failNow("fsync") ? -1 : fsync(fd); };
+        const auto rename = calls.rename;
+        calls.rename = [=](const char* from, const char* to, bool replace) {
+            return failNow("rename") ? -1 : rename(from, to, replace);
+        };
+        return calls;
+    }
+    bool fired_ = false;
+};
+
+TEST_P(FileKeyValueStoreFaultTest, AFailedCallKeepsTheFileWholeAndSaysWhichKeyFileAndCause) {
+    FileKeyValueStore(file_).set("pelm.apptoken", "the token");
+    const auto before = fileText();
+    FileKeyValueStore store(file_, failingOnce());
+    store.set("pelm.uuid", "new");
+    ASSERT_TRUE(fired_);
+
+    EXPECT_EQ(fileText(), before);
+    EXPECT_TRUE(corruptFiles(file_).empty());
+    EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
+    ASSERT_EQ(log_->lines().size(), 1u);
+    const auto line = log_->lines()[0];
+    EXPECT_EQ(line.rfind("[PELM][ERROR] Unable to store \"pelm.uuid\" in " + file_.string() + ": ", 0), 0u)
+        << line;
+    EXPECT_NE(line.find(std::strerror(GetParam().error)), std::string::npos) << line;
+
+    // The moment passed: the token is there, and the next write goes through.
+    EXPECT_EQ(FileKeyValueStore(file_).get("pelm.apptoken"), "the token");
+    store.set("pelm.uuid", "new");
+    EXPECT_EQ(store.get("pelm.uuid"), "new");
+    EXPECT_EQ(store.get("pelm.apptoken"), "the token");
+}
+
+std::string faultName(const ::testing::TestParamInfo<Fault>& info) {
+    return std::string(info.param.call) + "_" + strerrorname_np(info.param.error);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryCallEveryErrno, FileKeyValueStoreFaultTest,
+                         ::testing::Values(Fault{"open", EIO}, Fault{"open", EMFILE}, Fault{"open", ENFILE},
+                                           Fault{"open", EACCES}, Fault{"open", ENOMEM}, Fault{"read", EIO},
+                                           Fault{"read", EMFILE}, Fault{"read", EAGAIN},
+                                           Fault{"read", ENOMEM}, Fault{"write", EIO}, Fault{"write", ENOSPC},
+                                           Fault{"write", EDQUOT}, Fault{"fsync", EIO},
+                                           Fault{"fsync", ENOSPC}, Fault{"rename", EIO},
+                                           Fault{"rename", EMFILE}),
+                         faultName);
 
 TEST_F(FileKeyValueStoreTest, AnEndlessFileIsReadOnlyUpToTheLimit) {
     fs::create_directories(file_.parent_path());

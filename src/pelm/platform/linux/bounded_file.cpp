@@ -19,9 +19,10 @@ std::string sizeText(std::size_t bytes) {
 
 }  // namespace
 
-FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxBytes) {
+FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxBytes,
+                             const FileCalls& calls) {
     FileContents result;
-    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = calls.open(file.c_str(), O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) {
         result.missing = errno == ENOENT || errno == ENOTDIR;
         result.error =
@@ -31,7 +32,7 @@ FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxB
     std::string bytes;
     char buffer[65536];
     for (;;) {
-        const auto n = ::read(fd, buffer, sizeof buffer);
+        const auto n = calls.read(fd, buffer, sizeof buffer);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             result.error = std::string("cannot be read: ") + std::strerror(errno);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include <pelm/model/json_binding.hpp>
+#include <pelm/platform/linux/file_calls.hpp>
 
 namespace pelm::platform {
 
@@ -22,7 +23,8 @@ struct FileContents {
 
 /// Reads a whole file, but never more than `maxBytes`: a larger file, or an endless one (a device, a pipe),
 /// is an error, found out after reading `maxBytes` + 1 bytes at most.
-FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxBytes = kMaxJSONFileBytes);
+FileContents readBoundedFile(const std::filesystem::path& file, std::size_t maxBytes = kMaxJSONFileBytes,
+                             const FileCalls& calls = FileCalls::system());
 
 /// A JSON file's value (a scenario, a seed), or why there is none, naming the file: "F does not exist",
 /// "F is not valid JSON: line 3, column 7: ...".

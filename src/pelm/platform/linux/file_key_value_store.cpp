@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <ctime>
 
 #include <pelm/model/json_text.hpp>
 #include <pelm/platform/linux/bounded_file.hpp>
@@ -37,10 +39,10 @@ std::string errnoText(const char* what) {
 }
 
 // Empty on success, else why not. A write that makes no progress without an error is a full disk.
-std::string writeAll(int fd, const std::string& data) {
+std::string writeAll(const FileCalls& calls, int fd, const std::string& data) {
     std::size_t done = 0;
     while (done < data.size()) {
-        const auto n = ::write(fd, data.data() + done, data.size() - done);
+        const auto n = calls.write(fd, data.data() + done, data.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return errnoText("cannot write");
         if (n == 0) return "cannot write: " + std::string(std::strerror(ENOSPC));
@@ -55,10 +57,11 @@ std::string suffixed(const std::filesystem::path& file, const char* suffix) {
 
 }  // namespace
 
-FileKeyValueStore::FileKeyValueStore(std::filesystem::path file) : file_(std::move(file)) {}
+FileKeyValueStore::FileKeyValueStore(std::filesystem::path file, FileCalls calls)
+    : file_(std::move(file)), calls_(std::move(calls)) {}
 
 ordered_json FileKeyValueStore::load() const {
-    const auto read = readBoundedFile(file_);
+    const auto read = readBoundedFile(file_, kMaxJSONFileBytes, calls_);
     if (read.missing) return ordered_json::object();
     auto parsed = read.bytes ? parseJSONText(*read.bytes) : std::nullopt;
     if (parsed && parsed->is_object()) {
@@ -120,43 +123,71 @@ void FileKeyValueStore::update(const char* verb, std::string_view key,
     std::filesystem::create_directories(file_.parent_path(), ignored);
 
     // The lock file is never replaced, so every process locks the same inode.
-    FileDescriptor lockFile(::open(suffixed(file_, ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    FileDescriptor lockFile(
+        calls_.open(suffixed(file_, ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (!lockFile.valid()) return report(verb, key, errnoText("cannot lock"));
     while (::flock(lockFile.get(), LOCK_EX) != 0) {
         if (errno != EINTR) return report(verb, key, errnoText("cannot lock"));
     }
 
-    const auto read = readBoundedFile(file_);
-    auto parsed = read.bytes ? parseJSONText(*read.bytes) : std::nullopt;
+    // A file we could not read at this moment (EIO, EMFILE, ...) may be whole and hold the token: it stays
+    // as it is, and this change is not made. Only a file read whole that is not ours is set aside.
+    const auto read = readBoundedFile(file_, kMaxJSONFileBytes, calls_);
     ordered_json contents = ordered_json::object();
-    if (parsed && parsed->is_object()) {
-        contents = std::move(*parsed);
+    if (read.bytes) {
+        auto parsed = parseJSONText(*read.bytes);
+        if (parsed && parsed->is_object()) {
+            contents = std::move(*parsed);
+        } else if (const auto failure = setAside(); !failure.empty()) {
+            return report(verb, key, failure);
+        }
     } else if (!read.missing) {
-        // Keep what we could not read, rather than overwrite it.
-        std::filesystem::rename(file_, suffixed(file_, ".corrupt"), ignored);
+        return report(verb, key, "the file " + read.error + "; it is left as it was");
     }
     change(contents);
     if (const auto failure = replaceFile(contents); !failure.empty()) report(verb, key, failure);
+}
+
+std::string FileKeyValueStore::setAside() const {
+    const auto stamp = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    std::tm utc{};
+    ::gmtime_r(&stamp, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
+    const auto base = file_.string() + ".corrupt-" + text;
+    // Never over an earlier one: each may be the only copy of something.
+    for (int attempt = 1; attempt <= 1000; ++attempt) {
+        const auto aside = attempt == 1 ? base : base + "-" + std::to_string(attempt);
+        if (calls_.rename(file_.c_str(), aside.c_str(), false) == 0) {
+            Log::error([&] {
+                return "The settings file " + file_.string() + " is not a JSON object of texts; kept as " +
+                       aside + ", starting afresh.";
+            });
+            return {};
+        }
+        if (errno != EEXIST) return errnoText(("cannot set the unreadable file aside as " + aside).c_str());
+    }
+    return "cannot set the unreadable file aside: " + base + " and 999 more names are taken";
 }
 
 std::string FileKeyValueStore::replaceFile(const ordered_json& contents) const {
     const auto temporary = suffixed(file_, ".tmp");
     std::string failure;
     {
-        FileDescriptor out(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        FileDescriptor out(calls_.open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         if (!out.valid()) return errnoText(("cannot create " + temporary).c_str());
-        failure = writeAll(out.get(), jsonText(contents, 2) + "\n");
-        if (failure.empty() && ::fsync(out.get()) != 0) failure = errnoText("cannot flush");
+        failure = writeAll(calls_, out.get(), jsonText(contents, 2) + "\n");
+        if (failure.empty() && calls_.fsync(out.get()) != 0) failure = errnoText("cannot flush");
     }
-    if (failure.empty() && ::rename(temporary.c_str(), file_.c_str()) != 0)
+    if (failure.empty() && calls_.rename(temporary.c_str(), file_.c_str(), true) != 0)
         failure = errnoText("cannot replace");
     if (!failure.empty()) {
         // The old file stands as it was; the half-written new one must not be left beside it.
         ::unlink(temporary.c_str());
         return failure;
     }
-    FileDescriptor folder(::open(file_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.valid()) ::fsync(folder.get());
+    FileDescriptor folder(calls_.open(file_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
+    if (folder.valid()) calls_.fsync(folder.get());
     return {};
 }
 

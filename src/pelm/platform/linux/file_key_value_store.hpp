@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <pelm/platform/key_value_store.hpp>
+#include <pelm/platform/linux/file_calls.hpp>
 
 namespace pelm::platform {
 
@@ -19,11 +20,14 @@ namespace pelm::platform {
 ///
 /// Nothing here throws. A write that fails leaves the old file as it was, removes its temporary file and
 /// writes one log line naming the key, the file and the cause; a text that is not valid UTF-8 is not stored
-/// (JSON cannot carry it). A file that cannot be read (not JSON, over 64 MiB) reads as empty, said once in
-/// the log; the next write sets it aside as FILE.corrupt.
+/// (JSON cannot carry it). A file that cannot be read at the moment (any errno on open or read, or over
+/// 64 MiB) reads as empty, said once in the log, and is never touched: a write while it cannot be read is
+/// refused and logged, so a passing EIO or EMFILE cannot cost the stored token. Only a file read whole that
+/// is not a JSON object is set aside, by the next write, to FILE.corrupt-<UTC time>, never over an earlier
+/// one, said in one log line.
 class FileKeyValueStore final : public KeyValueStore {
   public:
-    explicit FileKeyValueStore(std::filesystem::path file);
+    explicit FileKeyValueStore(std::filesystem::path file, FileCalls calls = FileCalls::system());
 
     std::optional<std::string> get(std::string_view key) const override;
     void set(std::string_view key, std::string_view value) override;
@@ -39,9 +43,12 @@ class FileKeyValueStore final : public KeyValueStore {
                 const std::function<void(nlohmann::ordered_json&)>& change);
     /// Empty on success, else the cause.
     std::string replaceFile(const nlohmann::ordered_json& contents) const;
+    /// Moves an unreadable file to a name of its own; empty on success, else the cause.
+    std::string setAside() const;
     void report(const char* verb, std::string_view key, const std::string& why) const;
 
     std::filesystem::path file_;
+    FileCalls calls_;
     mutable std::mutex mutex_;
     mutable std::atomic<bool> reportedUnreadable_{false};
 };
