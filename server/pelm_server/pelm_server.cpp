@@ -27,6 +27,12 @@ void error(httplib::Response& res, int status, const std::string& message) {
     reply(res, status, JSON{{"status", "error"}, {"message", message}});
 }
 
+void tooLarge(httplib::Response& res) {
+    error(res, 413,
+          "The request body is larger than the limit of 1 MiB (" + std::to_string(PelmServer::kMaxBodyBytes) +
+              " bytes)");
+}
+
 std::string param(const httplib::Request& req, const char* key) {
     return req.has_param(key) ? req.get_param_value(key) : std::string();
 }
@@ -215,9 +221,23 @@ void PelmServer::routes() {
         if (exit) body["content_exit"] = *exit;
         reply(res, 200, body);
     });
-    http_->Post(base + "/sessions", [this](const httplib::Request& req, httplib::Response& res) {
-        recordBody(&req, req.body);
-        const auto form = parseFormBody(req.body);
+    // The body is read here, not by the server library, whose own limit for form bodies is 8 KiB: a long
+    // visit must get up to kMaxBodyBytes through.
+    http_->Post(base + "/sessions", [this](const httplib::Request& req, httplib::Response& res,
+                                           const httplib::ContentReader& content) {
+        std::string body;
+        bool over = false;
+        const bool whole = content([&](const char* data, std::size_t size) {
+            over = body.size() + size > kMaxBodyBytes;
+            if (!over) body.append(data, size);
+            return !over;
+        });
+        if (!whole) {
+            if (over || res.status == 413) return tooLarge(res);
+            return error(res, 400, "The request body could not be read");
+        }
+        recordBody(&req, body);
+        const auto form = parseFormBody(body);
         const auto text = [&](const char* key) {
             const auto found = form.find(key);
             return found != form.end() && found->is_string() ? found->get<std::string>() : std::string();
@@ -233,6 +253,10 @@ void PelmServer::routes() {
     http_->set_post_routing_handler([this](const httplib::Request& req, httplib::Response&) {
         std::lock_guard lock(mutex_);
         recordOf_.erase(&req);
+    });
+    // A body the server library refused by its length alone comes here with no text of its own.
+    http_->set_error_handler([](const httplib::Request&, httplib::Response& res) {
+        if (res.status == 413 && res.body.empty()) tooLarge(res);
     });
     http_->set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
         error(res, 500, "Internal server error");

@@ -142,6 +142,31 @@ TEST_F(APIClientTest, SessionUploadArrivesAsANestedFormAndIsStored) {
     EXPECT_EQ(stored[0]["session_user"], "U");
 }
 
+TEST_F(APIClientTest, AVisitOfTwoThousandLinesIsStoredWhole) {
+    auto session = std::make_shared<Session>();
+    session->startTime = testing::kStart;
+    session->endTime = testing::kStart + std::chrono::hours(3);
+    std::vector<std::shared_ptr<SessionLog>> lines;
+    for (int i = 0; i < 2000; ++i) {
+        auto line = std::make_shared<SessionLog>(testing::kUuid, std::to_string(i / 100), std::to_string(i),
+                                                 testing::kStart + std::chrono::seconds(5 * i));
+        line->exitTime = *line->entranceTime + std::chrono::seconds(4);
+        lines.push_back(line);
+    }
+    std::vector<bool> outcomes;
+    client().createSession(session, "U", beacon("10"), lines, [&](bool ok) { outcomes.push_back(ok); });
+    settle();
+    EXPECT_THAT(outcomes, ElementsAre(true));
+    EXPECT_GT(server_->requests().back().body.size(), 100'000u);  // far past the 8 KiB of a plain form
+
+    const auto stored = server_->store().sessions();
+    ASSERT_EQ(stored.size(), 1u);
+    ASSERT_EQ(stored[0]["session_logs"].size(), 2000u);
+    EXPECT_EQ(stored[0]["session_logs"][1999]["minor"], "1999");
+    EXPECT_EQ(stored[0]["session_logs"][1999]["major"], "19");
+    EXPECT_TRUE(stored[0]["session_logs"][1999].contains("exit_time"));
+}
+
 TEST_F(APIClientTest, ContentLookupsAcceptExactly200OtherCalls2xx) {
     const auto body = R"({"status":"successful","content_exit":{"id":9},"app_config":{"min_sdk":"2"}})";
     fault(kByHardware, replying(201, body));
@@ -345,11 +370,14 @@ TEST_F(APIClientTest, ShuttingTheTransportDownEndsCallsInFlight) {
     EXPECT_THAT(lines(), ElementsAre("[PELM][ERROR] The request was cancelled"));
 }
 
-TEST(WithoutSecret, MasksTheTokenWhereverItAppears) {
-    EXPECT_EQ(withoutSecret("GET https://h/api/v1/status?app_token=s3cr%20t&x=1 failed", "s3cr t"),
+TEST(WithoutSecret, MasksTheTokenValueAndNoOtherText) {
+    EXPECT_EQ(withoutSecret("GET https://h/api/v1/status?app_token=s3cr%20t&x=1 failed"),
               "GET https://h/api/v1/status?app_token=***&x=1 failed");
-    EXPECT_EQ(withoutSecret("token s3cret-token in text", "s3cret-token"), "token *** in text");
-    EXPECT_EQ(withoutSecret("app_token=ab", "ab"), "app_token=***");
+    EXPECT_EQ(withoutSecret("app_token=ab"), "app_token=***");
+    EXPECT_EQ(withoutSecret("POST body app_token=code&session[x]=1"), "POST body app_token=***&session[x]=1");
+    // A token that is also a word leaves the words of a line alone.
+    EXPECT_EQ(withoutSecret("Response status code was unacceptable: 500."),
+              "Response status code was unacceptable: 500.");
 }
 
 class SlowReplyTest : public APIClientTest {

@@ -38,12 +38,15 @@ TEST_F(ServerLimits, TooManyOrTooLargeHeadersAndTooLargeBodiesAreRefusedWithThei
     const auto form = "app_token=" + std::string(testing::kToken) + "&session[app_version]=";
     const std::vector<std::pair<std::string, std::string>> formType{
         {"Content-Type", "application/x-www-form-urlencoded"}};
-    EXPECT_EQ(
-        exchange("POST", "/api/v1/sessions", formType, form + std::string(PelmServer::kMaxBodyBytes, 'v'))
-            .status,
-        413);
+    const auto over =
+        exchange("POST", "/api/v1/sessions", formType, form + std::string(PelmServer::kMaxBodyBytes, 'v'));
+    EXPECT_EQ(over.status, 413);
+    EXPECT_THAT(over.body, ::testing::HasSubstr("larger than the limit of 1 MiB (1048576 bytes)"));
+    // Just under the limit is taken, form or not.
+    const auto under = form + std::string(PelmServer::kMaxBodyBytes - form.size() - 1, 'v');
+    EXPECT_EQ(exchange("POST", "/api/v1/sessions", formType, under).status, 201);
     EXPECT_EQ(exchange("POST", "/api/v1/sessions", formType, form + "1").status, 201);
-    EXPECT_EQ(server_->store().sessions().size(), 1u);
+    EXPECT_EQ(server_->store().sessions().size(), 2u);
 }
 
 TEST(ServerMemory, RequestsAreKeptOnlyWhenAskedAndThenOnlyTheLatest) {

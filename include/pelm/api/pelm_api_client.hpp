@@ -60,7 +60,8 @@ class PELM_EXPORT PelmAPIClient {
     std::shared_ptr<platform::MainQueue> mainQueue_;
 };
 
-/// `text` with every appearance of the token, and any app_token= value, replaced by ***.
-PELM_EXPORT std::string withoutSecret(std::string text, const std::string& appToken);
+/// `text` with every app_token= value (of a query or a form) replaced by ***. Only whole values are masked:
+/// a token that also occurs as a word elsewhere in the text leaves that word alone.
+PELM_EXPORT std::string withoutSecret(std::string text);
 
 }  // namespace pelm

@@ -10,13 +10,6 @@
 namespace pelm {
 namespace {
 
-void replaceAll(std::string& text, const std::string& what, std::string_view with) {
-    if (what.empty()) return;
-    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size())) {
-        text.replace(at, what.size(), with);
-    }
-}
-
 // The envelope a reply makes, or why it makes none.
 template <class Envelope>
 std::variant<std::shared_ptr<Envelope>, std::string> judge(const platform::HttpReply& reply,
@@ -34,12 +27,9 @@ std::variant<std::shared_ptr<Envelope>, std::string> judge(const platform::HttpR
 
 }  // namespace
 
-std::string withoutSecret(std::string text, const std::string& appToken) {
-    // A very short token would blank out ordinary words; its app_token= value is still masked below.
-    if (appToken.size() >= 4) {
-        replaceAll(text, appToken, "***");
-        replaceAll(text, percentEscape(appToken), "***");
-    }
+std::string withoutSecret(std::string text) {
+    // The token travels only as the value of app_token= (in a query or a form), and only there is it masked:
+    // masking its text wherever it occurs would turn a token like "code" into holes in every line.
     for (auto at = text.find("app_token="); at != std::string::npos; at = text.find("app_token=", at + 1)) {
         const auto start = at + 10;
         const auto end = text.find_first_of("& \"'#", start);
@@ -80,7 +70,7 @@ void PelmAPIClient::perform(const APIRequest& request, Accepted accepted,
         auto outcome = judge<Envelope>(reply, exactly200);
         if (auto* envelope = std::get_if<std::shared_ptr<Envelope>>(&outcome))
             return onSuccess(std::move(*envelope));
-        Log::error([&] { return withoutSecret(std::get<std::string>(std::move(outcome)), token); });
+        Log::error([&] { return withoutSecret(std::get<std::string>(std::move(outcome))); });
         onFailure();
     };
     auto http = request.urlRequestOrReason();
