@@ -22,7 +22,7 @@ class GLibMainQueue final : public pelm::platform::MainQueue {
     GLibMainQueue(const GLibMainQueue&) = delete;
     GLibMainQueue& operator=(const GLibMainQueue&) = delete;
 
-    pelm::Date now() const override { return std::chrono::system_clock::now(); }
+    pelm::Date now() const override { return pelm::systemNow(); }
 
     // Tasks keep their order: they wait in one list, drained by a single idle source.
     void post(Task task) override {

@@ -34,8 +34,18 @@ TEST(Records, MalformedOrNonObjectInputGivesAnEmptyRecord) {
         ASSERT_TRUE(beacon);
         EXPECT_FALSE(beacon->uuid || beacon->major || beacon->minor) << text;
     }
-    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
-    EXPECT_EQ(Content::fromJSONText(R"({"extra_info": )" + deep + "}")->extraInfo, JSON::object());
+    // Beyond any depth a reply can reach, refused whole, at any depth, without a crash.
+    for (const std::size_t levels : {std::size_t{1024}, std::size_t{1'000'000}}) {
+        const std::string deep = std::string(levels, '[') + std::string(levels, ']');
+        EXPECT_EQ(Content::fromJSONText(R"({"id": 7, "extra_info": )" + deep + "}")->id, std::nullopt);
+    }
+}
+
+TEST(Records, AReplyNestedDeeperThanAnyRealOneStillKeepsItsFields) {
+    const std::string deep = std::string(1000, '[') + std::string(1000, ']');
+    const auto content = Content::fromJSONText(R"({"id": 7, "extra_info": {"layers": )" + deep + "}}");
+    EXPECT_EQ(content->id, 7);
+    EXPECT_EQ(content->extraInfo["layers"].size(), 1u);
 }
 
 TEST(Records, TextFieldsTakeOnlyStrings) {
@@ -164,8 +174,8 @@ TEST(JSONText, AProblemIsPlacedByLineAndCharacterWithoutEchoingTheBytes) {
     EXPECT_THAT(truncated, ::testing::HasSubstr("unexpected end of input"));
     EXPECT_THAT(jsonTextProblem("[\"\xff\x01secret\"]").value_or(""),
                 ::testing::Not(::testing::HasSubstr("secret")));
-    EXPECT_EQ(jsonTextProblem(std::string(200, '[') + std::string(200, ']')),
-              "it nests deeper than 128 levels");
+    EXPECT_EQ(jsonTextProblem(std::string(1100, '[') + std::string(1100, ']')),
+              "it nests deeper than 1023 levels");
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ std::uint64_t recordTrace(const platform::BluezOptions& bluez, std::ostream& out
     };
     {
         platform::BluezAdvertisements radio(bluez, *adapter, [&](platform::HeardAdvertisement advertisement) {
-            advertisement.at = std::chrono::system_clock::now();
+            advertisement.at = systemNow();
             std::lock_guard lock(mutex);
             heard.push_back(std::move(advertisement));
         });

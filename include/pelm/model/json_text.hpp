@@ -11,8 +11,9 @@
 namespace pelm {
 
 /// Nesting deeper than this is refused before parsing: deep documents would otherwise cost stack in the
-/// parser's users (copies, dumps, destruction), and no reply of the server nests beyond a handful of levels.
-inline constexpr std::size_t kMaxJSONDepth = 128;
+/// parser's users (copies, dumps), so a limit there must be. Real replies nest a handful of levels; this one
+/// is far past any, and still a few hundred kilobytes of stack for the deepest copy or dump.
+inline constexpr std::size_t kMaxJSONDepth = 1023;
 
 /// Parses JSON text; none for malformed text or text nested deeper than `maxDepth`. Never throws.
 PELM_EXPORT std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text,

@@ -17,7 +17,7 @@ namespace pelm::platform {
 /// drives it in slices with `runFor`/`runUntil`.
 class PELM_EXPORT RunLoop final : public MainQueue {
   public:
-    Date now() const override { return std::chrono::system_clock::now(); }
+    Date now() const override { return systemNow(); }
     void post(Task task) override;
     TimerId postAfter(std::chrono::milliseconds delay, Task task) override;
     void cancel(TimerId timer) override;

@@ -1,5 +1,6 @@
 #include <pelm/model/json_date_transform.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 
@@ -50,7 +51,7 @@ bool digits(std::string_view text, std::size_t at, std::size_t count, int& out) 
 }  // namespace
 
 std::string dateText(Date date) {
-    const auto millis = floor<milliseconds>(date);
+    const auto millis = floor<milliseconds>(std::clamp(date, kEarliestDate, kLatestDate));
     const auto seconds = floor<std::chrono::seconds>(millis);
     const auto offset = localOffset(seconds);
     const auto f = fieldsOf(seconds + offset);
@@ -81,14 +82,12 @@ std::optional<Date> dateFromText(std::string_view text) {
     const auto offset = (text[23] == '-' ? -1 : 1) * (hours{oh} + minutes{om});
     const auto wall = sys_days{ymd} + hours{h} + minutes{mi} + std::chrono::seconds{s} + milliseconds{ms};
     const auto sinceEpoch = (wall - offset).time_since_epoch();
-    // The platform's instants span a few centuries around 1970; a text beyond them names no instant we hold.
-    constexpr auto limit = duration_cast<milliseconds>(Date::duration::max()) - milliseconds{1};
-    if (sinceEpoch > limit || sinceEpoch < -limit) return std::nullopt;
+    // Every text of this form names an instant a Date holds (years 0000 to 9999, whatever the offset).
     return Date{duration_cast<Date::duration>(sinceEpoch)};
 }
 
 std::string dateDescription(Date date) {
-    const auto f = fieldsOf(floor<std::chrono::seconds>(date));
+    const auto f = fieldsOf(floor<std::chrono::seconds>(std::clamp(date, kEarliestDate, kLatestDate)));
     char text[40];
     std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d +0000", f.year, f.month, f.day, f.hour,
                   f.minute, f.second);
