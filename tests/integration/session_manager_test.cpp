@@ -203,6 +203,17 @@ TEST_F(SessionManagerTest, IdentityIsExactAndNeedsAllThreeTexts) {
     EXPECT_THAT(manager_->sessionLogs(), IsEmpty());
 }
 
+TEST_F(SessionManagerTest, ABeaconTheHostChangesIsFoundByWhatItIsNow) {
+    auto held = beacon("11");
+    EXPECT_TRUE(manager_->addBeacon(held));
+    held->minor = "12";                              // the host reuses its object for another beacon
+    EXPECT_TRUE(manager_->addBeacon(beacon("11")));  // 1/11 is no longer in the list
+    EXPECT_FALSE(manager_->addBeacon(beacon("12")));
+    EXPECT_TRUE(manager_->removeBeacon(beacon("12")));
+    EXPECT_TRUE(manager_->removeBeacon(beacon("11")));
+    EXPECT_THAT(manager_->discoveredBeacons(), IsEmpty());
+}
+
 TEST_F(SessionManagerTest, OpenLinesCloseFromTheBackAndTheEndClosesOnlyTheFirst) {
     const auto cheese = beacon("11"), bread = beacon("12");
     manager_->addEntryEvent(cheese);

@@ -73,6 +73,19 @@ TEST_F(DeviceStatusTest, LocationAndBluetoothReportAtOnceAndOnEveryChange) {
                                                "bluetooth 0", "bluetooth 1"));
 }
 
+TEST_F(DeviceStatusTest, AChangeQueuedBeforeTheNotifierStartedIsNotToldTwice) {
+    const auto manager = make();
+    // The platform saw Bluetooth come on and queued the news; the host starts the notifier before the queue
+    // delivers it, and is told the state at once.
+    const int posted = platform_.bluetooth->value = 5;
+    manager->startBluetoothNotifier();
+    platform_.bluetooth->change(posted);
+    platform_.bluetooth->change(4);
+    platform_.bluetooth->change(4);
+    manager->startBluetoothNotifier();  // asked again: told again
+    EXPECT_THAT(delegate_->events, ElementsAre("bluetooth 0", "bluetooth 1", "bluetooth 1"));
+}
+
 TEST_F(DeviceStatusTest, ReachabilityReportsTheWatchersAnswerOnTheMainQueue) {
     const auto manager = make();
     EXPECT_EQ(platform_.reachability->lastHost, "content.example:8443");

@@ -6,7 +6,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include <pelm/api/pelm_api_client.hpp>
@@ -92,9 +91,6 @@ class PELM_EXPORT PelmSessionManager : public std::enable_shared_from_this<PelmS
     std::shared_ptr<PelmAPIClient> pelmAPIClient_;
     std::shared_ptr<platform::Clock> clock_;
     std::vector<std::shared_ptr<Beacon>> discoveredBeacons_;
-    // Identity keys of discoveredBeacons_: ranging offers every beacon in range about once a second, and
-    // nearly all of those offers are answered "already in range".
-    std::unordered_set<std::string> inRange_;
     std::vector<CoolDownBeacon> coolDownBeacons_;
     std::vector<std::shared_ptr<SessionLog>> sessionLogs_;
     std::vector<std::shared_ptr<SessionLog>> unfinishedSessionLogs_;

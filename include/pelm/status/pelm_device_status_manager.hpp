@@ -3,6 +3,7 @@
 #include <pelm/export.hpp>
 
 #include <memory>
+#include <optional>
 
 #include <pelm/platform/device_status_sources.hpp>
 #include <pelm/platform/main_queue.hpp>
@@ -46,6 +47,7 @@ class PELM_EXPORT PelmDeviceStatusManager : public std::enable_shared_from_this<
     std::shared_ptr<platform::BluetoothState> bluetoothManager_;
     std::shared_ptr<void> locationObservation_;
     std::shared_ptr<void> bluetoothObservation_;
+    std::optional<int> toldBluetoothState_;
 };
 
 }  // namespace pelm

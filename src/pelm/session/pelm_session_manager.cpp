@@ -19,19 +19,6 @@ bool hasIdentity(const Beacon& beacon) {
     return beacon.uuid && beacon.major && beacon.minor;
 }
 
-// Only for beacons with all three texts. The separator cannot occur in a UUID or a decimal text, and
-// texts that contain it still give distinct keys because the lengths come first.
-std::string identityKey(const Beacon& beacon) {
-    std::string key;
-    key.reserve(beacon.uuid->size() + beacon.major->size() + beacon.minor->size() + 24);
-    for (const auto* text : {&*beacon.uuid, &*beacon.major, &*beacon.minor}) {
-        key += std::to_string(text->size());
-        key += ':';
-        key += *text;
-    }
-    return key;
-}
-
 }  // namespace
 
 std::shared_ptr<PelmSessionManager> PelmSessionManager::make() {
@@ -51,7 +38,6 @@ PelmSessionManager::PelmSessionManager(std::shared_ptr<PelmAPIClient> client,
 bool PelmSessionManager::addBeacon(std::shared_ptr<Beacon> beacon) {
     if (!beacon || beaconInArray(*beacon)) return false;
     discoveredBeacons_.push_back(beacon);
-    if (hasIdentity(*beacon)) inRange_.insert(identityKey(*beacon));
     contentStep(beacon, Content::DisplayType::entry);
     return true;
 }
@@ -63,13 +49,14 @@ bool PelmSessionManager::removeBeacon(const std::shared_ptr<Beacon>& beacon) {
     // From here on the stored beacon is used; it carries the same identity texts as the argument.
     const auto stored = discoveredBeacons_[*position];
     discoveredBeacons_.erase(discoveredBeacons_.begin() + static_cast<std::ptrdiff_t>(*position));
-    inRange_.erase(identityKey(*stored));
     contentStep(stored, Content::DisplayType::exit);
     return true;
 }
 
+// Asked of the beacons themselves, not of a copy of their keys: a host may change a Beacon it handed in, and
+// the list must then answer for what that beacon is now.
 bool PelmSessionManager::beaconInArray(const Beacon& beacon) const {
-    return hasIdentity(beacon) && inRange_.count(identityKey(beacon)) != 0;
+    return beaconIndexInArray(beacon).has_value();
 }
 
 std::optional<std::size_t> PelmSessionManager::beaconIndexInArray(const Beacon& beacon) const {

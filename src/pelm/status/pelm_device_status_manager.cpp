@@ -79,14 +79,18 @@ void PelmDeviceStatusManager::informLocationDelegate(int status) {
 void PelmDeviceStatusManager::startBluetoothNotifier() {
     if (!bluetoothManager_) return;
     if (!bluetoothObservation_) {
+        // A change the platform queued before this observer existed may arrive after the state was read
+        // below: only what differs from the last state told is a change.
         bluetoothObservation_ = bluetoothManager_->observe([self = weak_from_this()](int state) {
-            if (const auto manager = self.lock()) manager->informBluetoothDelegate(state);
+            const auto manager = self.lock();
+            if (manager && manager->toldBluetoothState_ != state) manager->informBluetoothDelegate(state);
         });
     }
     informBluetoothDelegate(bluetoothManager_->state());
 }
 
 void PelmDeviceStatusManager::informBluetoothDelegate(int state) {
+    toldBluetoothState_ = state;
     if (delegate) delegate->didChangeBluetoothStatus(bluetoothStatusFrom(state));
 }
 
