@@ -192,6 +192,65 @@ TEST_F(RegionEngineTest, OneIdentityFromSeveralDevicesIsOneBeaconButSeveralDevic
     }
 }
 
+TEST_F(RegionEngineTest, ABeaconHeardWhileTheStateIsAskedForIsInsideOnce) {
+    monitor_->startMonitoring(region("main"));
+    monitor_->requestState(region("main"));
+    platform_.loop->advance(400ms);
+    hear(11, -60);
+    platform_.loop->advance(2s);
+    EXPECT_THAT(recorder_->take(), ElementsAre("state 1 main", "enter main"));
+}
+
+TEST_F(RegionEngineTest, SilenceOfAnyLengthLeavesNoTimerAndKeepsTheTickPhase) {
+    monitor_->startMonitoring(region("main"));
+    hear(11, -60);
+    platform_.loop->advance(31s);
+    EXPECT_THAT(recorder_->take(), ElementsAre("state 1 main", "enter main", "state 2 main", "exit main"));
+    // Nothing inside, ranged or discovering: the engine sleeps, however long the silence.
+    EXPECT_EQ(platform_.loop->pendingTimers(), 0u);
+    platform_.loop->advance(std::chrono::hours(24 * 365 * 200));
+    EXPECT_EQ(platform_.loop->pendingTimers(), 0u);
+
+    // Heard again, it wakes on the phase of its first tick: ranging reports on whole seconds from the start.
+    const auto start = platform_.loop->now();
+    monitor_->startRanging(region("main"));
+    platform_.loop->advance(300ms);
+    hear(12, -70);
+    platform_.loop->advance(700ms);
+    EXPECT_THAT(recorder_->take(), ElementsAre("state 1 main", "enter main", "range 12@-70"));
+    EXPECT_EQ(platform_.loop->now() - start, 1s);
+}
+
+TEST_F(RegionEngineTest, DevicesAreForgottenOnceDiscoveryCannotReportThem) {
+    struct Devices : DeviceScannerDelegate {
+        std::vector<std::size_t> counts;
+        void didDiscoverDevices(const std::optional<std::vector<NearbyDevice>>& devices) override {
+            counts.push_back(devices ? devices->size() : 0);
+        }
+        void didFailToStartDiscovery(const std::optional<std::string>&) override {}
+    };
+    auto devices = std::make_shared<Devices>();
+    auto scanner = engine_->makeDeviceScanner(devices);
+    scanner->startDiscovery(2.0);
+    // A crowd of phones passing, each with an address of its own, 500 a second for a minute.
+    for (int second = 0; second < 60; ++second) {
+        for (int phone = 0; phone < 500; ++phone) {
+            engine_->hear({"phone-" + std::to_string(second) + "-" + std::to_string(phone),
+                           -80,
+                           {0x02, 0x01, 0x06},
+                           {},
+                           {},
+                           0,
+                           0,
+                           {},
+                           {}});
+        }
+        platform_.loop->advance(1s);
+    }
+    EXPECT_LE(engine_->rememberedDevices(), 1500u);
+    EXPECT_EQ(devices->counts.back(), 1000u);  // the two seconds of the last interval, each phone once
+}
+
 TEST(Scenario, BadFilesAreNamedFieldByField) {
     const auto error = [](const char* text) {
         try {

@@ -1,12 +1,20 @@
 // Real recordings played through the region engine and the whole library against the embedded server.
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
+#include <fstream>
 #include <map>
 
 #include <pelm/model/json_date_transform.hpp>
 #include <pelm/platform/ble/recording_reader.hpp>
 
+#include <pelm/platform/sim/simulated_store.hpp>
+
 #include "replay.hpp"
+#include "support/temp_folder.hpp"
 
 namespace pelm::cli {
 namespace {
@@ -81,6 +89,90 @@ TEST(Replay, EachRoomsScannerGivesTheVisitsThePhoneRuleGives) {
         }
     }
 }
+
+// A trace line: an iBeacon of the demo UUID (minor given), or a phone's advertisement that is none.
+std::string traceLine(std::int64_t millis, const std::string& address, std::optional<std::uint16_t> minor) {
+    platform::HeardAdvertisement heard;
+    heard.at = Date{std::chrono::milliseconds(millis)};
+    heard.address = address;
+    heard.rssi = -70;
+    if (minor) {
+        platform::Scenario::Beacon beacon;
+        beacon.uuid = *platform::ProximityUUID::parse("F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
+        beacon.major = 1;
+        beacon.minor = *minor;
+        heard.data = platform::SimulatedStore::advertisingData(beacon);
+    } else {
+        heard.data = {0x02, 0x01, 0x1A, 0x05, 0xFF, 0x4C, 0x00, 0x10, 0x01};
+    }
+    return platform::traceLine(heard) + "\n";
+}
+
+TEST(Replay, TimesThatJumpCostNothingAndAreNamed) {
+    const testing::TempFolder folder("pelm-replay-gap");
+    const auto file = folder.path() / "gap.jsonl";
+    constexpr std::int64_t k2023 = 1'680'000'000'000;  // 2023-03-28
+    constexpr std::int64_t kCentury = 100LL * 365 * 24 * 3600 * 1000;
+    {
+        std::ofstream out(file);
+        out << traceLine(5'000, "beacon-a", 1);  // a clock not yet set
+        for (int i = 0; i < 120; ++i) out << traceLine(k2023 + i * 1000, "beacon-a", 1);
+        out << traceLine(k2023 + 2 * kCentury, "beacon-a", 1);  // two hundred years later
+    }
+    ReplayOptions options;
+    options.recording = file;
+    const auto result = runReplay(options);
+    ASSERT_EQ(result.failure, "");
+    // The visit in 1970, the one in 2023 and the one two centuries on, each whole.
+    EXPECT_EQ(result.storedVisits.size(), 3u);
+    EXPECT_THAT(
+        result.timeWarnings,
+        ::testing::ElementsAre(
+            "1 advertisement is dated before 2000, the first at line 1 (1970-01-01 00:00:05 UTC); the "
+            "clock passes over such gaps in no time",
+            ::testing::StartsWith("1 advertisement is dated more than a day after the recording's "
+                                  "median time (2023-03-28 ")));
+    EXPECT_THAT(result.timeWarnings[1], ::testing::HasSubstr("the first at line 122 (2223-"));
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Peak memory of `pelm replay FILE`, in KiB, measured by the kernel for that process alone.
+long replayPeakKiB(const std::filesystem::path& file, int& exitStatus) {
+    const std::string tool = PELM_CLI, command = "replay", path = file.string();
+    char* argv[] = {const_cast<char*>(tool.c_str()), const_cast<char*>(command.c_str()),
+                    const_cast<char*>(path.c_str()), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t child = 0;
+    if (posix_spawn(&child, tool.c_str(), &actions, nullptr, argv, environ) != 0) return -1;
+    posix_spawn_file_actions_destroy(&actions);
+    rusage usage{};
+    ::wait4(child, &exitStatus, 0, &usage);
+    return usage.ru_maxrss;
+}
+
+TEST(Replay, AMillionPhonesPassingByFitIn64MiB) {
+    const testing::TempFolder folder("pelm-replay-crowd");
+    const auto file = folder.path() / "crowd.jsonl";
+    {
+        // A million advertisements, each from a phone of its own, among a store's three beacons.
+        std::ofstream out(file);
+        constexpr std::int64_t start = 1'680'000'000'000;
+        for (int i = 0; i < 1'000'000; ++i) {
+            const bool beacon = i % 10 == 0;
+            out << traceLine(
+                start + i, beacon ? "beacon-" + std::to_string(i / 10 % 3) : "phone-" + std::to_string(i),
+                beacon ? std::optional<std::uint16_t>(static_cast<std::uint16_t>(i / 10 % 3)) : std::nullopt);
+        }
+    }
+    int status = 0;
+    const auto peak = replayPeakKiB(file, status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_GT(peak, 0);
+    EXPECT_LT(peak, 64 * 1024) << "peak RSS " << peak << " KiB";
+}
+#endif
 
 }  // namespace
 }  // namespace pelm::cli

@@ -1,8 +1,11 @@
 #include "replay.hpp"
 
+#include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <set>
+#include <string_view>
 #include <thread>
 
 #include <pelm/model/json_text.hpp>
@@ -22,18 +25,84 @@ struct Identity {
     auto operator<=>(const Identity&) const = default;
 };
 
+// How many different texts went by, in 16 bytes a text at most: their 64-bit hashes, sorted and made
+// unique whenever the list has doubled. Two addresses of a million share a hash once in 10^7 recordings.
+class DistinctCount {
+  public:
+    void add(std::string_view text) {
+        hashes_.push_back(std::hash<std::string_view>{}(text));
+        if (hashes_.size() >= 2 * std::max<std::size_t>(unique_, 4096)) compact();
+    }
+    std::uint64_t count() {
+        compact();
+        return unique_;
+    }
+
+  private:
+    void compact() {
+        std::sort(hashes_.begin(), hashes_.end());
+        hashes_.erase(std::unique(hashes_.begin(), hashes_.end()), hashes_.end());
+        unique_ = hashes_.size();
+    }
+    std::vector<std::size_t> hashes_;
+    std::size_t unique_ = 0;
+};
+
+// The middle of the recording's times, from an evenly thinned sample of at most 64 Ki times.
+class MedianTime {
+  public:
+    void add(Date at) {
+        if (seen_++ % stride_ != 0) return;
+        sample_.push_back(at);
+        if (sample_.size() < kMaxSample) return;
+        for (std::size_t i = 0; i < sample_.size() / 2; ++i) sample_[i] = sample_[2 * i];
+        sample_.resize(sample_.size() / 2);
+        stride_ *= 2;
+    }
+    Date median() {
+        if (sample_.empty()) return {};
+        const auto middle = sample_.begin() + static_cast<std::ptrdiff_t>(sample_.size() / 2);
+        std::nth_element(sample_.begin(), middle, sample_.end());
+        return *middle;
+    }
+
+  private:
+    static constexpr std::size_t kMaxSample = 1 << 16;
+    std::vector<Date> sample_;
+    std::uint64_t seen_ = 0, stride_ = 1;
+};
+
+// Times no recording of a walk can have: before 2000 (a clock not yet set), or more than a day after most of
+// the file. Counted with the first one's place, for one warning line each.
+struct OddTimes {
+    std::uint64_t count = 0;
+    std::string first;
+    Date firstAt{};
+    void add(Date at, const platform::RecordingReader& reader) {
+        if (count++ == 0) {
+            first = reader.where();
+            firstAt = at;
+        }
+    }
+};
+
+constexpr Date kYear2000{std::chrono::seconds(946684800)};
+
 // One pass: counts, and the identities heard (few, whatever the file's size).
-RecordingSummary summarise(const ReplayOptions& options, std::set<Identity>& identities) {
+RecordingSummary summarise(const ReplayOptions& options, std::set<Identity>& identities, OddTimes& early) {
     RecordingSummary summary;
     auto reader = platform::RecordingReader::open(options.recording);
     summary.format = reader->format();
-    std::set<std::string> devices;
+    DistinctCount devices;
+    MedianTime middle;
     std::map<std::string, std::uint64_t> uuids;
     while (auto heard = reader->next()) {
         if (options.scanner && heard->receiver != *options.scanner) continue;
         if (summary.advertisements++ == 0) summary.first = heard->at;
         summary.last = heard->at;
-        devices.insert(heard->address);
+        middle.add(heard->at);
+        if (heard->at < kYear2000) early.add(heard->at, *reader);
+        devices.add(heard->address);
         if (const auto frame = platform::parseIBeacon(heard->data)) {
             ++summary.beaconAdvertisements;
             const auto uuid = frame->proximityUUID.uuidString();
@@ -41,7 +110,8 @@ RecordingSummary summarise(const ReplayOptions& options, std::set<Identity>& ide
             identities.insert({uuid, frame->major, frame->minor});
         }
     }
-    summary.devices = devices.size();
+    summary.devices = devices.count();
+    summary.median = middle.median();
     summary.warning = reader->warning();
     std::uint64_t most = 0;
     for (const auto& [uuid, count] : uuids) {
@@ -51,6 +121,22 @@ RecordingSummary summarise(const ReplayOptions& options, std::set<Identity>& ide
         }
     }
     return summary;
+}
+
+std::string dateText(Date at) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(at);
+    const auto stamp = static_cast<std::time_t>(seconds.time_since_epoch().count());
+    std::tm utc{};
+    ::gmtime_r(&stamp, &utc);
+    char text[40];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &utc);
+    return text;
+}
+
+std::string oddTimesWarning(const OddTimes& odd, const std::string& what) {
+    return std::to_string(odd.count) + (odd.count == 1 ? " advertisement is" : " advertisements are") +
+           " dated " + what + ", the first at " + odd.first + " (" + dateText(odd.firstAt) +
+           "); the clock passes over such gaps in no time";
 }
 
 // The demo app, watching `uuid`, with an entry and an exit content for every beacon of it that was heard.
@@ -86,6 +172,20 @@ std::string clockText(std::chrono::milliseconds span) {
     return text;
 }
 
+// Sleeps in short slices, so a stop asked for during a long wait is taken at once; false when it was.
+bool sleepUnlessStopped(std::chrono::duration<double, std::milli> wait,
+                        const std::function<bool()>& stopRequested) {
+    // A day at most per gap in real time: the clock cannot hold the wait of a gap of millennia.
+    const auto capped = std::min(wait, std::chrono::duration<double, std::milli>(std::chrono::hours(24)));
+    const auto until =
+        std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(capped);
+    for (auto now = std::chrono::steady_clock::now(); now < until; now = std::chrono::steady_clock::now()) {
+        if (stopRequested && stopRequested()) return false;
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(until - now, 100ms));
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string RecordingSummary::line() const {
@@ -98,7 +198,9 @@ ReplayResult runReplay(const ReplayOptions& options,
                        const std::function<void(const TimelineEvent&)>& onEvent) {
     ReplayResult result;
     std::set<Identity> identities;
-    result.summary = summarise(options, identities);
+    OddTimes early, late;
+    result.summary = summarise(options, identities, early);
+    if (early.count > 0) result.timeWarnings.push_back(oddTimesWarning(early, "before 2000"));
     if (result.summary.advertisements == 0) {
         result.failure =
             options.scanner ? "no advertisement heard by " + *options.scanner : "no advertisement in it";
@@ -116,21 +218,28 @@ ReplayResult runReplay(const ReplayOptions& options,
     result.failure = harness.failure();
     if (result.failure.empty()) {
         auto reader = platform::RecordingReader::open(options.recording);
+        const auto lateFrom = result.summary.median + std::chrono::hours(24);
         while (auto heard = reader->next()) {
             if (options.scanner && heard->receiver != *options.scanner) continue;
+            if (heard->at > lateFrom) late.add(heard->at, *reader);
             const auto wait =
                 std::chrono::duration_cast<std::chrono::milliseconds>(heard->at - harness.loop().now());
             if (wait.count() > 0) {
-                if (options.speed > 0)
-                    std::this_thread::sleep_for(
-                        std::chrono::duration<double, std::milli>(wait.count() / options.speed));
+                if (options.speed > 0 && !sleepUnlessStopped(wait / options.speed, options.stopRequested))
+                    break;
                 harness.loop().advance(wait);
             }
+            if (options.stopRequested && options.stopRequested()) break;
             harness.hear(*heard);
             harness.loop().runUntilIdle();
         }
+        result.interrupted = options.stopRequested && options.stopRequested();
         // The end of a recording is radio silence: regions are left, the visit goes up.
-        harness.loop().advance(45s);
+        if (!result.interrupted) harness.loop().advance(45s);
+        if (late.count > 0)
+            result.timeWarnings.push_back(
+                oddTimesWarning(late, "more than a day after the recording's median time (" +
+                                          dateText(result.summary.median) + ")"));
     }
     harness.finish();
     result.timeline = harness.events();

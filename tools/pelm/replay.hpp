@@ -22,6 +22,8 @@ struct ReplayOptions {
     double speed = 0;
     /// A server of one's own; the embedded pelm-server (with content for every beacon heard) when not given.
     std::optional<std::string> host, token, caFile;
+    /// Asked between advertisements; true ends the replay where it is (Ctrl-C).
+    std::function<bool()> stopRequested;
 };
 
 /// What one pass over a recording found.
@@ -30,6 +32,8 @@ struct RecordingSummary {
     std::uint64_t beaconAdvertisements = 0;
     std::uint64_t devices = 0;
     Date first{}, last{};
+    /// The middle of the advertisements' times (from a thinned sample).
+    Date median{};
     std::string format;
     std::optional<std::string> mostHeardUuid;
     std::optional<std::string> warning;
@@ -45,6 +49,11 @@ struct ReplayResult {
     JSON storedVisits = JSON::array();
     /// Why the replay could not run; empty when it ran.
     std::string failure;
+    /// Times no walk can have (before 2000, or a day past the median), each line naming the first one's
+    /// place.
+    std::vector<std::string> timeWarnings;
+    /// The replay was ended early by stopRequested.
+    bool interrupted = false;
 };
 
 /// Plays a recording through the region engine and the whole library: the virtual clock reads the

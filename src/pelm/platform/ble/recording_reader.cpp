@@ -89,8 +89,10 @@ class PacketReader : public RecordingReader {
             taken_ = 0;
             if (!nextPacket()) return std::nullopt;
         }
+        if (taken_ == 0) handedOffset_ = packetOffset_;
         return std::move(pending_[taken_++]);
     }
+    std::string where() const override { return "offset " + std::to_string(handedOffset_); }
 
   protected:
     /// Reads the next packet into pending_ (possibly nothing); false at the end.
@@ -108,7 +110,9 @@ class PacketReader : public RecordingReader {
         return false;
     }
     std::vector<HeardAdvertisement> pending_;
-    std::size_t taken_ = 0;  // pending_ before this index has been handed out
+    std::size_t taken_ = 0;           // pending_ before this index has been handed out
+    std::uint64_t packetOffset_ = 0;  // where the packet of pending_ starts
+    std::uint64_t handedOffset_ = 0;  // where the packet of the advertisement handed out last starts
 };
 
 class BtsnoopReader final : public PacketReader {
@@ -133,7 +137,7 @@ class BtsnoopReader final : public PacketReader {
 
   private:
     bool nextPacket() override {
-        const auto start = in_.offset();
+        const auto start = packetOffset_ = in_.offset();
         bool truncated = false;
         if (!in_.read(24, record_, truncated)) return truncated ? truncatedAt(start) : false;
         const auto included = be32(&record_[4]);
@@ -187,7 +191,7 @@ class PcapReader final : public PacketReader {
   private:
     std::uint32_t u32(const std::uint8_t* p) const { return bigEndian_ ? be32(p) : le32(p); }
     bool nextPacket() override {
-        const auto start = in_.offset();
+        const auto start = packetOffset_ = in_.offset();
         bool truncated = false;
         if (!in_.read(16, record_, truncated)) return truncated ? truncatedAt(start) : false;
         const auto included = u32(&record_[8]);
@@ -224,7 +228,7 @@ class PcapngReader final : public PacketReader {
     std::uint32_t u32(const std::uint8_t* p) const { return bigEndian_ ? be32(p) : le32(p); }
 
     bool nextPacket() override {
-        const auto start = in_.offset();
+        const auto start = packetOffset_ = in_.offset();
         bool truncated = false;
         if (!in_.read(8, head_, truncated)) return truncated ? truncatedAt(start) : false;
         const auto type = le32(head_.data());  // the section header's type reads the same either way
@@ -339,6 +343,7 @@ class TraceReader final : public RecordingReader {
     TraceReader(std::unique_ptr<std::istream> in, std::string name)
         : in_(std::move(in)), name_(std::move(name)) {}
     std::string format() const override { return "JSON trace"; }
+    std::string where() const override { return "line " + std::to_string(lineNumber_); }
 
     std::optional<HeardAdvertisement> next() override {
         while (readLine()) {

@@ -45,6 +45,8 @@ class RecordingReader {
 
     /// Set once the recording ended on a record cut short: what was played is everything before it.
     const std::optional<std::string>& warning() const { return warning_; }
+    /// Where the advertisement `next` handed out last stands in the file: "line 12" or "offset 4096".
+    virtual std::string where() const = 0;
 
   protected:
     std::optional<std::string> warning_;

@@ -56,6 +56,7 @@ class RegionEngine::Monitor final : public RegionMonitor {
             watched.lastHeard = *heard;
         }
         engine_->monitored_.insert_or_assign(region.identifier, watched);
+        engine_->scheduleTick();  // an inside region needs ticks to be left
     }
     void stopMonitoring(const BeaconRegion& region) override { engine_->monitored_.erase(region.identifier); }
     void requestState(const BeaconRegion& region) override {
@@ -72,18 +73,21 @@ class RegionEngine::Monitor final : public RegionMonitor {
             engine_->options_.rangingPeriod, [engine = std::weak_ptr(engine_), weak = delegate, region] {
                 const auto alive = engine.lock();
                 if (!alive || alive->monitor_ == nullptr) return;
+                const auto found = alive->monitored_.find(region.identifier);
+                const bool monitored = found != alive->monitored_.end() && found->second.region == region;
+                // A beacon heard in the meantime made a transition, which told the state already.
+                if (monitored && found->second.state != RegionState::Unknown) return;
                 auto answer = alive->currentState(region);
                 if (answer == RegionState::Unknown) {
                     answer = RegionState::Outside;
-                    const auto found = alive->monitored_.find(region.identifier);
-                    if (found != alive->monitored_.end() && found->second.region == region)
-                        found->second.state = answer;
+                    if (monitored) found->second.state = answer;
                 }
                 if (auto d = weak.lock()) d->didDetermineState(answer, region);
             });
     }
     void startRanging(const BeaconRegion& region) override {
         engine_->ranged_.insert_or_assign(region.identifier, region);
+        engine_->scheduleTick();
     }
     void stopRanging(const BeaconRegion& region) override { engine_->ranged_.erase(region.identifier); }
 
@@ -112,6 +116,7 @@ class RegionEngine::Scanner final : public DeviceScanner {
         discovering = true;
         interval = std::max(every, std::chrono::milliseconds(100));
         nextReport = engine_->queue_->now() + interval;
+        engine_->scheduleTick();
     }
 
     std::shared_ptr<RegionEngine> engine_;
@@ -144,15 +149,31 @@ std::unique_ptr<DeviceScanner> RegionEngine::makeDeviceScanner(
     return scanner;
 }
 
+// Ticks keep the phase of the first one, however often they pause: a run replays the same whether or not
+// the engine slept through a silence.
 void RegionEngine::scheduleTick() {
-    if (tick_) return;
-    tick_ = queue_->postAfter(options_.rangingPeriod, [weak = weak_from_this()] {
+    if (tick_ || (monitor_ == nullptr && scanner_ == nullptr)) return;
+    const auto now = queue_->now();
+    if (!tickPhase_) tickPhase_ = now;
+    const auto period = options_.rangingPeriod;
+    const auto sincePhase = std::chrono::duration_cast<std::chrono::milliseconds>(now - *tickPhase_);
+    const auto delay = sincePhase.count() < 0 ? period : period - sincePhase % period;
+    tick_ = queue_->postAfter(delay, [weak = weak_from_this()] {
         if (auto engine = weak.lock()) {
             engine->tick_.reset();
             engine->tick();
-            if (engine->monitor_ || engine->scanner_) engine->scheduleTick();
+            if (engine->needsTicks()) engine->scheduleTick();
         }
     });
+}
+
+// A tick can change something only while a region is inside (it may be left), something is ranged or
+// discovery runs (they report). Otherwise the engine sleeps until it hears something or is asked to range
+// or discover, so silence of any length costs nothing.
+bool RegionEngine::needsTicks() const {
+    if (!ranged_.empty() || (scanner_ != nullptr && scanner_->discovering)) return true;
+    return std::any_of(monitored_.begin(), monitored_.end(),
+                       [](const auto& entry) { return entry.second.state == RegionState::Inside; });
 }
 
 std::optional<Date> RegionEngine::lastHeard(const BeaconRegion& region) const {
@@ -180,6 +201,7 @@ void RegionEngine::hear(const HeardAdvertisement& advertisement) {
     const auto now = queue_->now();
     devices_.insert_or_assign(advertisement.uniqueID.value_or(advertisement.address),
                               std::pair{advertisement, now});
+    scheduleTick();
     const auto frame = parseIBeacon(advertisement.data);
     if (!frame) return;
     ++beaconAdvertisements_;
@@ -227,10 +249,13 @@ void RegionEngine::tick() {
         scanner_->nextReport = now + scanner_->interval;
         reportDevices();
     }
-    // Forget what is too old to matter to anyone.
+    // Forget what is too old to matter to anyone. Discovery reports the devices of its last interval only,
+    // so a crowd of passing phones is held for seconds, not for as long as the recording.
     const auto horizon = std::max(options_.exitTimeout, std::chrono::milliseconds(std::chrono::seconds(60)));
     std::erase_if(beacons_, [&](const auto& entry) { return now - entry.second.at > horizon; });
-    std::erase_if(devices_, [&](const auto& entry) { return now - entry.second.second > horizon; });
+    const auto deviceHorizon =
+        std::max(options_.rangingPeriod, scanner_ ? scanner_->interval : options_.rangingPeriod);
+    std::erase_if(devices_, [&](const auto& entry) { return now - entry.second.second > deviceHorizon; });
 }
 
 void RegionEngine::reportRanging(Date now) {

@@ -60,6 +60,8 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
 
     /// Advertisements heard and parsed as iBeacons so far.
     std::uint64_t beaconAdvertisements() const { return beaconAdvertisements_; }
+    /// Devices held for discovery: those heard within its interval, whatever passed by before.
+    std::size_t rememberedDevices() const { return devices_.size(); }
 
   private:
     class Monitor;
@@ -77,6 +79,7 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
 
     void tick();
     void scheduleTick();
+    bool needsTicks() const;
     /// When a beacon of the region was last heard, if it was in the engine's memory.
     std::optional<Date> lastHeard(const BeaconRegion& region) const;
     /// Inside or outside as monitoring knows it, or Inside when recently heard; Unknown otherwise.
@@ -96,6 +99,7 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
     std::map<std::string, Heard> beacons_;
     std::map<std::string, std::pair<HeardAdvertisement, Date>> devices_;
     std::optional<MainQueue::TimerId> tick_;
+    std::optional<Date> tickPhase_;
     std::uint64_t beaconAdvertisements_ = 0;
 };
 
