@@ -77,4 +77,11 @@ expect 1 "pelm setup: the server refused the app token (HTTP 401)" \
 "$pelm" call app-config "${shop[@]}" 2>/dev/null | grep -q '"successful": true' ||
   { echo "call without --ca did not use the remembered CA"; exit 1; }
 grep -q ca_file "$work/shop/shop.json" && { echo "the CA landed among the library's settings"; exit 1; }
+# Settings that cannot be stored (here a folder stands where the file should be) are no success.
+mkdir -p "$work/broken/shop.json"
+expect 1 "pelm setup: the settings could not be stored" \
+  "$pelm" setup --token demo-token --host "localhost:$port" --ca "$ca" --config-dir "$work/broken" --app shop
+# status names what it checked: a route to the host, not a server answering there.
+"$pelm" status --host "localhost:1" --config-dir "$work" | grep -q "^route to localhost:1 " ||
+  { echo "status does not say it checked a route"; exit 1; }
 echo "the tool keeps its contract"

@@ -48,6 +48,8 @@ std::optional<std::string> rememberCA(const Arguments& args, const std::string& 
 /// "the server refused the app token (HTTP 401)" once any reply through installPlatform's transport was a
 /// 401 or 403.
 std::optional<std::string> tokenRefusal();
+/// The settings keys whose last write through installPlatform's store did not stick (the store logged why).
+std::vector<std::string> unstoredSettings();
 /// Runs the installed platform's loop until `done()` holds; false after `timeout`.
 bool runUntil(const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(60));

@@ -20,6 +20,31 @@ std::shared_ptr<RefusalWatch>& watch() {
 
 constexpr const char* kCAKey = "ca_file";
 
+// The library's store, with every write read back: a write the store could not make (a full disk, a
+// read-only folder) is logged by the store and leaves the old value, and the tool must not say "stored".
+class CheckedStore final : public platform::KeyValueStore {
+  public:
+    explicit CheckedStore(std::shared_ptr<platform::KeyValueStore> inner) : inner_(std::move(inner)) {}
+    std::optional<std::string> get(std::string_view key) const override { return inner_->get(key); }
+    void set(std::string_view key, std::string_view value) override {
+        inner_->set(key, value);
+        if (inner_->get(key) != value) failed_.emplace_back(key);
+    }
+    void remove(std::string_view key) override {
+        inner_->remove(key);
+        if (inner_->get(key)) failed_.emplace_back(key);
+    }
+    std::vector<std::string> failed_;
+
+  private:
+    std::shared_ptr<platform::KeyValueStore> inner_;
+};
+
+std::shared_ptr<CheckedStore>& checkedStore() {
+    static std::shared_ptr<CheckedStore> installed;
+    return installed;
+}
+
 platform::LinuxPlatformOptions platformOptions(const Arguments& args) {
     platform::LinuxPlatformOptions options;
     options.appName = args.option("app").value_or("");
@@ -45,7 +70,10 @@ std::optional<std::string> rememberedCA(const Arguments& args) {
 std::optional<std::string> rememberCA(const Arguments& args, const std::string& ca) {
     if (!std::ifstream(ca)) return "--ca " + ca + ": cannot read it";
     std::error_code ignored;
-    toolFile(args).set(kCAKey, std::filesystem::absolute(ca, ignored).string());
+    const auto absolute = std::filesystem::absolute(ca, ignored).string();
+    auto file = toolFile(args);
+    file.set(kCAKey, absolute);
+    if (file.get(kCAKey) != absolute) return "--ca " + ca + ": cannot remember it in " + file.file().string();
     return std::nullopt;
 }
 
@@ -64,8 +92,14 @@ std::shared_ptr<platform::Platform> installPlatform(const Arguments& args) {
     auto services = platform::makeLinuxPlatform(options);
     watch() = std::make_shared<RefusalWatch>(services->http);
     services->http = watch();
+    checkedStore() = std::make_shared<CheckedStore>(services->store);
+    services->store = checkedStore();
     platform::install(services);
     return services;
+}
+
+std::vector<std::string> unstoredSettings() {
+    return checkedStore() ? checkedStore()->failed_ : std::vector<std::string>{};
 }
 
 std::optional<std::string> tokenRefusal() {

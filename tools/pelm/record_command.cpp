@@ -1,8 +1,8 @@
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 
 #include "cli.hpp"
+#include "output_file.hpp"
 #include "pelm_server/stop_signals.hpp"
 #include "pelm_server/text_numbers.hpp"
 #include "trace_recorder.hpp"
@@ -21,9 +21,12 @@ int recordCommand(const Arguments& args) {
         }
         duration = std::chrono::seconds(*value);
     }
-    std::ofstream out(words[1], std::ios::trunc);
-    if (!out) {
-        std::fprintf(stderr, "pelm record: cannot write %s\n", words[1].c_str());
+    // Written beside the file and put in its place at the end: a recording that cannot start (no adapter) or
+    // fails leaves an earlier file as it was.
+    OutputFile out;
+    std::string error;
+    if (!out.open(words[1], error)) {
+        std::fprintf(stderr, "pelm record: %s\n", error.c_str());
         return 1;
     }
     // Ctrl-C and SIGTERM end the recording; they are taken here, between lines, never in the middle of one.
@@ -39,10 +42,9 @@ int recordCommand(const Arguments& args) {
     std::fprintf(stderr, "Recording to %s%s; Ctrl-C ends it.\n", words[1].c_str(),
                  duration ? (" for " + std::to_string(duration->count() / 1000) + " s").c_str() : "");
     try {
-        const auto lines = recordTrace({}, out, duration, stopRequested);
-        out.close();
-        if (!out) {
-            std::fprintf(stderr, "pelm record: cannot write %s\n", words[1].c_str());
+        const auto lines = recordTrace({}, out.stream(), duration, stopRequested);
+        if (!out.commit(error)) {
+            std::fprintf(stderr, "pelm record: %s\n", error.c_str());
             return 1;
         }
         std::fprintf(stderr, "%llu advertisements written to %s\n", static_cast<unsigned long long>(lines),

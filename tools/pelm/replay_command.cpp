@@ -5,6 +5,7 @@
 #include <pelm/platform/proximity_uuid.hpp>
 
 #include "cli.hpp"
+#include "interruption.hpp"
 #include "pelm_server/text_numbers.hpp"
 #include "replay.hpp"
 #include "run_output.hpp"
@@ -14,6 +15,7 @@ namespace pelm::cli {
 int replayCommand(const Arguments& args) {
     const auto& words = args.positional();
     if (words.size() != 2) return kShowUsage;
+    Interruption interruption;  // before the embedded server's threads start
     ReplayOptions options;
     options.recording = words[1];
     options.scanner = args.option("scanner");
@@ -38,7 +40,8 @@ int replayCommand(const Arguments& args) {
         return 2;
     }
     RunOutput output("replay");
-    if (const auto failure = output.open(args)) return *failure;
+    if (const auto failure = output.open(args, {words[1]})) return *failure;
+    options.stopRequested = [&] { return interruption.requestedEvery(4096); };
     std::printf("Replaying %s\nWhat the host app sees:\n", options.recording.c_str());
     std::fflush(stdout);
     ReplayResult result;
@@ -48,12 +51,15 @@ int replayCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm replay: %s\n", e.what());
         return 1;
     }
+    if (result.interrupted) return output.interrupted(interruption.exitCode());
     if (!result.failure.empty()) {
         std::fprintf(stderr, "pelm replay: %s: %s\n", options.recording.c_str(), result.failure.c_str());
         return 1;
     }
     if (result.summary.warning)
         std::fprintf(stderr, "pelm replay: warning: %s\n", result.summary.warning->c_str());
+    for (const auto& warning : result.timeWarnings)
+        std::fprintf(stderr, "pelm replay: warning: %s\n", warning.c_str());
     std::printf("\n%s\n", result.summary.line().c_str());
     if (!options.host) {
         std::printf("The visits as the server stored them:\n");

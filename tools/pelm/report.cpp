@@ -1,5 +1,7 @@
 #include "report.hpp"
 
+#include "output_file.hpp"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -428,11 +430,10 @@ bool ReportFile::open(const std::optional<std::string>& path, std::string& error
 
 bool ReportFile::write(const std::string& html, std::string& error) {
     if (!path_) return true;
-    std::ofstream out(*path_, std::ios::trunc);
-    out << html;
-    out.close();
-    if (!out) error = "cannot write " + *path_;
-    return static_cast<bool>(out);
+    OutputFile out;
+    if (!out.open(*path_, error)) return false;
+    out.stream() << html;
+    return out.commit(error);
 }
 
 }  // namespace pelm::cli

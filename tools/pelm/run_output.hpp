@@ -18,13 +18,19 @@ class RunOutput {
   public:
     explicit RunOutput(std::string command) : command_(std::move(command)) {}
 
-    /// Reads --nearby and opens the files; the exit code when it cannot (2 for a bad --nearby, 1 for a file).
-    std::optional<int> open(const Arguments& args);
+    /// Reads --nearby and opens the files; the exit code when it cannot: 2 for a bad --nearby or an output
+    /// that names one of the `inputs` (or the other output), 1 for a file that cannot be made. Nothing is
+    /// written before these checks.
+    std::optional<int> open(const Arguments& args, const std::vector<std::string>& inputs);
     /// One event, to the terminal and the events file.
     void show(const TimelineEvent& event);
-    /// The files finished: the events file closed, the report written; the exit code when one could not be.
+    /// The files finished: the events file put in place, the report written; the exit code when one could
+    /// not be.
     std::optional<int> finish(const ReportHeader& header, const std::vector<TimelineEvent>& timeline,
                               std::chrono::milliseconds length, const JSON& storedVisits);
+    /// A run stopped by a signal: the events shown so far are put in place (they are what the run did), an
+    /// earlier report stays as it was; says so and gives `code`.
+    int interrupted(int code);
 
   private:
     std::optional<int> failed(const std::string& why, int code) const;

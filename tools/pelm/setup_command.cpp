@@ -39,6 +39,15 @@ int setupCommand(const Arguments& args) {
         return 1;
     }
     if (const auto refusal = tokenRefusal()) std::fprintf(stderr, "pelm setup: %s\n", refusal->c_str());
+    if (const auto unstored = unstoredSettings(); !unstored.empty()) {
+        std::string keys;
+        for (const auto& key : unstored) keys += (keys.empty() ? "" : ", ") + key;
+        std::fprintf(stderr,
+                     "pelm setup: the settings could not be stored (%s); what was stored before stays\n",
+                     keys.c_str());
+        printSettings(*SettingsManager::sharedInstance(), args);
+        return 1;
+    }
     std::printf(*outcome
                     ? "Configuration fetched and stored.\n"
                     : "Could not fetch the configuration; token and host are stored, the beacon settings are "

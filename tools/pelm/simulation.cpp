@@ -26,6 +26,10 @@ SimulationResult runSimulation(
         const auto end = options.scenario.duration() + 40s;
         constexpr auto step = 100ms;
         for (std::chrono::milliseconds t{0}; t <= end; t += step) {
+            if (options.stopRequested && options.stopRequested()) {
+                result.interrupted = true;
+                break;
+            }
             store.advertiseUntil(t, hear);
             harness.loop().advance(step);
             if (options.speed > 0) {

@@ -21,6 +21,8 @@ struct SimulationOptions {
     double speed = 0;
     /// A server of one's own; the embedded pelm-server with demo data when not given.
     std::optional<std::string> host, token, caFile;
+    /// Asked between steps; true ends the walk where it is (Ctrl-C).
+    std::function<bool()> stopRequested;
 };
 
 struct SimulationResult {
@@ -33,6 +35,8 @@ struct SimulationResult {
     std::chrono::milliseconds simulated{0};
     std::uint64_t advertisements = 0;
     std::string failure;
+    /// The walk was ended early by stopRequested.
+    bool interrupted = false;
 };
 
 /// Walks the scenario's shopper through the store against a real server: the region engine hears the

@@ -32,8 +32,10 @@ std::string text(BluetoothStatus status) {
 class Printer : public PelmDeviceStatusManagerDelegate {
   public:
     Printer(std::string host, bool stamped) : host_(std::move(host)), stamped_(stamped) {}
+    // The library's reachability is the platform's: whether the network has a route to the host, not
+    // whether a server answers there. The line says which.
     void didChangeReachableStatus(ReachableStatus status) override {
-        print("server " + host_, text(status));
+        print("route to " + host_, text(status));
         reachability = status;
     }
     void didChangeLocationStatus(LocationStatus status) override { print("location", text(status)); }

@@ -120,20 +120,16 @@ bool TimelinePrinter::shows(const TimelineEvent& devices) {
 }
 
 bool EventsFile::open(const std::optional<std::string>& path, std::string& error) {
-    if (!path) return true;
-    out_.emplace(*path, std::ios::trunc);
-    if (!*out_) error = "cannot write " + *path;
-    return static_cast<bool>(*out_);
+    return !path || out_.open(*path, error);
 }
 
+// Each line goes to the file as it is printed, so a run that is killed keeps every event it showed.
 void EventsFile::write(const TimelineEvent& event) {
-    if (out_) *out_ << jsonText(eventJSON(event)) << '\n';
+    if (out_.isOpen()) out_.stream() << jsonText(eventJSON(event)) << std::endl;
 }
 
-bool EventsFile::close() {
-    if (!out_) return true;
-    out_->close();
-    return static_cast<bool>(*out_);
+bool EventsFile::close(std::string& error) {
+    return out_.commit(error);
 }
 
 }  // namespace pelm::cli

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "output_file.hpp"
 #include "visit_harness.hpp"
 
 namespace pelm::cli {
@@ -49,11 +50,11 @@ class EventsFile {
     /// Nothing is written without a path. False (with `error` set) when the file cannot be made.
     bool open(const std::optional<std::string>& path, std::string& error);
     void write(const TimelineEvent& event);
-    /// False when a write failed on the way.
-    bool close();
+    /// Puts the file in place; false (with `error` set) when a write failed on the way.
+    bool close(std::string& error);
 
   private:
-    std::optional<std::ofstream> out_;
+    OutputFile out_;
 };
 
 }  // namespace pelm::cli

@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# What the tool never destroys: an input named as an output, an earlier file when a run fails or is
+# interrupted, the events an interrupted run printed; and what it never leaves behind: temporary folders.
+#   nothing_lost.sh PELM SOURCE_DIR WORK_DIR
+set -uo pipefail
+pelm=$1 source=$2 work=$3
+rm -rf "$work" && mkdir -p "$work"
+fail() { echo "$*"; exit 1; }
+
+# expect RC PATTERN COMMAND...: the exit code and a line of stderr matching the pattern.
+expect() {
+  local want=$1 pattern=$2
+  shift 2
+  "$@" >"$work/out.txt" 2>"$work/err.txt"
+  local rc=$?
+  [ "$rc" -eq "$want" ] || { echo "$* exited $rc, not $want"; cat "$work/err.txt"; exit 1; }
+  grep -q -- "$pattern" "$work/err.txt" || { echo "$*: no line like '$pattern' in:"; cat "$work/err.txt"; exit 1; }
+}
+
+# An output that names an input, or the other output, is refused before anything is written.
+cp "$source/tests/data/recordings/mall-walk.jsonl" "$work/walk.jsonl"
+cp "$source/data/demo_scenario.json" "$work/store.json"
+cp "$work/walk.jsonl" "$work/walk.orig"
+cp "$work/store.json" "$work/store.orig"
+expect 2 "--events $work/walk.jsonl is the input" "$pelm" replay "$work/walk.jsonl" --events "$work/walk.jsonl"
+expect 2 "--report ./walk.jsonl is the input" bash -c "cd '$work' && '$pelm' replay walk.jsonl --report ./walk.jsonl"
+expect 2 "--events $work/store.json is the input" "$pelm" simulate "$work/store.json" --events "$work/store.json"
+expect 2 "--report $work/new.out is the file --events writes" \
+  "$pelm" simulate --events "$work/new.out" --report "$work/new.out"
+cmp -s "$work/walk.jsonl" "$work/walk.orig" || fail "a refused replay changed its recording"
+cmp -s "$work/store.json" "$work/store.orig" || fail "a refused simulate changed its scenario"
+[ ! -e "$work/new.out" ] || fail "a refused run made its output"
+
+# A recording that cannot be made leaves the file it would have replaced byte for byte.
+printf 'an earlier recording\n' >"$work/rec.jsonl"
+if ! "$pelm" record "$work/rec.jsonl" --seconds 1 >/dev/null 2>&1; then
+  [ "$(cat "$work/rec.jsonl")" = "an earlier recording" ] || fail "a failed record changed the file"
+  [ ! -e "$work/rec.jsonl.partial" ] || fail "a failed record left its partial file"
+fi
+
+# Ctrl-C (or SIGTERM) in a real-time run: every event printed is in the events file, an earlier report stays
+# whole, the embedded server's temporary folder is gone, and the exit code says which signal ended it.
+for signal in INT TERM; do
+  printf 'an earlier report\n' >"$work/visit.html"
+  "$pelm" simulate --speed 40 --events "$work/events.jsonl" --report "$work/visit.html" >"$work/run.txt" 2>&1 &
+  run=$!
+  for _ in $(seq 400); do [ "$(grep -c '^  \[' "$work/run.txt")" -ge 12 ] && break; sleep 0.05; done
+  kill -"$signal" "$run"
+  for _ in $(seq 400); do kill -0 "$run" 2>/dev/null || break; sleep 0.05; done
+  if kill -0 "$run" 2>/dev/null; then kill -KILL "$run"; fail "simulate ignored SIG$signal"; fi
+  wait "$run"
+  rc=$?
+  want=$((128 + $(kill -l "$signal")))
+  [ "$rc" -eq "$want" ] || fail "simulate exited $rc on SIG$signal, not $want"
+  grep -q "pelm simulate: interrupted; the events so far are in $work/events.jsonl" "$work/run.txt" ||
+    fail "no word of the interruption: $(tail -3 "$work/run.txt")"
+  # Each content and status line shown is one line of the events file.
+  shown=$(grep -cE '^  \[[0-9:.]+\] (CONTENT|status) ' "$work/run.txt")
+  kept=$(grep -cE '"kind":"(content|status)"' "$work/events.jsonl")
+  [ "$shown" -ge 12 ] && [ "$kept" -eq "$shown" ] || fail "SIG$signal: $shown events shown, $kept kept"
+  [ "$(cat "$work/visit.html")" = "an earlier report" ] || fail "an interrupted run replaced the report"
+  [ ! -e "$work/events.jsonl.partial" ] && [ ! -e "$work/visit.html.partial" ] || fail "partial files left"
+  [ ! -e "${TMPDIR:-/tmp}/pelm-visit-$run" ] || fail "SIG$signal left ${TMPDIR:-/tmp}/pelm-visit-$run"
+done
+echo "nothing the tool was given or had written was lost"
