@@ -21,8 +21,8 @@ trace() { # ADS SENDERS START_MS STEP_MS
   awk -v n="$1" -v senders="$2" -v t0="$3" -v step="$4" -v ib="$ibeacon" 'BEGIN {
     for (i = 0; i < n; i++) {
       t = t0 + i * step
-      if (i % 10 == 0) printf "{\"t\":%d,\"address\":\"beacon-%d\",\"rssi\":-70,\"data\":\"%s\"}\n", t, i / 10 % 3, ib
-      else printf "{\"t\":%d,\"address\":\"phone-%d\",\"rssi\":-80,\"data\":\"0201061AFF4C0010\"}\n", t, i % senders
+      if (i % 10 == 0) printf "{\"t\":%.0f,\"address\":\"beacon-%d\",\"rssi\":-70,\"data\":\"%s\"}\n", t, i / 10 % 3, ib
+      else printf "{\"t\":%.0f,\"address\":\"phone-%d\",\"rssi\":-80,\"data\":\"0201061AFF4C0010\"}\n", t, i % senders
     } }'
 }
 # measure FILE: "seconds peak-KiB"

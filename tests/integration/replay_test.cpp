@@ -135,7 +135,17 @@ TEST(Replay, TimesThatJumpCostNothingAndAreNamed) {
     EXPECT_THAT(result.timeWarnings[1], ::testing::HasSubstr("the first at line 122 (2223-"));
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Memory is measured only where no sanitizer adds its own to every allocation.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define PELM_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define PELM_SANITIZED 1
+#endif
+
+#ifndef PELM_SANITIZED
 // Peak memory of `pelm replay FILE`, in KiB, measured by the kernel for that process alone.
 long replayPeakKiB(const std::filesystem::path& file, int& exitStatus) {
     const std::string tool = PELM_CLI, command = "replay", path = file.string();
