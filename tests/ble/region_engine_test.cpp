@@ -38,6 +38,15 @@ struct Recorder : RegionMonitorDelegate {
     std::vector<std::string> take() { return std::exchange(events, {}); }
 };
 
+// How many devices each discovery report held.
+struct Devices : DeviceScannerDelegate {
+    std::vector<std::size_t> counts;
+    void didDiscoverDevices(const std::optional<std::vector<NearbyDevice>>& devices) override {
+        counts.push_back(devices ? devices->size() : 0);
+    }
+    void didFailToStartDiscovery(const std::optional<std::string>&) override {}
+};
+
 class RegionEngineTest : public ::testing::Test {
   protected:
     void SetUp() override { monitor_ = engine_->makeRegionMonitor(recorder_); }
@@ -167,13 +176,6 @@ TEST_F(RegionEngineTest, MonitoringAgainKeepsWhenTheRegionWasLastHeard) {
 }
 
 TEST_F(RegionEngineTest, OneIdentityFromSeveralDevicesIsOneBeaconButSeveralDevices) {
-    struct Devices : DeviceScannerDelegate {
-        std::vector<std::size_t> counts;
-        void didDiscoverDevices(const std::optional<std::vector<NearbyDevice>>& devices) override {
-            counts.push_back(devices ? devices->size() : 0);
-        }
-        void didFailToStartDiscovery(const std::optional<std::string>&) override {}
-    };
     auto devices = std::make_shared<Devices>();
     auto scanner = engine_->makeDeviceScanner(devices);
     scanner->startDiscovery(std::nan(""));  // no sensible interval: the scanner's own (3 s)
@@ -222,13 +224,6 @@ TEST_F(RegionEngineTest, SilenceOfAnyLengthLeavesNoTimerAndKeepsTheTickPhase) {
 }
 
 TEST_F(RegionEngineTest, DevicesAreForgottenOnceDiscoveryCannotReportThem) {
-    struct Devices : DeviceScannerDelegate {
-        std::vector<std::size_t> counts;
-        void didDiscoverDevices(const std::optional<std::vector<NearbyDevice>>& devices) override {
-            counts.push_back(devices ? devices->size() : 0);
-        }
-        void didFailToStartDiscovery(const std::optional<std::string>&) override {}
-    };
     auto devices = std::make_shared<Devices>();
     auto scanner = engine_->makeDeviceScanner(devices);
     scanner->startDiscovery(2.0);
