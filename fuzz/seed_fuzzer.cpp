@@ -11,15 +11,15 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto json = pelm::parseJSONText(std::string_view(reinterpret_cast<const char*>(data), size));
     if (!json) return 0;
-    pelm::server::ContentStore store(":memory:");
+    const auto store = pelm::server::openContentStore(":memory:");
     try {
-        store.seed(*json);
+        store->seed(*json);
     } catch (const std::invalid_argument&) {
-        if (!store.sessions().empty()) std::abort();
+        if (!store->sessions().empty()) std::abort();
         return 0;
     }
-    (void)store.appConfig("demo-token");
-    (void)store.contentForBeacon("demo-token", "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "1", "1", "entry");
-    (void)pelm::jsonText(store.sessions());
+    (void)store->appConfig("demo-token");
+    (void)store->contentForBeacon("demo-token", "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "1", "1", "entry");
+    (void)pelm::jsonText(store->sessions());
     return 0;
 }

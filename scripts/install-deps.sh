@@ -7,7 +7,8 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libcpp-httplib-dev
+  nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev
+  libboost-dev libpq-dev postgresql
   libsdbus-c++-dev libsystemd-dev dbus-daemon libglib2.0-dev doxygen
   tzdata openssl
 )
@@ -27,5 +28,10 @@ echo "Installing: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
+# The tests start PostgreSQL servers of their own; the package's default cluster would only sit there.
+if [[ " ${missing[*]} " == *" postgresql "* ]]; then
+  $sudo mkdir -p /etc/postgresql-common/createcluster.d
+  echo "create_main_cluster = false" | $sudo tee /etc/postgresql-common/createcluster.d/pelm-tests.conf >/dev/null
+fi
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -34,9 +34,8 @@ if [ "${SKIP_TSAN:-0}" != 1 ]; then
   stage "clang build with ThreadSanitizer: the tests with threads of their own"
   scripts/build.sh tsan
   threaded=$(scripts/threaded-tests.sh)
-  # TSan cannot see how the libraries built without it (cpp-httplib, curl, OpenSSL, SQLite) synchronise, so it
-  # judges only the accesses our own instrumented code makes. Without this, httplib's lazily built table of
-  # method names, read by every worker thread, is reported as a race.
+  # TSan cannot see how the libraries built without it (curl, OpenSSL, SQLite) synchronise, so it judges only
+  # the accesses our own instrumented code makes.
   (cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1 \
      ctest --output-on-failure --no-tests=error -j "$jobs" -R "$threaded")
 fi

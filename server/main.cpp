@@ -1,6 +1,7 @@
 // pelm-server: the reference content server.
-//   pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--threads N] [--cert FILE --key FILE]
-//   pelm-server sessions --db FILE      prints the stored uploads as JSON
+//   pelm-server [--db FILE|URI] [--seed FILE] [--port N] [--bind ADDR] [--threads N] [--max-connections N]
+//               [--cert FILE --key FILE]
+//   pelm-server sessions --db FILE|URI      prints the stored uploads as JSON
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -21,18 +22,23 @@ namespace {
 
 void usage(std::FILE* out = stderr) {
     std::fprintf(out,
-                 "usage: pelm-server [--db FILE] [--seed FILE] [--port N] [--bind ADDR] [--threads N]\n"
-                 "                   [--name NAMES] [--cert FILE --key FILE]\n"
-                 "       pelm-server sessions --db FILE\n"
+                 "usage: pelm-server [--db FILE|URI] [--seed FILE] [--port N] [--bind ADDR] [--threads N]\n"
+                 "                   [--max-connections N] [--name NAMES] [--cert FILE --key FILE]\n"
+                 "       pelm-server sessions --db FILE|URI\n"
                  "       pelm-server --version | --help\n"
                  "\n"
                  "  --db FILE      the SQLite database (default pelm-server.db)\n"
+                 "  --db URI       a PostgreSQL database, postgresql://USER@HOST:PORT/NAME, which several\n"
+                 "                 servers may share; postgresql:// alone reads PGHOST, PGSERVICE and the rest\n"
                  "  --seed FILE    apps and contents to serve (JSON: \"apps\" and \"contents\")\n"
                  "  --port N       the port, 1 to 65535 (default: a free one, printed at start)\n"
                  "  --bind ADDR    the address to listen on (default 127.0.0.1; 0.0.0.0 for the LAN)\n"
                  "  --name NAMES   host names and IP addresses, comma-separated, that the throwaway\n"
                  "                 certificate names besides localhost, so devices on the LAN can trust it\n"
-                 "  --threads N    worker threads, one per open connection (default 256)\n"
+                 "  --threads N    event-loop threads, each serving any number of connections (default: one\n"
+                 "                 per core)\n"
+                 "  --max-connections N\n"
+                 "                 connections open at once; more are closed as they come (default 10000)\n"
                  "  --cert FILE    the server's certificate, with --key; otherwise a throwaway authority in\n"
                  "                 ./pelm-server-certificate/ signs one, kept across restarts\n"
                  "  sessions       print the stored uploads as JSON\n");
@@ -75,9 +81,13 @@ int main(int argc, char** argv) {
                 if (!port) return usageError("--port takes a port number from 1 to 65535");
                 options.port = static_cast<int>(*port);
             } else if (word == "--threads") {
-                const auto threads = pelm::server::wholeNumber(value(), 1, 4096);
-                if (!threads) return usageError("--threads takes a number from 1 to 4096");
+                const auto threads = pelm::server::wholeNumber(value(), 1, 256);
+                if (!threads) return usageError("--threads takes a number from 1 to 256");
                 options.threads = static_cast<int>(*threads);
+            } else if (word == "--max-connections") {
+                const auto most = pelm::server::wholeNumber(value(), 1, 1000000);
+                if (!most) return usageError("--max-connections takes a number from 1 to 1000000");
+                options.maxConnections = static_cast<std::size_t>(*most);
             } else if (word == "--bind")
                 options.bindAddress = value();
             else if (word == "--name") {
@@ -106,9 +116,9 @@ int main(int argc, char** argv) {
 
     try {
         if (listSessions) {
-            pelm::server::ContentStore store(options.database,
-                                             pelm::server::ContentStore::Open::ExistingOnly);
-            std::cout << pelm::jsonText(store.sessions(), 2) << "\n";
+            const auto store =
+                pelm::server::openContentStore(options.database, pelm::server::ContentStore::Open::ExistingOnly);
+            std::cout << pelm::jsonText(store->sessions(), 2) << "\n";
             return 0;
         }
         if (!options.certFile)
@@ -120,8 +130,8 @@ int main(int argc, char** argv) {
             server.store().seed(*read.json);
         }
         server.start();
-        std::printf("pelm-server listening on https://%s:%d (database %s)\n", options.bindAddress.c_str(),
-                    server.port(), options.database.c_str());
+        std::printf("pelm-server listening on https://%s:%d (%s)\n", options.bindAddress.c_str(), server.port(),
+                    server.store().description().c_str());
         if (auto ca = server.caFile()) {
             std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
             if (const auto hint = pelm::server::lanNameHint(options.bindAddress, options.names))
@@ -129,7 +139,7 @@ int main(int argc, char** argv) {
         }
         std::fflush(stdout);
         pelm::server::waitForStopSignal();
-        // Requests in flight finish; idle keep-alive connections close within their one-second timeout.
+        // Idle connections close at once; requests in flight have a second to be answered.
         server.stop();
         return 0;
     } catch (const std::exception& e) {

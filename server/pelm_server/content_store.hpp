@@ -1,10 +1,10 @@
 #pragma once
 
-#include <condition_variable>
+#include <array>
+#include <chrono>
 #include <cstdint>
-#include <exception>
-#include <filesystem>
-#include <mutex>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <shared_mutex>
 #include <string>
@@ -13,19 +13,21 @@
 
 #include <pelm/model/json_binding.hpp>
 
-struct sqlite3;
-
 namespace pelm::server {
 
-/// The server's data in one SQLite file (or in memory): apps by token, contents by id and beacon, and every
-/// session upload as received. Safe to use from the server's handler threads.
+/// The server's data: apps by token, contents by id and beacon, and every session upload as received. One
+/// interface over two databases: a SQLite file for one machine, PostgreSQL for several servers sharing one.
+/// Safe to use from many threads at once.
 class ContentStore {
   public:
     enum class Open { CreateIfMissing, ExistingOnly };
-    /// ":memory:" keeps everything in memory. Throws std::runtime_error when the file cannot be opened, or
-    /// with ExistingOnly does not exist (nothing is created then).
-    explicit ContentStore(const std::string& path, Open open = Open::CreateIfMissing);
-    ~ContentStore();
+
+    /// How long an app's configuration or a beacon's content, once read, is answered from memory. Every
+    /// request reads them, so they are not read from the database each time; a change made in the database
+    /// by other hands is served within this time. A seed through this store is served at once.
+    static constexpr std::chrono::milliseconds kDefaultCacheLifetime{5000};
+
+    virtual ~ContentStore();
     ContentStore(const ContentStore&) = delete;
     ContentStore& operator=(const ContentStore&) = delete;
 
@@ -41,46 +43,79 @@ class ContentStore {
                                          const std::string& major, const std::string& minor,
                                          const std::string& displayType) const;
 
-    /// Stores one upload; answers its id.
+    /// Stores one upload and answers its id. The same upload sent again (a phone that never heard the
+    /// answer, to this server or to another sharing the database) is stored once and answers the same id.
+    /// Throws std::runtime_error when the database does not take it.
     std::int64_t storeSession(const std::string& token, const std::string& user, const JSON& session,
                               const JSON& beacon, const JSON& sessionLogs);
     /// Every stored upload, oldest first, in the nested form it was sent.
-    JSON sessions() const;
+    virtual JSON sessions() const = 0;
+    /// Which database this is, for the operator: "SQLite file X", "PostgreSQL database D on H".
+    virtual std::string description() const = 0;
+
+  protected:
+    explicit ContentStore(std::chrono::milliseconds cacheLifetime);
+
+    struct App {
+        std::string token;
+        std::string config;  // JSON text
+    };
+    struct Content {
+        std::int64_t id = 0;
+        std::string token, uuid, major, minor, displayType;
+        std::string content;  // JSON text
+    };
+    using Text = std::optional<std::string>;
+    /// One upload, its texts made storable (valid UTF-8, no NUL), what was not text left out.
+    struct Upload {
+        std::string token, user;
+        Text appVersion, sdkVersion, operatingSystem, startTime, endTime;
+        Text beaconUuid, beaconMajor, beaconMinor;
+        std::vector<std::array<Text, 5>> lines;  // uuid, major, minor, entrance_time, exit_time
+        std::string digest;                      // SHA-256 of all of the above, hex
+    };
+
+    virtual void writeSeed(const std::vector<App>& apps, const std::vector<Content>& contents) = 0;
+    virtual std::optional<std::string> queryAppConfig(const std::string& token) const = 0;
+    virtual std::optional<std::string> queryContent(const std::string& token, std::int64_t id) const = 0;
+    virtual std::optional<std::string> queryContentForBeacon(const std::string& token,
+                                                             const std::string& uuid,
+                                                             const std::string& major,
+                                                             const std::string& minor,
+                                                             const std::string& displayType) const = 0;
+    virtual std::int64_t writeUpload(const Upload& upload) = 0;
+
+    /// The nested form of one stored upload, as sessions() answers it.
+    static JSON uploadJSON(std::int64_t id, const Upload& upload, const std::string& receivedAt);
+    /// What the store wrote itself; a database changed by other hands may hold anything.
+    static JSON storedJSON(const std::string& text);
 
   private:
-    struct PendingUpload {
-        const std::string& token;
-        const std::string& user;
-        const JSON& session;
-        const JSON& beacon;
-        const JSON& sessionLogs;
-        std::int64_t id = 0;
-        std::exception_ptr error;
-        bool done = false;
+    struct Cached {
+        std::optional<JSON> value;
+        std::chrono::steady_clock::time_point readAt;
     };
-    struct UploadStatements;
-    void writeUploads(const std::vector<PendingUpload*>& batch);
-    std::int64_t insertUpload(UploadStatements& statements, const PendingUpload& upload);
-    void execute(const char* sql) const;
-    std::optional<JSON> queryAppConfig(const std::string& token) const;
-    std::optional<JSON> queryContentForBeacon(const std::string& token, const std::string& uuid,
-                                              const std::string& major, const std::string& minor,
-                                              const std::string& displayType) const;
+    std::optional<JSON> cached(const std::string& key,
+                               const std::function<std::optional<std::string>()>& query) const;
 
-    sqlite3* db_ = nullptr;
-    mutable std::mutex mutex_;  // the connection
-    std::mutex uploadsMutex_;
-    std::condition_variable uploadWritten_;
-    std::vector<PendingUpload*> queuedUploads_;
-    bool writingUploads_ = false;
-    // Apps and contents change only by seeding, and every request reads them: they are read from memory,
-    // concurrently, once looked up. Bounded, since lookups of beacons that have no content are kept too.
+    std::chrono::milliseconds cacheLifetime_;
+    // Bounded, since lookups of tokens and beacons that have nothing are kept too.
     static constexpr std::size_t kMaxCached = 10000;
     mutable std::shared_mutex cacheMutex_;
-    mutable std::unordered_map<std::string, JSON> appConfigs_;
-    mutable std::unordered_map<std::string, std::optional<JSON>> contents_;
+    mutable std::unordered_map<std::string, Cached> cache_;
     // Counts seedings, so that an answer read before one is not kept after it.
     std::uint64_t generation_ = 0;
 };
+
+/// True for a PostgreSQL connection URI ("postgresql://…" or "postgres://…").
+bool isPostgresAddress(const std::string& database);
+
+/// PostgreSQL for a connection URI (an empty one, "postgresql://", takes everything from PGHOST, PGSERVICE
+/// and the other libpq variables), otherwise a SQLite file (":memory:" keeps everything in memory). Throws
+/// std::runtime_error when the database cannot be opened or, with ExistingOnly, a file does not exist
+/// (nothing is created then).
+std::unique_ptr<ContentStore> openContentStore(
+    const std::string& database, ContentStore::Open open = ContentStore::Open::CreateIfMissing,
+    std::chrono::milliseconds cacheLifetime = ContentStore::kDefaultCacheLifetime);
 
 }  // namespace pelm::server

@@ -1,77 +1,90 @@
 #include "pelm_server/pelm_server.hpp"
 
-#include <httplib.h>
-
-#include <sys/socket.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
-#include <cstring>
+#include <cstdio>
 #include <stdexcept>
+#include <thread>
 
-#include <pelm/sdk/pelm_constants.hpp>
-
-#include "pelm_server/form_body.hpp"
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/asio/thread_pool.hpp>
 
 namespace pelm::server {
 namespace {
 
-constexpr const char* kJSON = "application/json; charset=utf-8";
-
-void reply(httplib::Response& res, int status, const JSON& body) {
-    res.status = status;
-    res.set_content(jsonText(body), kJSON);
-}
-
-void error(httplib::Response& res, int status, const std::string& message) {
-    reply(res, status, JSON{{"status", "error"}, {"message", message}});
-}
-
-void tooLarge(httplib::Response& res) {
-    error(res, 413,
-          "The request body is larger than the limit of 1 MiB (" + std::to_string(PelmServer::kMaxBodyBytes) +
-              " bytes)");
-}
-
-std::string param(const httplib::Request& req, const char* key) {
-    return req.has_param(key) ? req.get_param_value(key) : std::string();
-}
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
 
 std::filesystem::path defaultCertificateFolder() {
     return std::filesystem::temp_directory_path() / ("pelm-server-" + std::to_string(::getpid()));
 }
 
+std::string tooLargeMessage() {
+    return "The request body is larger than the limit of 1 MiB (" +
+           std::to_string(PelmServer::kMaxBodyBytes) + " bytes)";
+}
+
+// Each connection takes a descriptor; a soft limit of 1024 would refuse phones long before the server's own
+// limit does.
+void allowDescriptorsFor(std::size_t connections) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    const rlim_t wanted = static_cast<rlim_t>(connections) + 256;
+    if (limit.rlim_cur >= wanted) return;
+    limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
 
+struct PelmServer::Loop {
+    explicit Loop(int storeThreads) : store(static_cast<std::size_t>(storeThreads)) {}
+    net::io_context io;
+    net::ssl::context tls{net::ssl::context::tls_server};
+    tcp::acceptor acceptor{net::make_strand(io)};
+    net::steady_timer acceptRetry{acceptor.get_executor()};
+    std::optional<net::executor_work_guard<net::io_context::executor_type>> work;
+    std::vector<std::thread> threads;
+    net::thread_pool store;
+};
+
 PelmServer::PelmServer(Options options)
-    : options_(std::move(options)), store_(std::make_unique<ContentStore>(options_.database)) {
-    std::filesystem::path cert, key;
+    : options_(std::move(options)),
+      store_(
+          openContentStore(options_.database, ContentStore::Open::CreateIfMissing, options_.cacheLifetime)),
+      routes_(*store_, &PelmServer::log),
+      loop_(std::make_unique<Loop>(std::max(1, options_.storeThreads))) {
+    limits_.maxHeaderBytes = kMaxHeaderBytes;
+    limits_.maxHeaderCount = kMaxHeaderCount;
+    limits_.maxBodyBytes = kMaxBodyBytes;
+    limits_.keepAlive = std::chrono::seconds(std::max(1, options_.keepAliveSeconds));
     if (options_.certFile && options_.keyFile) {
-        cert = *options_.certFile;
-        key = *options_.keyFile;
+        certFile_ = *options_.certFile;
+        keyFile_ = *options_.keyFile;
     } else {
         const auto made = folderCertificate(options_.certificateFolder.value_or(defaultCertificateFolder()),
                                             365, options_.names);
-        cert = made.certFile;
-        key = made.keyFile;
+        certFile_ = made.certFile;
+        keyFile_ = made.keyFile;
         caFile_ = made.caFile;
     }
-    http_ = std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str());
-    if (!http_->is_valid()) throw std::runtime_error("cannot load the certificate " + cert.string());
-    // Without this, Nagle's algorithm holds back each keep-alive reply by tens of milliseconds.
-    http_->set_tcp_nodelay(true);
-    http_->set_keep_alive_max_count(100000);
-    http_->set_keep_alive_timeout(options_.keepAliveSeconds);
-    http_->set_payload_max_length(kMaxBodyBytes);
-    // SO_REUSEADDR only: a restart may take over a port still in TIME_WAIT, but a second server on a port in
-    // use fails instead of sharing it (with SO_REUSEPORT, requests would alternate between the two).
-    http_->set_socket_options([](int socket) {
-        int yes = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    });
-    const auto threads = static_cast<std::size_t>(std::max(1, options_.threads));
-    http_->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-    routes();
+    auto& tls = loop_->tls;
+    tls.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
+                    net::ssl::context::no_sslv3 | net::ssl::context::no_tlsv1 |
+                    net::ssl::context::no_tlsv1_1);
+    // An idle connection then holds no read or write buffer: thousands of phones cost little between
+    // requests.
+    SSL_CTX_set_mode(tls.native_handle(), SSL_MODE_RELEASE_BUFFERS);
+    boost::system::error_code error;
+    tls.use_certificate_chain_file(certFile_.string(), error);
+    if (!error) tls.use_private_key_file(keyFile_.string(), net::ssl::context::pem, error);
+    if (error) throw std::runtime_error("cannot load the certificate " + certFile_.string());
 }
 
 PelmServer::~PelmServer() {
@@ -79,29 +92,175 @@ PelmServer::~PelmServer() {
 }
 
 void PelmServer::start() {
-    errno = 0;
-    port_ = options_.port == 0
-                ? http_->bind_to_any_port(options_.bindAddress)
-                : (http_->bind_to_port(options_.bindAddress, options_.port) ? options_.port : -1);
-    if (port_ <= 0) {
-        const int cause = errno;
-        throw std::runtime_error("cannot listen on " + options_.bindAddress + ":" +
-                                 std::to_string(options_.port) +
-                                 (cause == EADDRINUSE ? ": the port is in use"
-                                  : cause != 0        ? std::string(": ") + std::strerror(cause)
-                                                      : std::string()));
+    const auto where = [&] { return options_.bindAddress + ":" + std::to_string(options_.port); };
+    boost::system::error_code error;
+    const auto address = net::ip::make_address(options_.bindAddress, error);
+    if (error) throw std::runtime_error("cannot listen on " + where() + ": not an IP address");
+    const tcp::endpoint endpoint(address, static_cast<unsigned short>(options_.port));
+    auto& acceptor = loop_->acceptor;
+    acceptor.open(endpoint.protocol(), error);
+    // SO_REUSEADDR only: a restart may take over a port still in TIME_WAIT, but a second server on a port in
+    // use fails instead of sharing it.
+    if (!error) acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+    if (!error) acceptor.bind(endpoint, error);
+    if (!error) acceptor.listen(net::socket_base::max_listen_connections, error);
+    if (error) {
+        throw std::runtime_error(
+            "cannot listen on " + where() +
+            (error == net::error::address_in_use ? ": the port is in use" : ": " + error.message()));
     }
-    thread_ = std::thread([this] { http_->listen_after_bind(); });
-    // A stop before the loop runs would be lost and leave it listening for good; return once it runs.
-    for (int waited = 0; !http_->is_running() && waited < 5000; ++waited) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    port_ = acceptor.local_endpoint().port();
+    allowDescriptorsFor(options_.maxConnections);
+    {
+        std::lock_guard lock(connectionsMutex_);
+        accepting_ = true;
     }
-    if (!http_->is_running()) throw std::runtime_error("the server did not start listening");
+    net::post(acceptor.get_executor(), [this] { accept(); });
+    loop_->work.emplace(loop_->io.get_executor());
+    const auto threads = options_.threads > 0
+                             ? options_.threads
+                             : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    for (int i = 0; i < threads; ++i) loop_->threads.emplace_back([this] { loop_->io.run(); });
 }
 
+void PelmServer::accept() {
+    loop_->acceptor.async_accept(
+        net::make_strand(loop_->io), [this](boost::system::error_code error, tcp::socket socket) {
+            if (error == net::error::operation_aborted || !loop_->acceptor.is_open()) return;
+            if (error) {
+                // Out of descriptors or memory for a moment: accepting again at once would only spin.
+                loop_->acceptRetry.expires_after(std::chrono::milliseconds(100));
+                loop_->acceptRetry.async_wait([this](boost::system::error_code waited) {
+                    if (!waited) accept();
+                });
+                return;
+            }
+            onAccepted(std::move(socket));
+            accept();
+        });
+}
+
+// Past the limit a connection is closed as soon as it is accepted: the phone learns at once, and those
+// already connected keep being served.
+void PelmServer::onAccepted(tcp::socket socket) {
+    boost::system::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    std::shared_ptr<Connection> connection;
+    {
+        std::lock_guard lock(connectionsMutex_);
+        if (!accepting_ || open_.size() >= options_.maxConnections) {
+            socket.close(ignored);
+            return;
+        }
+        ConnectionOwner& owner = *this;
+        connection = std::make_shared<Connection>(std::move(socket), loop_->tls, owner);
+        open_[connection.get()] = connection;
+    }
+    net::post(connection->executor(), [connection] { connection->start(); });
+}
+
+void PelmServer::ended(const void* connection) {
+    std::lock_guard lock(connectionsMutex_);
+    open_.erase(connection);
+    if (open_.empty()) connectionEnded_.notify_all();
+}
+
+void PelmServer::closeConnections(bool gracefully) {
+    std::vector<std::shared_ptr<Connection>> open;
+    {
+        std::lock_guard lock(connectionsMutex_);
+        for (const auto& [address, connection] : open_) {
+            if (auto alive = connection.lock()) open.push_back(std::move(alive));
+        }
+    }
+    for (auto& connection : open) {
+        net::post(connection->executor(), [connection, gracefully] {
+            if (gracefully) {
+                connection->stopGracefully();
+            } else {
+                connection->close();
+            }
+        });
+    }
+}
+
+// Stops accepting, lets the requests in flight be answered for up to a second, closes whatever is left,
+// and returns once every store call has ended.
 void PelmServer::stop() {
-    if (http_) http_->stop();
-    if (thread_.joinable()) thread_.join();
+    if (!loop_ || loop_->threads.empty()) return;
+    {
+        std::lock_guard lock(connectionsMutex_);
+        accepting_ = false;
+    }
+    net::post(loop_->acceptor.get_executor(), [this] {
+        boost::system::error_code ignored;
+        loop_->acceptor.close(ignored);
+        loop_->acceptRetry.cancel();
+    });
+    const auto waitForConnections = [this](std::chrono::milliseconds most) {
+        std::unique_lock lock(connectionsMutex_);
+        connectionEnded_.wait_for(lock, most, [this] { return open_.empty(); });
+    };
+    closeConnections(true);
+    waitForConnections(std::chrono::seconds(1));
+    closeConnections(false);
+    waitForConnections(std::chrono::milliseconds(200));
+    loop_->store.join();
+    loop_->work.reset();
+    loop_->io.stop();
+    for (auto& thread : loop_->threads) thread.join();
+    loop_.reset();  // and with it every connection still waiting on the loop
+}
+
+void PelmServer::handle(Request request, int remotePort, std::function<void(Reply)> done) {
+    record(request, remotePort);
+    const std::string target(request.target());
+    const auto fault = faultFor(target.substr(0, target.find('?')));
+    if (fault && (fault->dropConnection || fault->status || fault->body)) {
+        Reply reply;
+        reply.status = fault->status.value_or(200);
+        reply.body = fault->body.value_or(R"({"status":"successful"})");
+        reply.location = fault->location;
+        reply.delay = fault->delay;
+        reply.dropConnection = fault->dropConnection;
+        return done(std::move(reply));
+    }
+    const auto delay = fault ? fault->delay : std::chrono::milliseconds(0);
+    net::post(loop_->store, [this, request = std::move(request), done = std::move(done), delay] {
+        const auto method = request.method_string();
+        const auto target = request.target();
+        auto answer =
+            routes_.answer({method.data(), method.size()}, {target.data(), target.size()}, request.body());
+        Reply reply;
+        reply.status = answer.status;
+        reply.body = std::move(answer.body);
+        reply.delay = delay;
+        done(std::move(reply));
+    });
+}
+
+Reply PelmServer::refusal(int status) {
+    const auto message = [status] {
+        switch (status) {
+            case 413:
+                return tooLargeMessage();
+            case 415:
+                return std::string("The body must be sent as it is: no Content-Encoding is taken");
+            case 431:
+                return std::string("Request header fields too large");
+            default:
+                return std::string("The request could not be read");
+        }
+    }();
+    auto answer = ApiRoutes::error(status, message);
+    Reply reply;
+    reply.status = answer.status;
+    reply.body = std::move(answer.body);
+    return reply;
+}
+
+void PelmServer::log(const std::string& line) {
+    std::fprintf(stderr, "pelm-server: %s\n", line.c_str());
 }
 
 void PelmServer::setFault(const std::string& path, Fault fault) {
@@ -114,6 +273,12 @@ void PelmServer::clearFaults() {
     faults_.clear();
 }
 
+std::optional<PelmServer::Fault> PelmServer::faultFor(const std::string& path) const {
+    std::lock_guard lock(mutex_);
+    if (const auto found = faults_.find(path); found != faults_.end()) return found->second;
+    return std::nullopt;
+}
+
 std::vector<PelmServer::ReceivedRequest> PelmServer::requests() const {
     std::lock_guard lock(mutex_);
     return {requests_.begin(), requests_.end()};
@@ -124,143 +289,20 @@ std::size_t PelmServer::connectionCount() const {
     return connections_.size();
 }
 
-void PelmServer::record(const void* request, ReceivedRequest received) {
+void PelmServer::record(const Request& request, int remotePort) {
     if (options_.recordRequests == 0) return;
+    const std::string target(request.target());
+    ReceivedRequest received{std::string(request.method_string()),
+                             target.substr(0, target.find('?')),
+                             target,
+                             std::string(request[boost::beast::http::field::content_type]),
+                             std::string(request[boost::beast::http::field::expect]),
+                             request.body(),
+                             remotePort};
     std::lock_guard lock(mutex_);
-    recordOf_[request] = dropped_ + requests_.size();
-    connections_.insert(received.remotePort);
+    connections_.insert(remotePort);
     requests_.push_back(std::move(received));
-    if (requests_.size() > options_.recordRequests) {
-        requests_.pop_front();
-        ++dropped_;
-    }
-}
-
-void PelmServer::recordBody(const void* request, const std::string& body) {
-    if (options_.recordRequests == 0) return;
-    std::lock_guard lock(mutex_);
-    if (const auto found = recordOf_.find(request); found != recordOf_.end()) {
-        if (found->second >= dropped_) requests_[found->second - dropped_].body = body;
-        recordOf_.erase(found);
-    }
-}
-
-// The server library reads the whole head before any handler of ours runs; this at least answers a head
-// beyond what a client of ours ever sends with 431 instead of serving it.
-bool PelmServer::headersWithinLimits(const void* request) {
-    const auto& req = *static_cast<const httplib::Request*>(request);
-    std::size_t bytes = req.target.size();
-    for (const auto& [name, value] : req.headers) bytes += name.size() + value.size() + 4;
-    return req.headers.size() <= kMaxHeaderCount && bytes <= kMaxHeaderBytes;
-}
-
-void PelmServer::routes() {
-    http_->set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
-        if (!headersWithinLimits(&req)) {
-            error(res, 431, "Request header fields too large");
-            return httplib::Server::HandlerResponse::Handled;
-        }
-        record(&req, {req.method, req.path, req.target, req.get_header_value("Content-Type"),
-                      req.get_header_value("Expect"), req.body, req.remote_port});
-        std::optional<Fault> fault;
-        {
-            std::lock_guard lock(mutex_);
-            if (const auto found = faults_.find(req.path); found != faults_.end()) fault = found->second;
-        }
-        if (!fault) return httplib::Server::HandlerResponse::Unhandled;
-        std::this_thread::sleep_for(fault->delay);
-        if (fault->dropConnection) {
-            res.status = 200;
-            res.set_content_provider(64, kJSON,
-                                     [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
-            return httplib::Server::HandlerResponse::Handled;
-        }
-        if (!fault->status && !fault->body) return httplib::Server::HandlerResponse::Unhandled;
-        res.status = fault->status.value_or(200);
-        if (fault->location) res.set_header("Location", *fault->location);
-        res.set_content(fault->body.value_or(R"({"status":"successful"})"), kJSON);
-        return httplib::Server::HandlerResponse::Handled;
-    });
-
-    const std::string base(PelmConstants::apiBasePath);
-    http_->Get(base + "/status", [this](const httplib::Request& req, httplib::Response& res) {
-        if (!store_->appConfig(param(req, "app_token"))) return error(res, 401, "Unknown app token");
-        reply(res, 200,
-              {{"status", "successful"},
-               {"version", "1.0.0"},
-               {"api_version", "v1"},
-               {"git_revision", "pelm-server"}});
-    });
-    http_->Get(base + "/app_config/by_app_token",
-               [this](const httplib::Request& req, httplib::Response& res) {
-                   const auto config = store_->appConfig(param(req, "app_token"));
-                   if (!config) return error(res, 401, "Unknown app token");
-                   reply(res, 200, {{"status", "successful"}, {"app_config", *config}});
-               });
-    http_->Get(base + R"(/contents/(-?\d+))", [this](const httplib::Request& req, httplib::Response& res) {
-        const auto token = param(req, "app_token");
-        if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");
-        std::int64_t id = 0;
-        const auto digits = req.matches[1].str();
-        if (std::from_chars(digits.data(), digits.data() + digits.size(), id).ec != std::errc())
-            return error(res, 404, "No such content");
-        const auto content = store_->content(token, id);
-        if (!content) return error(res, 404, "No such content");
-        reply(res, 200, {{"status", "successful"}, {"content", *content}});
-    });
-    http_->Get(base + "/contents/by_hardware", [this](const httplib::Request& req, httplib::Response& res) {
-        const auto token = param(req, "app_token");
-        if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");
-        if (param(req, "type") != "BLE") return error(res, 400, "Unsupported hardware type");
-        const auto uuid = param(req, "uuid"), major = param(req, "major"), minor = param(req, "minor");
-        const auto entry = store_->contentForBeacon(token, uuid, major, minor, "entry");
-        const auto exit = store_->contentForBeacon(token, uuid, major, minor, "exit");
-        if (!entry && !exit) return error(res, 404, "No content for this beacon");
-        JSON body = {{"status", "successful"}};
-        if (entry) body["content_entry"] = *entry;
-        if (exit) body["content_exit"] = *exit;
-        reply(res, 200, body);
-    });
-    // The body is read here, not by the server library, whose own limit for form bodies is 8 KiB: a long
-    // visit must get up to kMaxBodyBytes through.
-    http_->Post(base + "/sessions", [this](const httplib::Request& req, httplib::Response& res,
-                                           const httplib::ContentReader& content) {
-        std::string body;
-        bool over = false;
-        const bool whole = content([&](const char* data, std::size_t size) {
-            over = body.size() + size > kMaxBodyBytes;
-            if (!over) body.append(data, size);
-            return !over;
-        });
-        if (!whole) {
-            if (over || res.status == 413) return tooLarge(res);
-            return error(res, 400, "The request body could not be read");
-        }
-        recordBody(&req, body);
-        const auto form = parseFormBody(body);
-        const auto text = [&](const char* key) {
-            const auto found = form.find(key);
-            return found != form.end() && found->is_string() ? found->get<std::string>() : std::string();
-        };
-        const auto token = text("app_token");
-        if (!store_->appConfig(token)) return error(res, 401, "Unknown app token");
-        const auto session = form.value("session", JSON());
-        if (!session.is_object()) return error(res, 422, "The upload has no session");
-        store_->storeSession(token, text("session_user"), session, form.value("beacon", JSON::object()),
-                             form.value("session_logs", JSON::array()));
-        reply(res, 201, {{"status", "successful"}});
-    });
-    http_->set_post_routing_handler([this](const httplib::Request& req, httplib::Response&) {
-        std::lock_guard lock(mutex_);
-        recordOf_.erase(&req);
-    });
-    // A body the server library refused by its length alone comes here with no text of its own.
-    http_->set_error_handler([](const httplib::Request&, httplib::Response& res) {
-        if (res.status == 413 && res.body.empty()) tooLarge(res);
-    });
-    http_->set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
-        error(res, 500, "Internal server error");
-    });
+    if (requests_.size() > options_.recordRequests) requests_.pop_front();
 }
 
 }  // namespace pelm::server

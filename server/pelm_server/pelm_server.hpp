@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <filesystem>
 #include <map>
@@ -9,34 +10,38 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <pelm/model/json_binding.hpp>
 
+#include "pelm_server/api_routes.hpp"
 #include "pelm_server/certificates.hpp"
+#include "pelm_server/connection.hpp"
 #include "pelm_server/content_store.hpp"
-
-namespace httplib {
-class SSLServer;
-}
 
 namespace pelm::server {
 
-/// A reference content server: the five endpoints over HTTPS, data in SQLite.
-class PelmServer {
+/// A reference content server: the five endpoints over HTTPS, data in SQLite or PostgreSQL. A few threads run
+/// an event loop that serves every connection; the store's calls, which may wait on a database, run on
+/// threads of their own.
+class PelmServer : private ConnectionOwner {
   public:
     struct Options {
-        /// SQLite file; ":memory:" by default.
+        /// A SQLite file (":memory:" by default) or a PostgreSQL URI (see openContentStore).
         std::string database = ":memory:";
+        /// How long an app's configuration or a beacon's content is answered from memory once read.
+        std::chrono::milliseconds cacheLifetime = ContentStore::kDefaultCacheLifetime;
         /// 0 picks a free port.
         int port = 0;
         std::string bindAddress = "127.0.0.1";
-        /// How long an idle keep-alive connection is held open. Each open connection holds a worker thread,
-        /// and stopping waits for idle connections this long, so it is short.
-        int keepAliveSeconds = 1;
-        /// Worker threads: one per open connection, so as many as phones may be connected at once.
-        int threads = 256;
+        /// How long a kept-alive connection may wait for its next request.
+        int keepAliveSeconds = 30;
+        /// Event-loop threads; 0 runs one per core.
+        int threads = 0;
+        /// Threads for the store's calls: each may wait on the database.
+        int storeThreads = 8;
+        /// Connections open at once; more are closed as soon as they are accepted.
+        std::size_t maxConnections = 10000;
         /// Keep what arrived, for tests: the last `recordRequests` requests (and their connections).
         std::size_t recordRequests = 0;
         /// Certificate and key; a throwaway pair is made in `certificateFolder` when none is given.
@@ -95,23 +100,38 @@ class PelmServer {
     std::size_t connectionCount() const;
 
   private:
-    void routes();
-    void record(const void* request, ReceivedRequest received);
-    void recordBody(const void* request, const std::string& body);
-    static bool headersWithinLimits(const void* request);
+    struct Loop;
+
+    const ConnectionLimits& limits() const override { return limits_; }
+    void handle(Request request, int remotePort, std::function<void(Reply)> done) override;
+    Reply refusal(int status) override;
+    void ended(const void* connection) override;
+
+    void accept();
+    void onAccepted(boost::asio::ip::tcp::socket socket);
+    void record(const Request& request, int remotePort);
+    std::optional<Fault> faultFor(const std::string& path) const;
+    void closeConnections(bool gracefully);
+    static void log(const std::string& line);
 
     Options options_;
+    ConnectionLimits limits_;
     std::unique_ptr<ContentStore> store_;
-    std::unique_ptr<httplib::SSLServer> http_;
-    std::thread thread_;
+    ApiRoutes routes_;
+    std::unique_ptr<Loop> loop_;
     int port_ = 0;
     std::optional<std::filesystem::path> caFile_;
+    std::filesystem::path certFile_, keyFile_;
+
+    // The open connections, by address; a connection tells when it ends.
+    std::mutex connectionsMutex_;
+    std::condition_variable connectionEnded_;
+    std::map<const void*, std::weak_ptr<Connection>> open_;
+    bool accepting_ = false;
+
     mutable std::mutex mutex_;
     std::map<std::string, Fault> faults_;
     std::deque<ReceivedRequest> requests_;
-    std::size_t dropped_ = 0;  // records let go from the front of requests_
-    // The body is read after routing starts; a handler finds its request's record by the request's address.
-    std::map<const void*, std::size_t> recordOf_;
     std::set<int> connections_;
 };
 

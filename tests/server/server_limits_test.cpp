@@ -55,6 +55,7 @@ TEST(ServerMemory, RequestsAreKeptOnlyWhenAskedAndThenOnlyTheLatest) {
         PelmServer::Options options;
         options.certificateFolder = folder.path();
         options.recordRequests = kept;
+        options.database = testing::testDatabase();
         PelmServer server(options);
         server.store().seed(testing::testSeed());
         server.start();
@@ -93,7 +94,7 @@ TEST(ServerPorts, ASecondServerOnAPortInUseFailsNamingItAndAMissingDatabaseIsNot
     }
 
     const auto missing = (folder.path() / "typo.db").string();
-    EXPECT_THROW(ContentStore(missing, ContentStore::Open::ExistingOnly), std::runtime_error);
+    EXPECT_THROW(openContentStore(missing, ContentStore::Open::ExistingOnly), std::runtime_error);
     EXPECT_FALSE(std::filesystem::exists(missing));
 }
 

@@ -8,6 +8,7 @@
 
 #include "pelm_server/pelm_server.hpp"
 #include "support/temp_folder.hpp"
+#include "support/test_database.hpp"
 #include "support/test_platform.hpp"
 
 namespace pelm::testing {
@@ -47,6 +48,7 @@ class ServerTest : public ::testing::Test {
         server::PelmServer::Options options;
         options.certificateFolder = folder_;
         options.recordRequests = 10000;
+        options.database = testDatabase();
         server_ = std::make_unique<server::PelmServer>(options);
         server_->store().seed(testSeed());
         server_->start();

@@ -1,0 +1,266 @@
+#include "pelm_server/postgres_store.hpp"
+
+#include <libpq-fe.h>
+
+#include <map>
+#include <stdexcept>
+
+#include <pelm/model/json_text.hpp>
+
+namespace pelm::server {
+namespace {
+
+// Servers starting together against a new database would race to make the same tables; the first takes this
+// lock and the others find them made.
+constexpr const char* kSchema = R"sql(
+BEGIN;
+SELECT pg_advisory_xact_lock(7365290117);
+CREATE TABLE IF NOT EXISTS apps (token TEXT PRIMARY KEY, config TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS contents (
+  id BIGINT PRIMARY KEY, token TEXT NOT NULL, uuid TEXT NOT NULL, major TEXT NOT NULL, minor TEXT NOT NULL,
+  display_type TEXT NOT NULL, content TEXT NOT NULL);
+CREATE INDEX IF NOT EXISTS contents_by_beacon ON contents (token, upper(uuid), major, minor, display_type);
+CREATE TABLE IF NOT EXISTS sessions (
+  id BIGSERIAL PRIMARY KEY, token TEXT NOT NULL, visitor TEXT NOT NULL,
+  app_version TEXT, sdk_version TEXT, operating_system TEXT, start_time TEXT, end_time TEXT,
+  beacon_uuid TEXT, beacon_major TEXT, beacon_minor TEXT, digest TEXT UNIQUE,
+  received_at TEXT NOT NULL DEFAULT to_char(now() AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS'));
+CREATE TABLE IF NOT EXISTS session_logs (
+  session_id BIGINT NOT NULL REFERENCES sessions (id), position INTEGER NOT NULL,
+  uuid TEXT, major TEXT, minor TEXT, entrance_time TEXT, exit_time TEXT, PRIMARY KEY (session_id, position));
+COMMIT;
+)sql";
+
+// The session and its lines in one statement: stored whole or not at all, and a second arrival of the same
+// upload (same digest) stores nothing.
+constexpr const char* kInsertUpload = R"sql(
+WITH s AS (
+  INSERT INTO sessions (token, visitor, app_version, sdk_version, operating_system, start_time, end_time,
+                        beacon_uuid, beacon_major, beacon_minor, digest)
+  VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11) ON CONFLICT (digest) DO NOTHING RETURNING id),
+l AS (
+  INSERT INTO session_logs (session_id, position, uuid, major, minor, entrance_time, exit_time)
+  SELECT s.id, x.n - 1, x.uuid, x.major, x.minor, x.entrance_time, x.exit_time FROM s,
+    ROWS FROM (json_to_recordset($12::json)
+               AS (uuid TEXT, major TEXT, minor TEXT, entrance_time TEXT, exit_time TEXT))
+    WITH ORDINALITY AS x (uuid, major, minor, entrance_time, exit_time, n))
+SELECT id FROM s
+)sql";
+
+std::string withoutTrailingNewline(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+// One query's answer, cleared on every path out; a failed query throws with PostgreSQL's own words.
+class PostgresStore::Result {
+  public:
+    Result(pg_conn* connection, const char* sql, const std::vector<Text>& parameters) {
+        std::vector<const char*> values;
+        for (const auto& parameter : parameters) values.push_back(parameter ? parameter->c_str() : nullptr);
+        result_ = PQexecParams(connection, sql, static_cast<int>(values.size()), nullptr, values.data(),
+                               nullptr, nullptr, 0);
+        const auto status = PQresultStatus(result_);
+        if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+            const std::string message = withoutTrailingNewline(PQerrorMessage(connection));
+            PQclear(result_);
+            throw std::runtime_error("postgresql: " + message);
+        }
+    }
+    ~Result() { PQclear(result_); }
+    Result(const Result&) = delete;
+    Result& operator=(const Result&) = delete;
+
+    int rows() const { return PQntuples(result_); }
+    std::string text(int row, int column) const { return PQgetvalue(result_, row, column); }
+    Text optionalText(int row, int column) const {
+        if (PQgetisnull(result_, row, column)) return std::nullopt;
+        return text(row, column);
+    }
+    std::int64_t integer(int row, int column) const { return std::stoll(text(row, column)); }
+
+  private:
+    PGresult* result_ = nullptr;
+};
+
+// A connection of the pool for one call; one that broke meanwhile is closed instead of going back.
+class PostgresStore::Lease {
+  public:
+    explicit Lease(const PostgresStore& store) : store_(store) {
+        {
+            std::lock_guard lock(store_.poolMutex_);
+            if (!store_.idle_.empty()) {
+                connection_ = store_.idle_.back();
+                store_.idle_.pop_back();
+            }
+        }
+        if (connection_ != nullptr && PQstatus(connection_) != CONNECTION_OK) {
+            PQfinish(connection_);
+            connection_ = nullptr;
+        }
+        if (connection_ == nullptr) connection_ = store_.connect();
+    }
+    ~Lease() {
+        if (PQstatus(connection_) != CONNECTION_OK || PQtransactionStatus(connection_) != PQTRANS_IDLE) {
+            PQfinish(connection_);
+            return;
+        }
+        std::lock_guard lock(store_.poolMutex_);
+        store_.idle_.push_back(connection_);
+    }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+    pg_conn* get() const { return connection_; }
+
+  private:
+    const PostgresStore& store_;
+    pg_conn* connection_ = nullptr;
+};
+
+PostgresStore::PostgresStore(std::string address, std::chrono::milliseconds cacheLifetime)
+    : ContentStore(cacheLifetime), address_(std::move(address)) {
+    auto* connection = connect();
+    const auto name = [&](const char* value) {
+        return value != nullptr ? std::string(value) : std::string();
+    };
+    description_ = "PostgreSQL database " + name(PQdb(connection)) + " on " + name(PQhost(connection)) + ":" +
+                   name(PQport(connection));
+    auto* result = PQexec(connection, kSchema);
+    const bool made = PQresultStatus(result) == PGRES_COMMAND_OK;
+    PQclear(result);
+    if (!made) {
+        const std::string message = withoutTrailingNewline(PQerrorMessage(connection));
+        PQfinish(connection);
+        throw std::runtime_error("postgresql: cannot make the tables: " + message);
+    }
+    idle_.push_back(connection);
+}
+
+PostgresStore::~PostgresStore() {
+    for (auto* connection : idle_) PQfinish(connection);
+}
+
+pg_conn* PostgresStore::connect() const {
+    auto* connection = PQconnectdb(address_.c_str());
+    if (PQstatus(connection) != CONNECTION_OK) {
+        const std::string message = withoutTrailingNewline(PQerrorMessage(connection));
+        PQfinish(connection);
+        throw std::runtime_error("cannot connect to PostgreSQL: " + message);
+    }
+    // Texts are UTF-8 whatever the database's own encoding.
+    PQsetClientEncoding(connection, "UTF8");
+    return connection;
+}
+
+std::optional<std::string> PostgresStore::firstText(const char* sql,
+                                                    const std::vector<Text>& parameters) const {
+    Lease lease(*this);
+    const Result result(lease.get(), sql, parameters);
+    if (result.rows() == 0) return std::nullopt;
+    return result.text(0, 0);
+}
+
+void PostgresStore::writeSeed(const std::vector<App>& apps, const std::vector<Content>& contents) {
+    Lease lease(*this);
+    auto* connection = lease.get();
+    Result(connection, "BEGIN", {});
+    try {
+        for (const auto& app : apps) {
+            Result(connection,
+                   "INSERT INTO apps (token, config) VALUES ($1, $2) "
+                   "ON CONFLICT (token) DO UPDATE SET config = EXCLUDED.config",
+                   {app.token, app.config});
+        }
+        for (const auto& row : contents) {
+            Result(
+                connection,
+                "INSERT INTO contents (id, token, uuid, major, minor, display_type, content) "
+                "VALUES ($1, $2, $3, $4, $5, $6, $7) ON CONFLICT (id) DO UPDATE SET token = EXCLUDED.token, "
+                "uuid = EXCLUDED.uuid, major = EXCLUDED.major, minor = EXCLUDED.minor, "
+                "display_type = EXCLUDED.display_type, content = EXCLUDED.content",
+                {std::to_string(row.id), row.token, row.uuid, row.major, row.minor, row.displayType,
+                 row.content});
+        }
+        Result(connection, "COMMIT", {});
+    } catch (...) {
+        PQclear(PQexec(connection, "ROLLBACK"));
+        throw;
+    }
+}
+
+std::optional<std::string> PostgresStore::queryAppConfig(const std::string& token) const {
+    return firstText("SELECT config FROM apps WHERE token = $1", {token});
+}
+
+std::optional<std::string> PostgresStore::queryContent(const std::string& token, std::int64_t id) const {
+    return firstText("SELECT content FROM contents WHERE token = $1 AND id = $2",
+                     {token, std::to_string(id)});
+}
+
+std::optional<std::string> PostgresStore::queryContentForBeacon(const std::string& token,
+                                                                const std::string& uuid,
+                                                                const std::string& major,
+                                                                const std::string& minor,
+                                                                const std::string& displayType) const {
+    return firstText(
+        "SELECT content FROM contents WHERE token = $1 AND upper(uuid) = upper($2) AND major = $3 AND minor "
+        "= $4 "
+        "AND display_type = $5 ORDER BY id LIMIT 1",
+        {token, uuid, major, minor, displayType});
+}
+
+std::int64_t PostgresStore::writeUpload(const Upload& upload) {
+    JSON lines = JSON::array();
+    for (const auto& line : upload.lines) {
+        JSON entry = JSON::object();
+        static constexpr const char* kColumns[] = {"uuid", "major", "minor", "entrance_time", "exit_time"};
+        for (std::size_t column = 0; column < line.size(); ++column) {
+            if (line[column]) entry[kColumns[column]] = *line[column];
+        }
+        lines.push_back(std::move(entry));
+    }
+    Lease lease(*this);
+    const Result stored(lease.get(), kInsertUpload,
+                        {upload.token, upload.user, upload.appVersion, upload.sdkVersion,
+                         upload.operatingSystem, upload.startTime, upload.endTime, upload.beaconUuid,
+                         upload.beaconMajor, upload.beaconMinor, upload.digest, jsonText(lines)});
+    if (stored.rows() == 1) return stored.integer(0, 0);
+    // Sent before, perhaps to another server: the first one stands.
+    const Result earlier(lease.get(), "SELECT id FROM sessions WHERE digest = $1", {upload.digest});
+    if (earlier.rows() != 1) throw std::runtime_error("postgresql: an upload was neither stored nor found");
+    return earlier.integer(0, 0);
+}
+
+JSON PostgresStore::sessions() const {
+    Lease lease(*this);
+    const Result sessions(
+        lease.get(),
+        "SELECT id, token, visitor, app_version, sdk_version, operating_system, start_time, "
+        "end_time, beacon_uuid, beacon_major, beacon_minor, received_at FROM sessions ORDER BY id",
+        {});
+    const Result lines(lease.get(),
+                       "SELECT session_id, uuid, major, minor, entrance_time, exit_time FROM session_logs "
+                       "ORDER BY session_id, position",
+                       {});
+    std::map<std::int64_t, std::vector<std::array<Text, 5>>> linesOf;
+    for (int row = 0; row < lines.rows(); ++row) {
+        linesOf[lines.integer(row, 0)].push_back({lines.optionalText(row, 1), lines.optionalText(row, 2),
+                                                  lines.optionalText(row, 3), lines.optionalText(row, 4),
+                                                  lines.optionalText(row, 5)});
+    }
+    JSON result = JSON::array();
+    for (int row = 0; row < sessions.rows(); ++row) {
+        const auto id = sessions.integer(row, 0);
+        Upload upload{
+            sessions.text(row, 1),          sessions.text(row, 2),         sessions.optionalText(row, 3),
+            sessions.optionalText(row, 4),  sessions.optionalText(row, 5), sessions.optionalText(row, 6),
+            sessions.optionalText(row, 7),  sessions.optionalText(row, 8), sessions.optionalText(row, 9),
+            sessions.optionalText(row, 10), std::move(linesOf[id]),        {}};
+        result.push_back(uploadJSON(id, upload, sessions.text(row, 11)));
+    }
+    return result;
+}
+
+}  // namespace pelm::server
