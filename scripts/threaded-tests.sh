@@ -3,5 +3,5 @@
 # (every integration test), the settings store, the Linux status sources and the BlueZ feed.
 suites=(APIClientTest SlowReplyTest PelmSDKTest SessionManagerTest BeaconVisitTest Simulate ContentStore
         FileKeyValueStoreTest LinuxReachability LinuxBluetooth DeviceStatusTest LinuxBeaconVendorTest
-        ServerLimits ServerMemory HostileText HostileTextTest FormBody RecordTrace Replay)
+        ServerLimits ServerMemory ServerConnections HostileText HostileTextTest FormBody RecordTrace Replay)
 (IFS='|'; echo "^(${suites[*]})\\.")

@@ -54,6 +54,16 @@ ApiAnswer ApiRoutes::answer(std::string_view method, std::string_view target, co
     }
 }
 
+std::optional<ApiAnswer> ApiRoutes::answerFromMemory(std::string_view method, std::string_view target) const {
+    if (method != "GET") return std::nullopt;
+    const ContentStore::MemoryOnly memoryOnly;
+    try {
+        return answer(method, target, {});
+    } catch (const ContentStore::NotInMemory&) {
+        return std::nullopt;
+    }
+}
+
 ApiAnswer ApiRoutes::route(std::string_view method, std::string_view path, std::string_view query,
                            const std::string& body) const {
     const std::string_view base = PelmConstants::apiBasePath;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,9 @@ class ApiRoutes {
     ApiRoutes(ContentStore& store, Log log) : store_(store), log_(std::move(log)) {}
 
     ApiAnswer answer(std::string_view method, std::string_view target, const std::string& body) const;
+    /// The answer when everything it needs is in memory (a lookup of a known beacon, say), without waiting on
+    /// the database; none otherwise.
+    std::optional<ApiAnswer> answerFromMemory(std::string_view method, std::string_view target) const;
 
     /// The JSON error envelope.
     static ApiAnswer error(int status, const std::string& message);

@@ -16,7 +16,7 @@ namespace net = boost::asio;
 constexpr const char* kJSON = "application/json; charset=utf-8";
 // What is read of a request refused before its body, so that the refusal is not lost to a reset.
 constexpr std::size_t kMaxDrainBytes = 4 * 1024 * 1024;
-constexpr std::chrono::seconds kDrainDeadline{2};
+constexpr std::chrono::seconds kDrainDeadline{1};
 constexpr std::chrono::seconds kWriteDeadline{30};
 
 bool isParseError(const beast::error_code& error) {

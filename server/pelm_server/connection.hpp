@@ -36,7 +36,7 @@ struct ConnectionLimits {
     std::size_t maxHeaderCount = 100;
     std::size_t maxBodyBytes = 1024 * 1024;
     /// From the first byte of a request (or the TLS handshake) to the end of its head.
-    std::chrono::seconds headDeadline{10};
+    std::chrono::milliseconds headDeadline{10000};
     /// A body may take this long, plus a second for every minBodyBytesPerSecond it announces.
     std::chrono::seconds bodyGrace{10};
     std::size_t minBodyBytesPerSecond = 64 * 1024;

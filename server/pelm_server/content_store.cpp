@@ -81,7 +81,21 @@ void put(JSON& object, const char* key, const std::optional<std::string>& text) 
     if (text) object[key] = *text;
 }
 
+thread_local bool memoryOnly = false;
+
+void requireDatabaseAllowed() {
+    if (memoryOnly) throw ContentStore::NotInMemory{};
+}
+
 }  // namespace
+
+ContentStore::MemoryOnly::MemoryOnly() {
+    memoryOnly = true;
+}
+
+ContentStore::MemoryOnly::~MemoryOnly() {
+    memoryOnly = false;
+}
 
 ContentStore::ContentStore(std::chrono::milliseconds cacheLifetime) : cacheLifetime_(cacheLifetime) {}
 
@@ -146,6 +160,7 @@ std::optional<JSON> ContentStore::cached(const std::string& key,
             return found->second.value;
         generation = generation_;
     }
+    requireDatabaseAllowed();
     const auto text = query();
     std::optional<JSON> value;
     if (text) value = storedJSON(*text);
@@ -162,6 +177,7 @@ std::optional<JSON> ContentStore::appConfig(const std::string& token) const {
 }
 
 std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t id) const {
+    requireDatabaseAllowed();
     const auto text = queryContent(token, id);
     if (!text) return std::nullopt;
     return storedJSON(*text);
@@ -184,6 +200,7 @@ std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, con
 
 std::int64_t ContentStore::storeSession(const std::string& token, const std::string& user,
                                         const JSON& session, const JSON& beacon, const JSON& sessionLogs) {
+    requireDatabaseAllowed();
     Upload upload{storable(token),
                   storable(user),
                   textMember(session, "app_version"),

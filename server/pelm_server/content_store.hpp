@@ -27,6 +27,19 @@ class ContentStore {
     /// by other hands is served within this time. A seed through this store is served at once.
     static constexpr std::chrono::milliseconds kDefaultCacheLifetime{5000};
 
+    /// Thrown, inside a MemoryOnly scope, by a call that would have to wait on the database.
+    struct NotInMemory {};
+    /// While one lives on a thread, the store answers that thread from memory only and throws NotInMemory
+    /// otherwise: the server's event loop answers what it can at once, and hands the rest to threads that
+    /// may wait.
+    class MemoryOnly {
+      public:
+        MemoryOnly();
+        ~MemoryOnly();
+        MemoryOnly(const MemoryOnly&) = delete;
+        MemoryOnly& operator=(const MemoryOnly&) = delete;
+    };
+
     virtual ~ContentStore();
     ContentStore(const ContentStore&) = delete;
     ContentStore& operator=(const ContentStore&) = delete;

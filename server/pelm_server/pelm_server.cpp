@@ -64,6 +64,7 @@ PelmServer::PelmServer(Options options)
     limits_.maxHeaderCount = kMaxHeaderCount;
     limits_.maxBodyBytes = kMaxBodyBytes;
     limits_.keepAlive = std::chrono::seconds(std::max(1, options_.keepAliveSeconds));
+    limits_.headDeadline = options_.headDeadline;
     if (options_.certFile && options_.keyFile) {
         certFile_ = *options_.certFile;
         keyFile_ = *options_.keyFile;
@@ -226,6 +227,14 @@ void PelmServer::handle(Request request, int remotePort, std::function<void(Repl
         return done(std::move(reply));
     }
     const auto delay = fault ? fault->delay : std::chrono::milliseconds(0);
+    const auto method = request.method_string();
+    if (auto answer = routes_.answerFromMemory({method.data(), method.size()}, target)) {
+        Reply reply;
+        reply.status = answer->status;
+        reply.body = std::move(answer->body);
+        reply.delay = delay;
+        return done(std::move(reply));
+    }
     net::post(loop_->store, [this, request = std::move(request), done = std::move(done), delay] {
         const auto method = request.method_string();
         const auto target = request.target();

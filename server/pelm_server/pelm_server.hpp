@@ -36,6 +36,8 @@ class PelmServer : private ConnectionOwner {
         std::string bindAddress = "127.0.0.1";
         /// How long a kept-alive connection may wait for its next request.
         int keepAliveSeconds = 30;
+        /// From a request's first byte (or the TLS handshake) to the end of its head.
+        std::chrono::milliseconds headDeadline{10000};
         /// Event-loop threads; 0 runs one per core.
         int threads = 0;
         /// Threads for the store's calls: each may wait on the database.
