@@ -47,9 +47,19 @@ l AS (
 SELECT id FROM s
 )sql";
 
+// libpq's messages span lines (a cause, then a hint); the operator gets them on one.
 std::string withoutTrailingNewline(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
-    return text;
+    std::string line;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] != '\n') {
+            line += text[at];
+            continue;
+        }
+        line += "; ";
+        while (at + 1 < text.size() && (text[at + 1] == '\t' || text[at + 1] == ' ')) ++at;
+    }
+    return line;
 }
 
 }  // namespace
