@@ -21,27 +21,28 @@
 namespace {
 
 void usage(std::FILE* out = stderr) {
-    std::fprintf(out,
-                 "usage: pelm-server [--db FILE|URI] [--seed FILE] [--port N] [--bind ADDR] [--threads N]\n"
-                 "                   [--max-connections N] [--name NAMES] [--cert FILE --key FILE]\n"
-                 "       pelm-server sessions --db FILE|URI\n"
-                 "       pelm-server --version | --help\n"
-                 "\n"
-                 "  --db FILE      the SQLite database (default pelm-server.db)\n"
-                 "  --db URI       a PostgreSQL database, postgresql://USER@HOST:PORT/NAME, which several\n"
-                 "                 servers may share; postgresql:// alone reads PGHOST, PGSERVICE and the rest\n"
-                 "  --seed FILE    apps and contents to serve (JSON: \"apps\" and \"contents\")\n"
-                 "  --port N       the port, 1 to 65535 (default: a free one, printed at start)\n"
-                 "  --bind ADDR    the address to listen on (default 127.0.0.1; 0.0.0.0 for the LAN)\n"
-                 "  --name NAMES   host names and IP addresses, comma-separated, that the throwaway\n"
-                 "                 certificate names besides localhost, so devices on the LAN can trust it\n"
-                 "  --threads N    event-loop threads, each serving any number of connections (default: one\n"
-                 "                 per core)\n"
-                 "  --max-connections N\n"
-                 "                 connections open at once; more are closed as they come (default 10000)\n"
-                 "  --cert FILE    the server's certificate, with --key; otherwise a throwaway authority in\n"
-                 "                 ./pelm-server-certificate/ signs one, kept across restarts\n"
-                 "  sessions       print the stored uploads as JSON\n");
+    std::fprintf(
+        out,
+        "usage: pelm-server [--db FILE|URI] [--seed FILE] [--port N] [--bind ADDR] [--threads N]\n"
+        "                   [--max-connections N] [--name NAMES] [--cert FILE --key FILE]\n"
+        "       pelm-server sessions --db FILE|URI\n"
+        "       pelm-server --version | --help\n"
+        "\n"
+        "  --db FILE      the SQLite database (default pelm-server.db)\n"
+        "  --db URI       a PostgreSQL database, postgresql://USER@HOST:PORT/NAME, which several\n"
+        "                 servers may share; postgresql:// alone reads PGHOST, PGSERVICE and the rest\n"
+        "  --seed FILE    apps and contents to serve (JSON: \"apps\" and \"contents\")\n"
+        "  --port N       the port, 1 to 65535 (default: a free one, printed at start)\n"
+        "  --bind ADDR    the address to listen on (default 127.0.0.1; 0.0.0.0 for the LAN)\n"
+        "  --name NAMES   host names and IP addresses, comma-separated, that the throwaway\n"
+        "                 certificate names besides localhost, so devices on the LAN can trust it\n"
+        "  --threads N    event-loop threads, each serving any number of connections (default: one\n"
+        "                 per core)\n"
+        "  --max-connections N\n"
+        "                 connections open at once; more are closed as they come (default 10000)\n"
+        "  --cert FILE    the server's certificate, with --key; otherwise a throwaway authority in\n"
+        "                 ./pelm-server-certificate/ signs one, kept across restarts\n"
+        "  sessions       print the stored uploads as JSON\n");
 }
 
 int fail(const std::string& message) {
@@ -116,8 +117,8 @@ int main(int argc, char** argv) {
 
     try {
         if (listSessions) {
-            const auto store =
-                pelm::server::openContentStore(options.database, pelm::server::ContentStore::Open::ExistingOnly);
+            const auto store = pelm::server::openContentStore(options.database,
+                                                              pelm::server::ContentStore::Open::ExistingOnly);
             std::cout << pelm::jsonText(store->sessions(), 2) << "\n";
             return 0;
         }
@@ -130,8 +131,8 @@ int main(int argc, char** argv) {
             server.store().seed(*read.json);
         }
         server.start();
-        std::printf("pelm-server listening on https://%s:%d (%s)\n", options.bindAddress.c_str(), server.port(),
-                    server.store().description().c_str());
+        std::printf("pelm-server listening on https://%s:%d (%s)\n", options.bindAddress.c_str(),
+                    server.port(), server.store().description().c_str());
         if (auto ca = server.caFile()) {
             std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
             if (const auto hint = pelm::server::lanNameHint(options.bindAddress, options.names))

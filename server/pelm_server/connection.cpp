@@ -19,6 +19,17 @@ constexpr std::size_t kMaxDrainBytes = 4 * 1024 * 1024;
 constexpr std::chrono::seconds kDrainDeadline{1};
 constexpr std::chrono::seconds kWriteDeadline{30};
 
+std::shared_ptr<http::response<http::string_body>> responseOf(Reply reply, bool keepAlive) {
+    auto response =
+        std::make_shared<http::response<http::string_body>>(static_cast<http::status>(reply.status), 11);
+    response->set(http::field::content_type, kJSON);
+    if (reply.location) response->set(http::field::location, *reply.location);
+    response->keep_alive(keepAlive);
+    response->body() = std::move(reply.body);
+    response->prepare_payload();
+    return response;
+}
+
 bool isParseError(const beast::error_code& error) {
     return error.category() == http::make_error_code(http::error::bad_target).category();
 }
@@ -159,13 +170,7 @@ void Connection::write(Reply reply, bool keepAlive) {
         return;
     }
     keepAlive = keepAlive && !stopping_;
-    auto response =
-        std::make_shared<http::response<http::string_body>>(static_cast<http::status>(reply.status), 11);
-    response->set(http::field::content_type, kJSON);
-    if (reply.location) response->set(http::field::location, *reply.location);
-    response->keep_alive(keepAlive);
-    response->body() = std::move(reply.body);
-    response->prepare_payload();
+    auto response = responseOf(std::move(reply), keepAlive);
     http::async_write(stream_, *response,
                       [self = shared_from_this(), response, keepAlive](beast::error_code error, std::size_t) {
                           if (error || !keepAlive) return self->closeSocket();
@@ -177,13 +182,7 @@ void Connection::write(Reply reply, bool keepAlive) {
 // could reset the connection before the client has read why.
 void Connection::refuse(int status) {
     idle_ = false;
-    auto response =
-        std::make_shared<http::response<http::string_body>>(static_cast<http::status>(status), 11);
-    auto reply = owner_.refusal(status);
-    response->set(http::field::content_type, kJSON);
-    response->keep_alive(false);
-    response->body() = std::move(reply.body);
-    response->prepare_payload();
+    auto response = responseOf(owner_.refusal(status), false);
     beast::get_lowest_layer(stream_).expires_after(kWriteDeadline);
     http::async_write(stream_, *response,
                       [self = shared_from_this(), response](beast::error_code error, std::size_t) {

@@ -41,6 +41,14 @@ void allowDescriptorsFor(std::size_t connections) {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+Reply replyOf(ApiAnswer answer, std::chrono::milliseconds delay = std::chrono::milliseconds(0)) {
+    Reply reply;
+    reply.status = answer.status;
+    reply.body = std::move(answer.body);
+    reply.delay = delay;
+    return reply;
+}
+
 }  // namespace
 
 struct PelmServer::Loop {
@@ -229,22 +237,14 @@ void PelmServer::handle(Request request, int remotePort, std::function<void(Repl
     const auto delay = fault ? fault->delay : std::chrono::milliseconds(0);
     const auto method = request.method_string();
     if (auto answer = routes_.answerFromMemory({method.data(), method.size()}, target)) {
-        Reply reply;
-        reply.status = answer->status;
-        reply.body = std::move(answer->body);
-        reply.delay = delay;
-        return done(std::move(reply));
+        return done(replyOf(std::move(*answer), delay));
     }
     net::post(loop_->store, [this, request = std::move(request), done = std::move(done), delay] {
         const auto method = request.method_string();
         const auto target = request.target();
         auto answer =
             routes_.answer({method.data(), method.size()}, {target.data(), target.size()}, request.body());
-        Reply reply;
-        reply.status = answer.status;
-        reply.body = std::move(answer.body);
-        reply.delay = delay;
-        done(std::move(reply));
+        done(replyOf(std::move(answer), delay));
     });
 }
 
@@ -262,10 +262,7 @@ Reply PelmServer::refusal(int status) {
         }
     }();
     auto answer = ApiRoutes::error(status, message);
-    Reply reply;
-    reply.status = answer.status;
-    reply.body = std::move(answer.body);
-    return reply;
+    return replyOf(std::move(answer));
 }
 
 void PelmServer::log(const std::string& line) {

@@ -2,6 +2,7 @@
 
 #include <libpq-fe.h>
 
+#include <charconv>
 #include <map>
 #include <stdexcept>
 
@@ -89,7 +90,14 @@ class PostgresStore::Result {
         if (PQgetisnull(result_, row, column)) return std::nullopt;
         return text(row, column);
     }
-    std::int64_t integer(int row, int column) const { return std::stoll(text(row, column)); }
+    std::int64_t integer(int row, int column) const {
+        const auto digits = text(row, column);
+        std::int64_t value = 0;
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        if (error != std::errc() || end != digits.data() + digits.size())
+            throw std::runtime_error("postgresql: \"" + digits + "\" where a whole number was expected");
+        return value;
+    }
 
   private:
     PGresult* result_ = nullptr;

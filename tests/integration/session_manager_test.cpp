@@ -240,7 +240,8 @@ TEST_F(SessionManagerTest, OpenLinesCloseFromTheBackAndTheEndClosesOnlyTheFirst)
     EXPECT_THAT(manager_->unfinishedSessionLogs(), IsEmpty());
     // Both uploads arrive; the server keeps the same visit once.
     const auto requests = server_->requests();
-    EXPECT_EQ(std::count_if(requests.begin(), requests.end(), [](const auto& r) { return r.method == "POST"; }), 2);
+    EXPECT_EQ(
+        std::count_if(requests.begin(), requests.end(), [](const auto& r) { return r.method == "POST"; }), 2);
     const auto stored = server_->store().sessions();
     ASSERT_EQ(stored.size(), 1u);
     EXPECT_EQ(stored[0]["session_logs"][1]["minor"], "11");
