@@ -121,6 +121,14 @@ TEST(DateText, EveryYearTheTextCanWriteIsThatInstantBothWays) {
     }
     EXPECT_EQ(dateFromText("0001-01-01T00:00:00.000+0000"), kEarliestDate);
     EXPECT_EQ(dateText(kLatestDate), "9999-12-31T23:59:59.999+0000");
+    // A text beyond the last instant names it, and reads back to itself in a zone east of UTC, where the
+    // last instant's wall time is already in year 10000.
+    const auto beyond = dateFromText("9999-12-31T23:59:59.999-2359");
+    ASSERT_TRUE(beyond);
+    EXPECT_EQ(dateFromText("0000-01-01T00:00:00.000+2359"), kEarliestDate);
+    LocalZone kathmandu("Asia/Kathmandu");
+    EXPECT_EQ(dateText(*beyond), "9999-12-31T23:59:59.999+0000");
+    EXPECT_EQ(dateFromText(dateText(*beyond)), beyond);
 }
 
 TEST(JSONDateTransform, StringsAlwaysGiveADateOtherTypesNone) {

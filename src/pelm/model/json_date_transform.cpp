@@ -48,13 +48,22 @@ bool digits(std::string_view text, std::size_t at, std::size_t count, int& out) 
     return true;
 }
 
+// The last instant the text form holds: it writes milliseconds.
+constexpr auto kLatestText = floor<milliseconds>(kLatestDate);
+
 }  // namespace
 
 std::string dateText(Date date) {
     const auto millis = floor<milliseconds>(std::clamp(date, kEarliestDate, kLatestDate));
     const auto seconds = floor<std::chrono::seconds>(millis);
-    const auto offset = localOffset(seconds);
-    const auto f = fieldsOf(seconds + offset);
+    auto offset = localOffset(seconds);
+    auto f = fieldsOf(seconds + offset);
+    // Within hours of the ends of the range, the local wall time may fall in a year four digits cannot
+    // write; the same instant is then written in UTC.
+    if (f.year < 0 || f.year > 9999) {
+        offset = minutes{0};
+        f = fieldsOf(seconds);
+    }
     const auto magnitude = offset.count() < 0 ? -offset.count() : offset.count();
     char text[48];
     std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d%c%02d%02d", f.year, f.month, f.day,
@@ -81,9 +90,9 @@ std::optional<Date> dateFromText(std::string_view text) {
     if (!ymd.ok() || h > 23 || mi > 59 || s > 59 || oh > 23 || om > 59) return std::nullopt;
     const auto offset = (text[23] == '-' ? -1 : 1) * (hours{oh} + minutes{om});
     const auto wall = sys_days{ymd} + hours{h} + minutes{mi} + std::chrono::seconds{s} + milliseconds{ms};
-    const auto sinceEpoch = (wall - offset).time_since_epoch();
-    // Every text of this form names an instant a Date holds (years 0000 to 9999, whatever the offset).
-    return Date{duration_cast<Date::duration>(sinceEpoch)};
+    // Every text of this form names an instant a Date holds (years 0000 to 9999, whatever the offset); one
+    // beyond the first or last a text can write names that one, as arithmetic past them does.
+    return std::clamp(Date{wall - offset}, kEarliestDate, Date{kLatestText});
 }
 
 std::string dateDescription(Date date) {
