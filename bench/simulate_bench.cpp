@@ -14,7 +14,7 @@
 #include <pelm/sdk/settings_manager.hpp>
 
 #include "pelm_server/demo_seed.hpp"
-#include "simulation.hpp"
+#include "pelm_lab/simulation.hpp"
 #include "support/test_platform.hpp"
 
 namespace {
@@ -163,11 +163,11 @@ BENCHMARK_CAPTURE(RecordingReaderAlone, btsnoop, true)->Unit(benchmark::kMicrose
 BENCHMARK_CAPTURE(RecordingThroughTheStack, btsnoop, true)->Unit(benchmark::kMicrosecond);
 
 void DemoVisit(benchmark::State& state) {
-    cli::SimulationOptions options;
+    lab::SimulationOptions options;
     options.scenario = platform::Scenario::fromJSON(*parseJSONText(server::demoScenarioText()));
     double simulatedSeconds = 0;
     for (auto _ : state) {
-        const auto result = cli::runSimulation(options);
+        const auto result = lab::runSimulation(options);
         if (!result.configured) state.SkipWithError("the embedded server did not answer");
         simulatedSeconds += static_cast<double>(result.simulated.count()) / 1000.0;
     }

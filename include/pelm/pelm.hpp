@@ -10,6 +10,7 @@
 #include <pelm/beacons/discovered_beacon.hpp>
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 #include <pelm/beacons/pelm_beacon_manager_delegate.hpp>
+#include <pelm/events/visit_event.hpp>
 #include <pelm/model/app_config.hpp>
 #include <pelm/model/beacon.hpp>
 #include <pelm/model/content.hpp>

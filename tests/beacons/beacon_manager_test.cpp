@@ -1,6 +1,7 @@
 // The beacon manager on the scripted vendor: set-up in its three states, region callbacks, discovery.
 // No server here: the session manager has no client, so no content is looked up.
 #include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/events/visit_event.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
 #include <gmock/gmock.h>
@@ -221,6 +222,63 @@ TEST_F(BeaconManagerTest, DiscoveryStartsOnceStopsAlwaysAndReportsDevices) {
     EXPECT_THAT(host_->take(), ElementsAre("devices aBc1/-12/4.1/87/-71 Zz9/3//12/-95 q/0//0/0"));
     vendor().discover(std::vector<platform::NearbyDevice>{{std::nullopt, 0, "4.0", 50, -80}});
     EXPECT_THAT(host_->events, IsEmpty());
+}
+
+// Writes the events it receives among the delegate's lines, so that their order shows.
+struct EventLines : events::VisitEventListener {
+    explicit EventLines(std::vector<std::string>& lines) : lines(lines) {}
+    void onVisitEvent(const events::VisitEvent& event) override {
+        const auto beacon = [](const events::BeaconIdentity& b) { return b.major + "/" + b.minor; };
+        if (const auto* e = std::get_if<events::MainRegionEntered>(&event.data)) {
+            lines.push_back("event store entered" + std::string(e->alreadyInside ? " (inside)" : ""));
+        } else if (std::holds_alternative<events::MainRegionLeft>(event.data)) {
+            lines.push_back("event store left");
+        } else if (const auto* e = std::get_if<events::SubRegionEntered>(&event.data)) {
+            lines.push_back("event entered " + beacon(e->beacon) + (e->alreadyInside ? " (inside)" : ""));
+        } else if (const auto* e = std::get_if<events::SubRegionLeft>(&event.data)) {
+            lines.push_back("event left " + beacon(e->beacon));
+        } else if (const auto* e = std::get_if<events::BeaconsRanged>(&event.data)) {
+            for (const auto& b : e->beacons) {
+                lines.push_back("event ranged " + beacon(b.beacon) + " " + std::to_string(b.rssi) + " " +
+                                events::proximityName(b.proximity));
+            }
+        } else if (const auto* e = std::get_if<events::NearbyDevices>(&event.data)) {
+            lines.push_back("event nearby " + std::to_string(e->devices.size()));
+        }
+    }
+    std::vector<std::string>& lines;
+};
+
+TEST_F(BeaconManagerTest, EventsNameTheirBeaconComeBeforeTheDelegateAndStopWhenReleased) {
+    store("kontakt-key", kUuid);
+    const auto manager = make();
+    const auto listener = std::make_shared<EventLines>(host_->events);
+    auto subscription = events::subscribe(listener);
+    host_->take();
+
+    vendor().enter(region());
+    const auto uuid = *platform::ProximityUUID::parse(kUuid);
+    vendor().range({{uuid, 1, 11, -60, 1.5}, {uuid, 1, 12, -90, -1}}, region());
+    vendor().determine(RegionState::Inside, region(1, 11));
+    vendor().exit(region(1, 11));
+    vendor().discover(std::vector<platform::NearbyDevice>{{"aBc1", -12, "4.1", 87, -71}});
+    const auto lines = host_->take();
+    const auto has = [&](const std::string& line) {
+        const auto found = std::find(lines.begin(), lines.end(), line);
+        if (found == lines.end()) ADD_FAILURE() << "missing: " << line;
+        return found - lines.begin();
+    };
+    EXPECT_LT(has("event store entered"), has(std::string("log Entering MAIN Region: ") + kUuid));
+    EXPECT_LT(has("event ranged 1/11 -60 near"), has("log Starting monitoring for: major: 1 minor: 11"));
+    EXPECT_LT(has("event ranged 1/12 -90 unknown"), has("log Starting monitoring for: major: 1 minor: 11"));
+    EXPECT_LT(has("event entered 1/11 (inside)"), has("log DidDetermineState state: Inside"));
+    EXPECT_LT(has("event left 1/11"),
+              has(std::string("log Stop ranging for: major: 1 minor: 11 uuid: ") + kUuid));
+    EXPECT_LT(has("event nearby 1"), has("devices aBc1/-12/4.1/87/-71"));
+
+    subscription.reset();
+    vendor().exit(region());
+    for (const auto& line : host_->take()) EXPECT_THAT(line, ::testing::Not(::testing::StartsWith("event")));
 }
 
 TEST_F(BeaconManagerTest, DestroyingTheManagerEndsTheVendorCallbacks) {

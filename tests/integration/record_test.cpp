@@ -9,9 +9,9 @@
 #include <pelm/platform/ble/recording_reader.hpp>
 
 #include "support/fake_bluez.hpp"
-#include "trace_recorder.hpp"
+#include "pelm_lab/trace_recorder.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 using namespace std::chrono_literals;
@@ -55,4 +55,4 @@ TEST(RecordTrace, NoBluezIsAnErrorNotAnEmptyFile) {
 }
 
 }  // namespace
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -13,10 +13,11 @@
 
 #include <pelm/platform/sim/simulated_store.hpp>
 
-#include "replay.hpp"
+#include "pelm_lab/event_lines.hpp"
+#include "pelm_lab/replay.hpp"
 #include "support/temp_folder.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 using namespace std::chrono_literals;
@@ -145,7 +146,7 @@ TEST(Replay, TimesThatJumpCostNothingAndAreNamed) {
 #define PELM_SANITIZED 1
 #endif
 
-#ifndef PELM_SANITIZED
+#if !defined(PELM_SANITIZED) && defined(PELM_CLI)
 // Peak memory of `pelm replay FILE`, in KiB, measured by the kernel for that process alone.
 long replayPeakKiB(const std::filesystem::path& file, int& exitStatus) {
     const std::string tool = PELM_CLI, command = "replay", path = file.string();
@@ -185,4 +186,4 @@ TEST(Replay, AMillionPhonesPassingByFitIn64MiB) {
 #endif
 
 }  // namespace
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -3,10 +3,10 @@
 
 #include <pelm/model/json_text.hpp>
 
+#include "pelm_lab/simulation.hpp"
 #include "pelm_server/demo_seed.hpp"
-#include "simulation.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 using ::testing::ElementsAre;
@@ -21,7 +21,7 @@ SimulationOptions demo(std::uint64_t seed) {
 std::vector<std::string> contents(const SimulationResult& result) {
     std::vector<std::string> names;
     for (const auto& event : result.timeline) {
-        if (event.kind == TimelineEvent::Kind::Content) names.push_back(event.text);
+        if (event.as<events::ContentHandedOn>()) names.push_back(event.text);
     }
     return names;
 }
@@ -31,8 +31,9 @@ TEST(Simulate, TheDemoVisitHandsOverEntryAndExitContentHoldsBackRepeatsAndIsStor
     ASSERT_TRUE(result.configured) << result.failure;
     // The survey comes when the shopper has left the till for the exit.
     EXPECT_THAT(contents(result),
-                ElementsAre("Willkommen [entry]", "Feinkost-Tipp [entry]", "K\xC3\xA4sewoche [entry]",
-                            "Getr\xC3\xA4nke-Aktion [entry]", "Wie war Ihr Einkauf? [exit]"));
+                ElementsAre("Willkommen [entry] from 1/1", "Feinkost-Tipp [entry] from 1/9",
+                            "K\xC3\xA4sewoche [entry] from 1/11", "Getr\xC3\xA4nke-Aktion [entry] from 1/20",
+                            "Wie war Ihr Einkauf? [exit] from 1/3"));
     // Back at the drinks shelf within its 15-minute cool-down: held back.
     const auto hot =
         std::count_if(result.timeline.begin(), result.timeline.end(),
@@ -63,4 +64,4 @@ TEST(Simulate, TheSameSeedGivesTheSameTimeline) {
 }
 
 }  // namespace
-}  // namespace pelm::cli
+}  // namespace pelm::lab

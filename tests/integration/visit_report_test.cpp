@@ -3,15 +3,17 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <map>
 
 #include <pelm/model/json_text.hpp>
 
+#include "pelm_lab/event_lines.hpp"
+#include "pelm_lab/report.hpp"
+#include "pelm_lab/simulation.hpp"
+#include "pelm_lab/visit_picture.hpp"
 #include "pelm_server/demo_seed.hpp"
-#include "report.hpp"
-#include "simulation.hpp"
-#include "visit_picture.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 using namespace std::chrono_literals;
@@ -73,13 +75,86 @@ TEST(VisitReport, TheDemoWalkGivesEveryBeaconItsRowMarksSignalAndBattery) {
     EXPECT_THAT(page, HasSubstr("uploaded; the server stored 1 visit"));
 }
 
+// The demo store's scenario with only the beacons `minors`, all at (x, y), and a shopper who walks in from
+// far away, stays `dwell` seconds and leaves, `visits` times.
+SimulationOptions walkTo(std::vector<int> minors, int x, int y, int dwell, int visits) {
+    auto scenario = *parseJSONText(server::demoScenarioText());
+    JSON beacons = JSON::array();
+    for (auto beacon : scenario["beacons"]) {
+        if (std::find(minors.begin(), minors.end(), beacon["minor"].get<int>()) == minors.end()) continue;
+        beacon["x"] = x;
+        beacon["y"] = y;
+        beacons.push_back(beacon);
+    }
+    scenario["beacons"] = beacons;
+    JSON points = JSON::array();
+    for (int visit = 0; visit < visits; ++visit) {
+        points.push_back({{"x", x - 80}, {"y", y}, {"dwell", 60}});
+        points.push_back({{"x", x}, {"y", y}, {"dwell", dwell}});
+    }
+    points.push_back({{"x", x - 80}, {"y", y}});
+    scenario["path"]["points"] = points;
+    SimulationOptions options;
+    options.scenario = platform::Scenario::fromJSON(scenario);
+    return options;
+}
+
+std::map<std::string, std::string> contentBeacons(const std::vector<TimelineEvent>& timeline) {
+    std::map<std::string, std::string> beaconOf;
+    for (const auto& event : timeline) {
+        const auto line = eventJSON(event);
+        if (line["kind"] == "content") beaconOf[line["name"]] = line["beacon"]["minor"];
+    }
+    return beaconOf;
+}
+
+TEST(VisitReport, TwoBeaconsFirstHeardInTheSameSecondEachKeepTheirOwnContent) {
+    const auto result = runSimulation(walkTo({9, 11}, 12, 3, 30, 1));
+    ASSERT_TRUE(result.configured) << result.failure;
+    const auto beaconOf = contentBeacons(result.timeline);
+    EXPECT_EQ(beaconOf.at("Feinkost-Tipp"), "9");
+    EXPECT_EQ(beaconOf.at("K\xC3\xA4sewoche"), "11");
+
+    const auto picture = pictureOf(result.timeline, result.simulated);
+    const auto entryContent = [](const BeaconRow& row) {
+        std::vector<std::string> names;
+        for (const auto& mark : row.marks) {
+            if (mark.kind == BeaconMark::Kind::EntryContent) names.push_back(mark.text);
+        }
+        return names;
+    };
+    EXPECT_THAT(entryContent(rowOf(picture, 9)), ::testing::ElementsAre("Feinkost-Tipp"));
+    EXPECT_THAT(entryContent(rowOf(picture, 11)), ::testing::ElementsAre("K\xC3\xA4sewoche"));
+    const auto page =
+        htmlReport({"Demo", "a test", result.start}, result.timeline, result.simulated, result.storedVisits);
+    EXPECT_THAT(page, HasSubstr("Feinkost-Tipp</span> (entry, 1/9)"));
+}
+
+TEST(VisitReport, ExitContentHeldBackIsDrawnAndCounted) {
+    // The till's survey comes on leaving it, then not again for an hour.
+    const auto result = runSimulation(walkTo({3}, 6, 31, 30, 2));
+    ASSERT_TRUE(result.configured) << result.failure;
+    const auto picture = pictureOf(result.timeline, result.simulated);
+    ASSERT_EQ(picture.contents.size(), 1u);
+    EXPECT_EQ(picture.contents[0].displayType, "exit");
+    EXPECT_EQ(picture.heldBack, 1u);
+    const auto& till = rowOf(picture, 3);
+    using Kind = BeaconMark::Kind;
+    EXPECT_THAT(kinds(till), ::testing::ElementsAre(Kind::Entry, Kind::Exit, Kind::ExitContent, Kind::Entry,
+                                                    Kind::Exit, Kind::HeldBack));
+    const auto page =
+        htmlReport({"Demo", "a test", result.start}, result.timeline, result.simulated, result.storedVisits);
+    EXPECT_THAT(page, HasSubstr("data-mark='held-back'"));
+    EXPECT_THAT(page, HasSubstr("exit held back until"));
+}
+
 // Two hours of a shopper among four beacons, heard every second and reported by discovery every two.
 std::vector<TimelineEvent> longRun() {
     const std::string uuid = "F7826DA6-4FA2-4E98-8024-BC5B71E0893E";
     std::vector<TimelineEvent> events;
     TimelineEvent start{};
-    start.kind = TimelineEvent::Kind::Status;
-    start.text = "Starting core monitoring for uuid: " + uuid;
+    start.kind = TimelineEvent::Kind::Visit;
+    start.visit = events::MainRegionEntered{uuid, false};
     events.push_back(start);
     for (int second = 1; second <= 7200; ++second) {
         TimelineEvent heard{};
@@ -96,8 +171,9 @@ std::vector<TimelineEvent> longRun() {
         if (second % 2 == 0) {
             TimelineEvent nearby{};
             nearby.at = heard.at;
-            nearby.kind = TimelineEvent::Kind::Devices;
-            nearby.devices.push_back({"dev1", 0, "4.1", static_cast<std::uint64_t>(100 - second / 80), -61});
+            nearby.kind = TimelineEvent::Kind::Visit;
+            nearby.visit = events::NearbyDevices{
+                {{"dev1", 0, "4.1", static_cast<std::uint64_t>(100 - second / 80), -61}}};
             events.push_back(nearby);
         }
     }
@@ -126,25 +202,27 @@ TEST(VisitReport, ATwoHourRunIsThinnedToAPageThatStaysSmall) {
 
 TEST(VisitReport, TextsItDoesNotExpectAreShownEscapedAndAttachedToNothing) {
     std::vector<TimelineEvent> events;
-    const auto add = [&](TimelineEvent::Kind kind, std::string text, int second) {
+    const auto add = [&](events::VisitEventData data, int second) {
         TimelineEvent event{};
-        event.kind = kind;
+        event.kind = TimelineEvent::Kind::Visit;
         event.at = std::chrono::seconds(second);
-        event.text = std::move(text);
+        event.text = describe(data);
+        event.visit = std::move(data);
         events.push_back(event);
     };
-    add(TimelineEvent::Kind::Status, "Entering SUB Region: U - 1", 1);
-    add(TimelineEvent::Kind::Status, "Entering SUB Region: U - 1 - 70000", 2);
-    add(TimelineEvent::Kind::Status, "Session Log: major: x minor: 1 uuid: U", 3);
-    add(TimelineEvent::Kind::Status, "Exiting SUB Region: ", 4);
-    add(TimelineEvent::Kind::Content, "", 5);
-    events.back().contentName = "<script>alert(1)</script>";
-    events.back().displayType = "exit";
+    // Beacons a host made up itself, with texts the beacon manager never writes.
+    add(events::SubRegionEntered{{"U", "1", ""}, false}, 1);
+    add(events::SubRegionEntered{{"U", "1", "70000"}, false}, 2);
+    add(events::SubRegionLeft{{"U", "x", "1"}}, 4);
+    auto content = std::make_shared<Content>();
+    content->textRecord = std::make_shared<TextRecord>();
+    content->textRecord->name = "<script>alert(1)</script>";
+    add(events::ContentHandedOn{{"U", "-1", "1"}, Content::DisplayType::exit, content}, 5);
 
     const auto picture = pictureOf(events, 10s);
     EXPECT_TRUE(picture.beacons.empty());
     ASSERT_EQ(picture.contents.size(), 1u);
-    EXPECT_FALSE(picture.contents[0].beacon);  // no exit came before it
+    EXPECT_FALSE(picture.contents[0].beacon);
     EXPECT_EQ(picture.upload, VisitPicture::Upload::None);
 
     const auto page = htmlReport({"<Store>", "x", Date{}}, events, 10s, JSON::array());
@@ -155,4 +233,4 @@ TEST(VisitReport, TextsItDoesNotExpectAreShownEscapedAndAttachedToNothing) {
 }
 
 }  // namespace
-}  // namespace pelm::cli
+}  // namespace pelm::lab

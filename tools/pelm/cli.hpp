@@ -11,7 +11,12 @@
 #include <pelm/platform/platform.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
+namespace pelm::lab {}
+
 namespace pelm::cli {
+
+// The tool speaks the lab's vocabulary: its runs, events, timeline and report.
+using namespace pelm::lab;
 
 /// A command line split into positional words and --options (with or without a value).
 class Arguments {

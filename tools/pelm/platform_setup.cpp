@@ -7,7 +7,7 @@
 #include <pelm/platform/run_loop.hpp>
 
 #include "cli.hpp"
-#include "refusal_watch.hpp"
+#include "pelm_lab/refusal_watch.hpp"
 #include "token_mask.hpp"
 
 namespace pelm::cli {

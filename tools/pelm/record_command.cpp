@@ -2,10 +2,10 @@
 #include <cstdio>
 
 #include "cli.hpp"
-#include "output_file.hpp"
+#include "pelm_lab/output_file.hpp"
+#include "pelm_lab/trace_recorder.hpp"
 #include "pelm_server/stop_signals.hpp"
 #include "pelm_server/text_numbers.hpp"
-#include "trace_recorder.hpp"
 
 namespace pelm::cli {
 

@@ -6,8 +6,8 @@
 
 #include "cli.hpp"
 #include "interruption.hpp"
+#include "pelm_lab/replay.hpp"
 #include "pelm_server/text_numbers.hpp"
-#include "replay.hpp"
 #include "run_output.hpp"
 
 namespace pelm::cli {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "cli.hpp"
-#include "report.hpp"
-#include "timeline_output.hpp"
+#include "pelm_lab/report.hpp"
+#include "pelm_lab/timeline_output.hpp"
 
 namespace pelm::cli {
 

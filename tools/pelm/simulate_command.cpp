@@ -8,11 +8,11 @@
 
 #include "cli.hpp"
 #include "interruption.hpp"
+#include "pelm_lab/simulation.hpp"
+#include "pelm_lab/timeline_output.hpp"
 #include "pelm_server/demo_seed.hpp"
 #include "pelm_server/text_numbers.hpp"
 #include "run_output.hpp"
-#include "simulation.hpp"
-#include "timeline_output.hpp"
 
 namespace pelm::cli {
 namespace {

@@ -95,6 +95,7 @@ class PELM_EXPORT PelmBeaconManager : public std::enable_shared_from_this<PelmBe
     void startRangingForRegion(const platform::BeaconRegion& region);
     void stopRangingForRegion(const platform::BeaconRegion& region);
     void addSessionEntryLogForRegion(const platform::BeaconRegion& region);
+    void publishEntry(const platform::BeaconRegion& region, bool alreadyInside);
     void sendLog(const std::string& text, bool critical) const;
 
     void trackSubRegionEntry(const platform::BeaconRegion& region);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <pelm/api/pelm_api_client.hpp>
+#include <pelm/events/visit_event.hpp>
 #include <pelm/model/beacon.hpp>
 #include <pelm/model/content.hpp>
 #include <pelm/model/date.hpp>
@@ -84,7 +85,7 @@ class PELM_EXPORT PelmSessionManager : public std::enable_shared_from_this<PelmS
                    const std::shared_ptr<Content>& entryContent, const std::shared_ptr<Content>& exitContent);
     std::shared_ptr<SessionLog> removeFromUnfinishedLogs(std::size_t position);
     void finishFirstEntryEvent();
-    void onUploaded(bool successful);
+    void onUploaded(bool successful, events::VisitUploaded& sent);
     void sendLog(const std::string& status, bool critical) const;
     Date now() const { return clock_->now(); }
 

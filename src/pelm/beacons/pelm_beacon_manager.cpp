@@ -5,6 +5,8 @@
 #include <pelm/sdk/log.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
+#include <pelm/events/visit_event_hub.hpp>
+
 namespace pelm {
 namespace {
 
@@ -188,6 +190,7 @@ void PelmBeaconManager::didDetermineState(platform::RegionState state, const Bea
             break;
         case platform::RegionState::Inside:
             line += " state: Inside";
+            publishEntry(region, true);
             startDiscoveryWithInterval(2.0);
             startRangingForRegion(region);
             addSessionEntryLogForRegion(region);
@@ -198,6 +201,7 @@ void PelmBeaconManager::didDetermineState(platform::RegionState state, const Bea
 }
 
 void PelmBeaconManager::didEnterRegion(const BeaconRegion& region) {
+    publishEntry(region, false);
     startRangingForRegion(region);
     const auto uuid = uuidText(region);
     if (isSubRegion(region)) {
@@ -215,6 +219,15 @@ void PelmBeaconManager::didEnterRegion(const BeaconRegion& region) {
 
 void PelmBeaconManager::didRangeBeacons(const std::vector<platform::RangedBeacon>& beacons,
                                         const BeaconRegion&) {
+    events::emit([&] {
+        events::BeaconsRanged ranged;
+        for (const auto& beacon : beacons) {
+            ranged.beacons.push_back(
+                {events::identityOf(Beacon(beacon.proximityUUID, beacon.major, beacon.minor)), beacon.rssi,
+                 beacon.accuracy, events::proximityOf(beacon.accuracy)});
+        }
+        return ranged;
+    });
     for (const auto& ranged : beacons) {
         if (sessionManager_->addBeacon(
                 std::make_shared<Beacon>(ranged.proximityUUID, ranged.major, ranged.minor))) {
@@ -225,6 +238,11 @@ void PelmBeaconManager::didRangeBeacons(const std::vector<platform::RangedBeacon
 
 void PelmBeaconManager::didExitRegion(const BeaconRegion& region) {
     const auto uuid = uuidText(region);
+    if (isSubRegion(region)) {
+        events::emit([&] { return events::SubRegionLeft{events::identityOf(region)}; });
+    } else {
+        events::emit([&] { return events::MainRegionLeft{uuid}; });
+    }
     auto beacon = std::make_shared<Beacon>();
     beacon->uuid = uuid;
     if (region.major) beacon->major = std::to_string(*region.major);
@@ -245,6 +263,14 @@ void PelmBeaconManager::didExitRegion(const BeaconRegion& region) {
     sessionManager_->finishSession();
     stopDiscovery();
     trackMainRegionExit();
+}
+
+void PelmBeaconManager::publishEntry(const BeaconRegion& region, bool alreadyInside) {
+    if (isSubRegion(region)) {
+        events::emit([&] { return events::SubRegionEntered{events::identityOf(region), alreadyInside}; });
+    } else {
+        events::emit([&] { return events::MainRegionEntered{uuidText(region), alreadyInside}; });
+    }
 }
 
 // --- discovery --------------------------------------------------------------------------------------------
@@ -284,7 +310,9 @@ void PelmBeaconManager::didDiscoverDevices(
         // A device without a unique identifier is left out: the host app could not tell it from others.
         if (auto beacon = DiscoveredBeacon::fromKontaktBeacon(device)) found.push_back(std::move(*beacon));
     }
-    if (!found.empty() && delegate) delegate->didDiscoverBeacons(found);
+    if (found.empty()) return;
+    events::emit([&] { return events::NearbyDevices{found}; });
+    if (delegate) delegate->didDiscoverBeacons(found);
 }
 
 void PelmBeaconManager::didFailToStartDiscovery(const std::optional<std::string>&) {}

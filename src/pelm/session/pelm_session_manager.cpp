@@ -5,6 +5,8 @@
 #include <pelm/sdk/pelm_constants.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
+#include <pelm/events/visit_event_hub.hpp>
+
 namespace pelm {
 namespace {
 
@@ -105,6 +107,10 @@ void PelmSessionManager::removeBeaconFromCoolDown(const CoolDownBeacon& record) 
 
 bool PelmSessionManager::beaconIsHot(const CoolDownBeacon& record) {
     if (isGreaterThanDate(record.showAfter, now())) {
+        events::emit([&] {
+            return events::ContentHeldBack{events::identityOf(*record.beacon), record.contentType,
+                                           record.showAfter};
+        });
         sendLog("Beacon is hot until: " + dateDescription(record.showAfter), false);
         return true;
     }
@@ -128,6 +134,7 @@ void PelmSessionManager::onContent(const std::shared_ptr<Beacon>& beacon, Conten
     if (!successful) return;  // the next trigger looks up again
     const auto& content = type == Content::DisplayType::entry ? entryContent : exitContent;
     if (!content) return;
+    events::emit([&] { return events::ContentHandedOn{events::identityOf(*beacon), type, content}; });
     if (const auto receiver = delegate.lock()) receiver->didFindNewContent(content, beacon);
     if (content->coolDownTime) {
         addBeaconToCoolDown({beacon, type, dateByAddingSeconds(now(), *content->coolDownTime)});
@@ -199,11 +206,21 @@ void PelmSessionManager::finishSession() {
     auto session = initSession(*first.entranceTime);
     const auto user = SettingsManager::sharedInstance()->userID();
     if (!pelmAPIClient_) return;  // the lines stay for a later upload
-    pelmAPIClient_->createSession(session, user, beacon, sessionLogs_,
-                                  [self = shared_from_this()](bool ok) { self->onUploaded(ok); });
+    // What was sent, as the event will tell it; the lines themselves may change before the answer.
+    auto sent = std::make_shared<events::VisitUploaded>();
+    if (events::anyListener()) {
+        sent->session = *session;
+        sent->beacon = events::identityOf(*beacon);
+        for (const auto& line : sessionLogs_) sent->lines.push_back(*line);
+    }
+    pelmAPIClient_->createSession(
+        session, user, beacon, sessionLogs_,
+        [self = shared_from_this(), sent](bool ok) { self->onUploaded(ok, *sent); });
 }
 
-void PelmSessionManager::onUploaded(bool successful) {
+void PelmSessionManager::onUploaded(bool successful, events::VisitUploaded& sent) {
+    sent.stored = successful;
+    events::emit([&] { return std::move(sent); });
     if (successful) {
         sendLog("Session upload successful finished", false);
     } else {

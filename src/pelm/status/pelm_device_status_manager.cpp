@@ -4,6 +4,8 @@
 #include <pelm/sdk/log.hpp>
 #include <pelm/sdk/pelm_constants.hpp>
 
+#include <pelm/events/visit_event_hub.hpp>
+
 namespace pelm {
 
 std::shared_ptr<PelmDeviceStatusManager> PelmDeviceStatusManager::make() {
@@ -47,6 +49,7 @@ void PelmDeviceStatusManager::setupReachability(const std::string& hostname) {
 void PelmDeviceStatusManager::didChangeReachability(platform::ReachabilityWatcher& watcher) {
     // The watcher's answer now, not the kind of callback that fired.
     const auto status = watcher.isReachable() ? ReachableStatus::Reachable : ReachableStatus::UnReachable;
+    events::emit([&] { return events::ReachabilityChanged{status}; });
     if (delegate) delegate->didChangeReachableStatus(status);
 }
 
@@ -73,6 +76,7 @@ void PelmDeviceStatusManager::requestAlwaysLocationAuthorization() {
 }
 
 void PelmDeviceStatusManager::informLocationDelegate(int status) {
+    events::emit([&] { return events::LocationChanged{locationStatusFrom(status)}; });
     if (delegate) delegate->didChangeLocationStatus(locationStatusFrom(status));
 }
 
@@ -91,6 +95,7 @@ void PelmDeviceStatusManager::startBluetoothNotifier() {
 
 void PelmDeviceStatusManager::informBluetoothDelegate(int state) {
     toldBluetoothState_ = state;
+    events::emit([&] { return events::BluetoothChanged{bluetoothStatusFrom(state)}; });
     if (delegate) delegate->didChangeBluetoothStatus(bluetoothStatusFrom(state));
 }
 

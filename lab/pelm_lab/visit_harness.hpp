@@ -10,6 +10,7 @@
 
 #include <pelm/beacons/discovered_beacon.hpp>
 #include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/events/visit_event.hpp>
 #include <pelm/model/json_binding.hpp>
 #include <pelm/platform/ble/region_engine.hpp>
 #include <pelm/platform/platform.hpp>
@@ -19,7 +20,7 @@ namespace pelm::server {
 class PelmServer;
 }
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 /// What the radio heard of one beacon device during one second: the mean signal of its advertisements.
 struct HeardSignal {
@@ -31,20 +32,26 @@ struct HeardSignal {
     int advertisements = 0;
 };
 
-/// One thing the host app saw, `at` after the start of the run; or (Heard) what the radio heard in the
-/// second before `at`, which the host app never sees but a picture of the visit needs.
+/// One thing that happened during a run, `at` after its start: an event of the library (Visit), a status line
+/// its delegate received, a line it logged as a fault, or (Heard) what the radio heard in the second before
+/// `at`, which the host app never sees but a picture of the visit needs.
 struct TimelineEvent {
-    std::chrono::milliseconds at;
-    enum class Kind { Content, Status, Devices, Log, Heard } kind;
+    std::chrono::milliseconds at{0};
+    enum class Kind { Visit, Status, Log, Heard } kind = Kind::Status;
+    /// The line as told (Status, Log), or the event in words (Visit).
     std::string text;
     bool critical = false;
-    std::optional<std::int64_t> contentId;
-    std::optional<std::string> contentName;
-    std::optional<std::string> displayType;
-    std::vector<DiscoveredBeacon> devices;
+    /// Kind::Visit: the event itself.
+    std::optional<events::VisitEventData> visit;
     std::vector<HeardSignal> signals;
     /// The virtual instant itself.
     Date when{};
+
+    /// The Visit event as a T, or none.
+    template <class T>
+    const T* as() const {
+        return visit ? std::get_if<T>(&*visit) : nullptr;
+    }
 };
 
 /// Where a run's visits go: a server of one's own, or (when `host` is not given) the embedded pelm-server
@@ -85,6 +92,7 @@ class VisitHarness {
     std::shared_ptr<platform::VirtualLoop> loop_;
     std::shared_ptr<platform::RegionEngine> engine_;
     std::shared_ptr<Recorder> recorder_;
+    std::shared_ptr<void> subscription_;
     std::shared_ptr<platform::Platform> services_;
     std::shared_ptr<PelmBeaconManager> manager_;
     Date start_;
@@ -92,7 +100,4 @@ class VisitHarness {
     bool finished_ = false;
 };
 
-/// One event as a JSON object for --events: {"t": virtual ms since 1970, "kind": ..., ...}.
-JSON eventJSON(const TimelineEvent& event);
-
-}  // namespace pelm::cli
+}  // namespace pelm::lab

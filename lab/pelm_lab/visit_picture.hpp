@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "visit_harness.hpp"
+#include "pelm_lab/visit_harness.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 /// A beacon as the app's regions name it.
 struct BeaconKey {
@@ -95,4 +95,4 @@ inline constexpr int kSignalPoints = 400;
 
 VisitPicture pictureOf(const std::vector<TimelineEvent>& events, std::chrono::milliseconds length);
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
-#include "output_file.hpp"
-#include "visit_harness.hpp"
+#include "pelm_lab/output_file.hpp"
+#include "pelm_lab/visit_harness.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 /// "MM:SS.s"
 std::string clockText(std::chrono::milliseconds at);
@@ -33,7 +33,7 @@ class TimelinePrinter {
 
   private:
     // Whether a report of nearby devices is worth a line.
-    bool shows(const TimelineEvent& devices);
+    bool shows(const events::NearbyDevices& devices);
 
     NearbyLines nearby_;
     // The devices shown as near, each with the reports in a row that have missed it since.
@@ -44,7 +44,7 @@ class TimelinePrinter {
 /// with `asJSON` the records as the server keeps them.
 void printStoredVisits(const JSON& visits, bool asJSON);
 
-/// --events FILE: every event the host app received, one JSON object a line, in order.
+/// --events FILE: every event of the run, one JSON object a line, in order (see eventJSON).
 class EventsFile {
   public:
     /// Nothing is written without a path. False (with `error` set) when the file cannot be made.
@@ -57,4 +57,4 @@ class EventsFile {
     OutputFile out_;
 };
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

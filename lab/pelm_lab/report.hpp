@@ -7,9 +7,9 @@
 
 #include <pelm/model/json_binding.hpp>
 
-#include "visit_harness.hpp"
+#include "pelm_lab/visit_harness.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 /// What a report says about its run before the events do.
 struct ReportHeader {
@@ -42,4 +42,4 @@ class ReportFile {
     std::optional<std::string> path_;
 };
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

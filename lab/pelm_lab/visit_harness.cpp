@@ -1,4 +1,4 @@
-#include "visit_harness.hpp"
+#include "pelm_lab/visit_harness.hpp"
 
 #include <unistd.h>
 
@@ -14,41 +14,34 @@
 #include <pelm/platform/sim/memory_key_value_store.hpp>
 #include <pelm/sdk/pelm_sdk.hpp>
 
+#include "pelm_lab/event_lines.hpp"
+#include "pelm_lab/refusal_watch.hpp"
 #include "pelm_server/pelm_server.hpp"
-#include "refusal_watch.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
-/// Collects what the host app hears, stamped with the virtual time since the start.
-class VisitHarness::Recorder : public PelmBeaconManagerDelegate, public platform::LogSink {
+/// Collects what the host app hears and what the library tells of the visit, stamped with the virtual time
+/// since the start.
+class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
+                               public platform::LogSink,
+                               public events::VisitEventListener {
   public:
     Recorder(std::shared_ptr<platform::VirtualLoop> loop, std::function<void(const TimelineEvent&)> onEvent)
         : loop_(std::move(loop)), start_(loop_->now()), onEvent_(std::move(onEvent)) {}
 
-    void didFindContent(std::shared_ptr<Content> content) override {
-        TimelineEvent event = make(TimelineEvent::Kind::Content);
-        event.contentId = content->id;
-        if (content->textRecord) event.contentName = content->textRecord->name;
-        if (content->displayType) event.displayType = std::string(rawValue(*content->displayType));
-        event.text = event.contentName.value_or("(untitled)");
-        if (event.displayType) event.text += " [" + *event.displayType + "]";
-        add(std::move(event));
-    }
+    // Content and nearby devices arrive as events, with the beacon they concern.
+    void didFindContent(std::shared_ptr<Content>) override {}
+    void didDiscoverBeacons(const std::vector<DiscoveredBeacon>&) override {}
     void didReceiveLog(const std::string& text, bool critical) override {
         TimelineEvent event = make(TimelineEvent::Kind::Status);
         event.text = text;
         event.critical = critical;
         add(std::move(event));
     }
-    void didDiscoverBeacons(const std::vector<DiscoveredBeacon>& beacons) override {
-        TimelineEvent event = make(TimelineEvent::Kind::Devices);
-        event.text = std::to_string(beacons.size()) + " nearby:";
-        for (const auto& b : beacons) {
-            event.text += " " + b.identifier + " (" + std::to_string(b.rssi) + " dBm, battery " +
-                          std::to_string(b.batteryLevel) + "%" +
-                          (b.firmwareVersion.empty() ? "" : ", fw " + b.firmwareVersion) + ")";
-        }
-        event.devices = beacons;
+    void onVisitEvent(const events::VisitEvent& visit) override {
+        TimelineEvent event = make(TimelineEvent::Kind::Visit, visit.at);
+        event.text = describe(visit.data);
+        event.visit = visit.data;
         add(std::move(event));
     }
     void write(std::string_view line) override {
@@ -145,6 +138,7 @@ VisitHarness::VisitHarness(const ServerChoice& server, Date start,
     services_->identity =
         std::make_shared<platform::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
     services_->log = recorder_;  // library faults join the timeline
+    subscription_ = events::subscribe(recorder_);
     const auto watch = std::make_shared<RefusalWatch>(std::make_shared<platform::CurlTransport>(loop_, http));
     services_->http = watch;
     services_->beaconVendor = engine_;
@@ -180,6 +174,7 @@ void VisitHarness::finish() {
     loop_->runUntilIdle();
     recorder_->flushHeard(loop_->now(), true);
     manager_.reset();
+    subscription_.reset();
     if (platform::current() == services_) platform::install(nullptr);
     services_.reset();
     loop_->runUntilIdle();
@@ -198,54 +193,4 @@ JSON VisitHarness::storedVisits() const {
     return embedded_ ? embedded_->store().sessions() : JSON::array();
 }
 
-JSON eventJSON(const TimelineEvent& event) {
-    const auto t = std::chrono::duration_cast<std::chrono::milliseconds>(event.when.time_since_epoch());
-    JSON line{{"t", t.count()}};
-    switch (event.kind) {
-        case TimelineEvent::Kind::Status:
-            line["kind"] = "status";
-            line["text"] = event.text;
-            line["critical"] = event.critical;
-            break;
-        case TimelineEvent::Kind::Content:
-            line["kind"] = "content";
-            line["id"] = event.contentId ? JSON(*event.contentId) : JSON();
-            line["name"] = event.contentName ? JSON(*event.contentName) : JSON();
-            line["display_type"] = event.displayType ? JSON(*event.displayType) : JSON();
-            break;
-        case TimelineEvent::Kind::Devices: {
-            line["kind"] = "nearby";
-            JSON devices = JSON::array();
-            for (const auto& device : event.devices) {
-                devices.push_back({{"id", device.identifier},
-                                   {"rssi", device.rssi},
-                                   {"battery", device.batteryLevel},
-                                   {"firmware", device.firmwareVersion},
-                                   {"tx_power", device.transmissionPower}});
-            }
-            line["devices"] = std::move(devices);
-            break;
-        }
-        case TimelineEvent::Kind::Log:
-            line["kind"] = "log";
-            line["text"] = event.text;
-            break;
-        case TimelineEvent::Kind::Heard: {
-            line["kind"] = "heard";
-            JSON beacons = JSON::array();
-            for (const auto& signal : event.signals) {
-                beacons.push_back({{"uuid", signal.uuid},
-                                   {"major", signal.major},
-                                   {"minor", signal.minor},
-                                   {"device", signal.device},
-                                   {"rssi", signal.rssi},
-                                   {"advertisements", signal.advertisements}});
-            }
-            line["beacons"] = std::move(beacons);
-            break;
-        }
-    }
-    return line;
-}
-
-}  // namespace pelm::cli
+}  // namespace pelm::lab

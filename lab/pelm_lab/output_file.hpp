@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 /// A file a tool writes. It is made beside its final name, as FILE.partial, and renamed into place only once
 /// complete and on disk, so a run that fails or is killed leaves an earlier FILE whole. What was written
@@ -39,4 +39,4 @@ std::optional<std::string> sameFileProblem(const std::string& option, const std:
                                            const std::vector<std::string>& inputs,
                                            std::vector<std::pair<std::string, std::string>>& outputs);
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

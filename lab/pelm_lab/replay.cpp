@@ -1,4 +1,4 @@
-#include "replay.hpp"
+#include "pelm_lab/replay.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,7 +14,7 @@
 
 #include "pelm_server/demo_seed.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 using namespace std::chrono_literals;
@@ -247,4 +247,4 @@ ReplayResult runReplay(const ReplayOptions& options,
     return result;
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

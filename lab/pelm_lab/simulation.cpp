@@ -1,4 +1,4 @@
-#include "simulation.hpp"
+#include "pelm_lab/simulation.hpp"
 
 #include <thread>
 
@@ -6,7 +6,7 @@
 
 #include "pelm_server/demo_seed.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 using namespace std::chrono_literals;
 
@@ -47,4 +47,4 @@ SimulationResult runSimulation(
     return result;
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -1,6 +1,6 @@
-#include "refusal_watch.hpp"
+#include "pelm_lab/refusal_watch.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 RefusalWatch::RefusalWatch(std::shared_ptr<platform::HttpTransport> inner) : inner_(std::move(inner)) {}
 
@@ -12,4 +12,4 @@ void RefusalWatch::send(platform::HttpRequest request, std::function<void(platfo
                  });
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -1,24 +1,20 @@
-#include "timeline_output.hpp"
+#include "pelm_lab/timeline_output.hpp"
 
 #include <algorithm>
 #include <cstdio>
 
 #include <pelm/model/json_text.hpp>
 
-namespace pelm::cli {
+#include "pelm_lab/event_lines.hpp"
+
+namespace pelm::lab {
 namespace {
 
 const char* label(const TimelineEvent& event) {
-    switch (event.kind) {
-        case TimelineEvent::Kind::Content:
-            return "CONTENT ";
-        case TimelineEvent::Kind::Devices:
-            return "nearby  ";
-        case TimelineEvent::Kind::Log:
-            return "LOG     ";
-        default:
-            return event.critical ? "STATUS! " : "status  ";
-    }
+    if (event.as<events::ContentHandedOn>()) return "CONTENT ";
+    if (event.as<events::NearbyDevices>()) return "nearby  ";
+    if (event.kind == TimelineEvent::Kind::Log) return "LOG     ";
+    return event.critical ? "STATUS! " : "status  ";
 }
 
 }  // namespace
@@ -95,14 +91,17 @@ std::optional<NearbyLines> nearbyLines(const std::string& text) {
 }
 
 void TimelinePrinter::print(const TimelineEvent& event) {
-    // What the radio heard is for the report and the events file; the host app never sees it.
+    // What the radio heard is for the report and the events file; the host app never sees it. Of the
+    // library's events the terminal shows content and nearby devices: the status lines tell the rest.
     if (event.kind == TimelineEvent::Kind::Heard) return;
-    if (event.kind == TimelineEvent::Kind::Devices && !shows(event)) return;
+    const auto* nearby = event.as<events::NearbyDevices>();
+    if (event.kind == TimelineEvent::Kind::Visit && !nearby && !event.as<events::ContentHandedOn>()) return;
+    if (nearby && !shows(*nearby)) return;
     std::printf("  [%s] %s %s\n", clockText(event.at).c_str(), label(event), event.text.c_str());
     std::fflush(stdout);
 }
 
-bool TimelinePrinter::shows(const TimelineEvent& devices) {
+bool TimelinePrinter::shows(const events::NearbyDevices& devices) {
     if (nearby_ != NearbyLines::Changes) return nearby_ == NearbyLines::All;
     // The set, not the order: the devices come strongest first, and that order changes with every step.
     bool changed = false;
@@ -132,4 +131,4 @@ bool EventsFile::close(std::string& error) {
     return out_.commit(error);
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -1,20 +1,19 @@
-#include "visit_picture.hpp"
+#include "pelm_lab/visit_picture.hpp"
 
 #include <algorithm>
 #include <map>
 #include <string_view>
+#include <variant>
+
+#include <pelm/model/json_date_transform.hpp>
 
 #include "pelm_server/text_numbers.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 double secondsOf(std::chrono::milliseconds at) {
     return static_cast<double>(at.count()) / 1000.0;
-}
-
-bool startsWith(std::string_view text, std::string_view prefix) {
-    return text.substr(0, prefix.size()) == prefix;
 }
 
 std::optional<int> number(std::string_view text) {
@@ -22,31 +21,13 @@ std::optional<int> number(std::string_view text) {
     return value ? std::optional<int>(static_cast<int>(*value)) : std::nullopt;
 }
 
-// "Entering SUB Region: UUID - 1 - 11"
-std::optional<BeaconKey> subRegionOf(std::string_view text, std::string_view prefix) {
-    if (!startsWith(text, prefix)) return std::nullopt;
-    text.remove_prefix(prefix.size());
-    const auto first = text.find(" - ");
-    const auto second = first == std::string_view::npos ? first : text.find(" - ", first + 3);
-    if (second == std::string_view::npos) return std::nullopt;
-    const auto major = number(text.substr(first + 3, second - first - 3));
-    const auto minor = number(text.substr(second + 3));
+// The beacon manager names beacons by decimal major and minor; a beacon a host made up with other texts has
+// no row.
+std::optional<BeaconKey> keyOf(const events::BeaconIdentity& beacon) {
+    const auto major = number(beacon.major);
+    const auto minor = number(beacon.minor);
     if (!major || !minor) return std::nullopt;
-    return BeaconKey{std::string(text.substr(0, first)), *major, *minor};
-}
-
-// "Session Log: major: 1 minor: 11 uuid: UUID": the visit's log took the beacon in, which is an entry.
-std::optional<BeaconKey> sessionEntryOf(std::string_view text) {
-    constexpr std::string_view prefix = "Session Log: major: ";
-    if (!startsWith(text, prefix)) return std::nullopt;
-    text.remove_prefix(prefix.size());
-    const auto minorAt = text.find(" minor: ");
-    const auto uuidAt = minorAt == std::string_view::npos ? minorAt : text.find(" uuid: ", minorAt);
-    if (uuidAt == std::string_view::npos) return std::nullopt;
-    const auto major = number(text.substr(0, minorAt));
-    const auto minor = number(text.substr(minorAt + 8, uuidAt - minorAt - 8));
-    if (!major || !minor) return std::nullopt;
-    return BeaconKey{std::string(text.substr(uuidAt + 7)), *major, *minor};
+    return BeaconKey{beacon.uuid, *major, *minor};
 }
 
 // Collects the picture event by event.
@@ -56,21 +37,10 @@ class Builder {
 
     void add(const TimelineEvent& event) {
         const double at = secondsOf(event.at);
-        switch (event.kind) {
-            case TimelineEvent::Kind::Status:
-                status(event.text, at);
-                break;
-            case TimelineEvent::Kind::Content:
-                content(event, at);
-                break;
-            case TimelineEvent::Kind::Devices:
-                for (const auto& device : event.devices) discovered(device, at);
-                break;
-            case TimelineEvent::Kind::Heard:
-                for (const auto& signal : event.signals) heard(signal, at);
-                break;
-            case TimelineEvent::Kind::Log:
-                break;
+        if (event.kind == TimelineEvent::Kind::Heard) {
+            for (const auto& signal : event.signals) heard(signal, at);
+        } else if (event.visit) {
+            std::visit([&](const auto& visit) { this->visit(visit, at); }, *event.visit);
         }
     }
 
@@ -84,61 +54,81 @@ class Builder {
         std::vector<BeaconMark> marks;
     };
 
-    void status(const std::string& text, double at);
+    void visit(const events::MainRegionEntered& entered, double at);
+    void visit(const events::MainRegionLeft& left, double at);
+    void visit(const events::SubRegionEntered& entered, double at);
+    void visit(const events::SubRegionLeft& left, double at);
+    void visit(const events::ContentHandedOn& content, double at);
+    void visit(const events::ContentHeldBack& heldBack, double at);
+    void visit(const events::VisitUploaded& upload, double at);
+    void visit(const events::NearbyDevices& nearby, double at);
+    // Ranging, Bluetooth, location and reachability change nothing in the picture.
+    template <class Other>
+    void visit(const Other&, double) {}
     void mark(const BeaconKey& key, BeaconMark::Kind kind, double at, std::string text = {});
-    void content(const TimelineEvent& event, double at);
     void discovered(const DiscoveredBeacon& device, double at);
     void heard(const HeardSignal& signal, double at);
 
     VisitPicture picture_;
     std::map<BeaconKey, Samples> beacons_;
     std::map<std::string, DeviceRow> devices_;
-    // The latest entry and exit the host app was told of, for the content and hold-backs that follow them.
-    std::optional<std::pair<BeaconKey, double>> lastEntry_, lastExit_;
-    std::optional<std::pair<std::string, double>> heldBack_;
+    // The latest entry, which the platform may report twice (found inside, then entered).
+    std::optional<std::pair<BeaconKey, double>> lastEntry_;
 };
 
-void Builder::status(const std::string& text, double at) {
-    constexpr std::string_view monitoring = "Starting core monitoring for uuid: ";
-    if (startsWith(text, monitoring) && !picture_.appUuid) picture_.appUuid = text.substr(monitoring.size());
-    if (startsWith(text, "Entering MAIN Region: ") && !picture_.visitStart) picture_.visitStart = at;
-    if (startsWith(text, "Exiting MAIN Region: ")) picture_.visitEnd = at;
-    if (text == "Session upload successful finished") picture_.upload = VisitPicture::Upload::Succeeded;
-    if (text == "Failed to upload session") picture_.upload = VisitPicture::Upload::Failed;
-    // Told before the beacon is taken in again: it belongs to the entry that comes next.
-    constexpr std::string_view hot = "Beacon is hot until: ";
-    if (startsWith(text, hot)) heldBack_ = {"held back until " + text.substr(hot.size()), at};
-    auto entry = subRegionOf(text, "Entering SUB Region: ");
-    if (!entry) entry = sessionEntryOf(text);
-    if (entry) mark(*entry, BeaconMark::Kind::Entry, at);
-    if (const auto exit = subRegionOf(text, "Exiting SUB Region: ")) mark(*exit, BeaconMark::Kind::Exit, at);
+void Builder::visit(const events::MainRegionEntered& entered, double at) {
+    if (!picture_.appUuid) picture_.appUuid = entered.uuid;
+    if (!picture_.visitStart) picture_.visitStart = at;
 }
 
-void Builder::mark(const BeaconKey& key, BeaconMark::Kind kind, double at, std::string text) {
-    auto& marks = beacons_[key].marks;
-    if (kind == BeaconMark::Kind::Entry) {
-        // Entering the region and the visit's log taking the beacon in are one entry.
-        if (lastEntry_ && lastEntry_->first == key && at - lastEntry_->second < 2.0) return;
-        lastEntry_ = {key, at};
-        if (heldBack_ && at - heldBack_->second < 2.0) {
-            marks.push_back({BeaconMark::Kind::HeldBack, at, heldBack_->first});
-            ++picture_.heldBack;
-        }
-        heldBack_.reset();
-    }
-    if (kind == BeaconMark::Kind::Exit) lastExit_ = {key, at};
-    marks.push_back({kind, at, std::move(text)});
+void Builder::visit(const events::MainRegionLeft&, double at) {
+    picture_.visitEnd = at;
 }
 
-void Builder::content(const TimelineEvent& event, double at) {
-    HandedContent handed{at, event.contentName.value_or("(untitled)"), event.displayType.value_or(""), {}};
-    const bool exit = handed.displayType == "exit";
-    if (const auto& cause = exit ? lastExit_ : lastEntry_) {
-        handed.beacon = cause->first;
-        mark(cause->first, exit ? BeaconMark::Kind::ExitContent : BeaconMark::Kind::EntryContent, at,
+void Builder::visit(const events::SubRegionEntered& entered, double at) {
+    const auto key = keyOf(entered.beacon);
+    if (!key) return;
+    // Found inside and entered, close together, are one entry.
+    if (lastEntry_ && lastEntry_->first == *key && at - lastEntry_->second < 2.0) return;
+    lastEntry_ = {*key, at};
+    mark(*key, BeaconMark::Kind::Entry, at);
+}
+
+void Builder::visit(const events::SubRegionLeft& left, double at) {
+    if (const auto key = keyOf(left.beacon)) mark(*key, BeaconMark::Kind::Exit, at);
+}
+
+void Builder::visit(const events::ContentHandedOn& content, double at) {
+    const bool exit = content.displayType == Content::DisplayType::exit;
+    const auto* text = content.content ? content.content->textRecord.get() : nullptr;
+    HandedContent handed{at, text && text->name ? *text->name : "(untitled)", exit ? "exit" : "entry",
+                         keyOf(content.beacon)};
+    if (handed.beacon) {
+        mark(*handed.beacon, exit ? BeaconMark::Kind::ExitContent : BeaconMark::Kind::EntryContent, at,
              handed.name);
     }
     picture_.contents.push_back(std::move(handed));
+}
+
+void Builder::visit(const events::ContentHeldBack& heldBack, double at) {
+    ++picture_.heldBack;
+    const auto key = keyOf(heldBack.beacon);
+    if (!key) return;
+    const bool exit = heldBack.displayType == Content::DisplayType::exit;
+    mark(*key, BeaconMark::Kind::HeldBack, at,
+         std::string(exit ? "exit" : "entry") + " held back until " + dateDescription(heldBack.until));
+}
+
+void Builder::visit(const events::VisitUploaded& upload, double) {
+    picture_.upload = upload.stored ? VisitPicture::Upload::Succeeded : VisitPicture::Upload::Failed;
+}
+
+void Builder::visit(const events::NearbyDevices& nearby, double at) {
+    for (const auto& device : nearby.devices) discovered(device, at);
+}
+
+void Builder::mark(const BeaconKey& key, BeaconMark::Kind kind, double at, std::string text) {
+    beacons_[key].marks.push_back({kind, at, std::move(text)});
 }
 
 void Builder::discovered(const DiscoveredBeacon& device, double at) {
@@ -244,4 +234,4 @@ VisitPicture pictureOf(const std::vector<TimelineEvent>& events, std::chrono::mi
     return std::move(builder).finish();
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

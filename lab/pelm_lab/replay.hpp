@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "visit_harness.hpp"
+#include "pelm_lab/visit_harness.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 struct ReplayOptions {
     std::filesystem::path recording;
@@ -63,4 +63,4 @@ struct ReplayResult {
 ReplayResult runReplay(const ReplayOptions& options,
                        const std::function<void(const TimelineEvent&)>& onEvent = {});
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -1,4 +1,4 @@
-#include "output_file.hpp"
+#include "pelm_lab/output_file.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 // Writes what the stream holds through to the disk: a rename of a file whose bytes are still in the page
@@ -77,4 +77,4 @@ std::optional<std::string> sameFileProblem(const std::string& option, const std:
     return std::nullopt;
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -5,7 +5,7 @@
 
 #include <pelm/platform/http_transport.hpp>
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 /// Passes every exchange on unchanged and remembers whether the server refused the app token (401 or 403),
 /// which the library reports only as a failed call, so the tool can say so in its own words.
@@ -22,4 +22,4 @@ class RefusalWatch : public platform::HttpTransport {
     std::shared_ptr<std::optional<long>> refused_ = std::make_shared<std::optional<long>>();
 };
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -1,4 +1,4 @@
-#include "trace_recorder.hpp"
+#include "pelm_lab/trace_recorder.hpp"
 
 #include <deque>
 #include <mutex>
@@ -7,7 +7,7 @@
 
 #include <pelm/platform/ble/recording_reader.hpp>
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 std::uint64_t recordTrace(const platform::BluezOptions& bluez, std::ostream& out,
                           std::optional<std::chrono::milliseconds> duration,
@@ -46,4 +46,4 @@ std::uint64_t recordTrace(const platform::BluezOptions& bluez, std::ostream& out
     return written;
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -1,6 +1,6 @@
-#include "report.hpp"
+#include "pelm_lab/report.hpp"
 
-#include "output_file.hpp"
+#include "pelm_lab/output_file.hpp"
 
 #include <unistd.h>
 
@@ -15,10 +15,10 @@
 #include <pelm/model/json_date_transform.hpp>
 #include <pelm/model/json_text.hpp>
 
-#include "timeline_output.hpp"
-#include "visit_picture.hpp"
+#include "pelm_lab/timeline_output.hpp"
+#include "pelm_lab/visit_picture.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 namespace {
 
 std::string escape(std::string_view text) {
@@ -341,10 +341,13 @@ std::string eventsTable(const std::vector<TimelineEvent>& events) {
     std::ostringstream out;
     out << "<details><summary>What the host app was told</summary><table id='events'>";
     for (const auto& event : events) {
-        if (event.kind == TimelineEvent::Kind::Heard || event.kind == TimelineEvent::Kind::Devices) continue;
-        const char* kind = event.kind == TimelineEvent::Kind::Content ? "content"
-                           : event.critical                           ? "critical"
-                                                                      : "";
+        // The status lines tell of regions and uploads; of the library's events, content and hold-backs add
+        // which beacon they concern.
+        const bool content = event.as<events::ContentHandedOn>() != nullptr;
+        const bool heldBack = event.as<events::ContentHeldBack>() != nullptr;
+        if (event.kind == TimelineEvent::Kind::Heard) continue;
+        if (event.kind == TimelineEvent::Kind::Visit && !content && !heldBack) continue;
+        const char* kind = content ? "content" : heldBack ? "held-back" : event.critical ? "critical" : "";
         out << "<tr class='" << kind << "'><td>" << clockText(event.at) << "</td><td>" << escape(event.text)
             << "</td></tr>";
     }
@@ -436,4 +439,4 @@ bool ReportFile::write(const std::string& html, std::string& error) {
     return out.commit(error);
 }
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

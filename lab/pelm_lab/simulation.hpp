@@ -10,9 +10,9 @@
 #include <pelm/model/json_binding.hpp>
 #include <pelm/platform/sim/simulated_store.hpp>
 
-#include "visit_harness.hpp"
+#include "pelm_lab/visit_harness.hpp"
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 struct SimulationOptions {
     platform::Scenario scenario;
@@ -45,4 +45,4 @@ SimulationResult runSimulation(
     const SimulationOptions& options, const std::function<void(const TimelineEvent&)>& onEvent = {},
     const std::function<void(std::chrono::milliseconds, std::chrono::milliseconds)>& onProgress = {});
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab

@@ -8,7 +8,7 @@
 
 #include <pelm/platform/linux/bluez_advertisements.hpp>
 
-namespace pelm::cli {
+namespace pelm::lab {
 
 /// Writes what the BlueZ feed hears as the JSON trace, one line per advertisement as it arrives, until
 /// `stop()` holds (asked every 100 ms) or `duration` has passed. Discovery ends and every line heard is
@@ -18,4 +18,4 @@ std::uint64_t recordTrace(const platform::BluezOptions& bluez, std::ostream& out
                           std::optional<std::chrono::milliseconds> duration,
                           const std::function<bool()>& stop);
 
-}  // namespace pelm::cli
+}  // namespace pelm::lab
