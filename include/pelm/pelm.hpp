@@ -23,7 +23,7 @@
 #include <pelm/platform/platform_states.hpp>
 #include <pelm/platform/run_loop.hpp>
 #include <pelm/sdk/pelm_constants.hpp>
-#include <pelm/sdk/pelm_sdk.hpp>
+#include <pelm/pelm_sdk.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 #include <pelm/session/pelm_session_manager.hpp>
 #include <pelm/status/pelm_device_status_manager.hpp>

@@ -186,6 +186,77 @@ bool sleepUnlessStopped(std::chrono::duration<double, std::milli> wait,
     return true;
 }
 
+std::string withThousands(std::uint64_t count) {
+    auto text = std::to_string(count);
+    for (auto at = text.size(); at > 3; at -= 3) text.insert(at - 3, ",");
+    return text;
+}
+
+}  // namespace
+
+std::string ScannerSummary::line() const {
+    return (name.empty() ? std::string("(unnamed)") : name) + ": " + heard();
+}
+
+std::string ScannerSummary::heard() const {
+    std::string text = withThousands(advertisements) + " advertisement" + (advertisements == 1 ? "" : "s") +
+                       " over " +
+                       clockText(std::chrono::duration_cast<std::chrono::milliseconds>(last - first)) + ", ";
+    if (beacons.empty()) return text + "no iBeacon";
+    text += beacons.size() == 1 ? "beacon" : "beacons";
+    for (const auto& [major, minor] : beacons)
+        text += " " + std::to_string(major) + "/" + std::to_string(minor);
+    return text;
+}
+
+std::string ScannerList::names() const {
+    std::string text;
+    for (const auto& scanner : scanners) {
+        if (!scanner.name.empty()) text += (text.empty() ? "" : ", ") + scanner.name;
+    }
+    if (more > 0) text += " and " + std::to_string(more) + " more";
+    return text;
+}
+
+ScannerList listScanners(const std::filesystem::path& recording) {
+    std::map<std::string, ScannerSummary> byName;
+    std::set<std::string> beyond;
+    auto reader = platform::RecordingReader::open(recording);
+    while (auto heard = reader->next()) {
+        auto found = byName.find(heard->receiver);
+        if (found == byName.end()) {
+            // A file that names a new receiver on every line is not a set of rooms: the rest are counted.
+            if (byName.size() >= kMostScanners) {
+                if (beyond.size() < kMostScanners) beyond.insert(heard->receiver);
+                continue;
+            }
+            ScannerSummary added;
+            added.name = heard->receiver;
+            added.first = added.last = heard->at;
+            found = byName.emplace(heard->receiver, std::move(added)).first;
+        }
+        auto& scanner = found->second;
+        ++scanner.advertisements;
+        scanner.first = std::min(scanner.first, heard->at);
+        scanner.last = std::max(scanner.last, heard->at);
+        if (const auto frame = platform::parseIBeacon(heard->data))
+            scanner.beacons.insert({frame->major, frame->minor});
+    }
+    ScannerList list;
+    for (auto& [name, scanner] : byName) list.scanners.push_back(std::move(scanner));
+    list.more = beyond.size();
+    return list;
+}
+
+namespace {
+
+// A --scanner that heard nothing: the names there are, so that a typo is plain.
+std::string noSuchScanner(const ReplayOptions& options) {
+    const auto names = listScanners(options.recording).names();
+    return "no scanner named " + *options.scanner + " in it; " +
+           (names.empty() ? "its advertisements name no scanner" : "its scanners: " + names);
+}
+
 }  // namespace
 
 std::string RecordingSummary::line() const {
@@ -202,8 +273,7 @@ ReplayResult runReplay(const ReplayOptions& options,
     result.summary = summarise(options, identities, early);
     if (early.count > 0) result.timeWarnings.push_back(oddTimesWarning(early, "before 2000"));
     if (result.summary.advertisements == 0) {
-        result.failure =
-            options.scanner ? "no advertisement heard by " + *options.scanner : "no advertisement in it";
+        result.failure = options.scanner ? noSuchScanner(options) : "no advertisement in it";
         return result;
     }
     const auto uuid = options.uuid ? options.uuid : result.summary.mostHeardUuid;

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,32 @@ struct RecordingSummary {
     /// "N advertisements (M iBeacon) from D devices over MM:SS.s of recording"
     std::string line() const;
 };
+
+/// One receiver of a recording: what it heard.
+struct ScannerSummary {
+    /// As the recording names it; empty for advertisements that name no receiver.
+    std::string name;
+    std::uint64_t advertisements = 0;
+    Date first{}, last{};
+    /// The iBeacons it heard, by major and minor.
+    std::set<std::pair<int, int>> beacons;
+    /// "1,204 advertisements over 12:03.0, beacons 0/5 0/6"
+    std::string heard() const;
+    /// "Room201: " and what it heard
+    std::string line() const;
+};
+
+/// Every receiver the recording names, by name; at most kMostScanners, the rest counted in `more`.
+struct ScannerList {
+    std::vector<ScannerSummary> scanners;
+    std::uint64_t more = 0;
+    /// "A, B, C"
+    std::string names() const;
+};
+inline constexpr std::size_t kMostScanners = 256;
+
+/// One pass over the recording. Throws platform::RecordingError for a file that is not what it claims.
+ScannerList listScanners(const std::filesystem::path& recording);
 
 struct ReplayResult {
     RecordingSummary summary;

@@ -155,9 +155,9 @@ void TimelineDrawing::signalRange() {
 
 std::string TimelineDrawing::svg() {
     const double height = static_cast<double>(picture_.beacons.size()) * kRow + 60;
-    out_ << "<svg id='timeline' xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " << num(kLeft + kPlot + 30)
-         << " " << num(height) << "' data-left='" << kLeft << "' data-plot='" << kPlot << "' data-seconds='"
-         << num(picture_.seconds) << "'>";
+    out_ << "<svg class='timeline' xmlns='http://www.w3.org/2000/svg' viewBox='0 0 "
+         << num(kLeft + kPlot + 30) << " " << num(height) << "' data-left='" << kLeft << "' data-plot='"
+         << kPlot << "' data-seconds='" << num(picture_.seconds) << "'>";
     if (picture_.visitStart) {
         const double end = picture_.visitEnd.value_or(picture_.seconds);
         out_ << "<rect class='visit' x='" << num(x(*picture_.visitStart)) << "' y='0' width='"
@@ -166,8 +166,8 @@ std::string TimelineDrawing::svg() {
     for (std::size_t i = 0; i < picture_.beacons.size(); ++i)
         row(picture_.beacons[i], static_cast<double>(i) * kRow);
     axis(height - 60);
-    out_ << "<line id='cursor' y1='0' y2='" << num(height - 60)
-         << "'/><text id='cursor-time' y='12'></text></svg>";
+    out_ << "<line class='cursor' y1='0' y2='" << num(height - 60)
+         << "'/><text class='cursor-time' y='12'></text></svg>";
     return out_.str();
 }
 
@@ -260,7 +260,7 @@ void TimelineDrawing::axis(double bottom) {
 
 std::string legend(const std::set<std::string>& drawn) {
     std::ostringstream out;
-    out << "<div id='legend'>";
+    out << "<div class='legend'>";
     for (const auto& mark : kMarks) {
         if (!drawn.count(mark.name)) continue;
         out << "<span class='legend-item' data-mark='" << mark.name
@@ -289,7 +289,7 @@ std::string uploadText(const VisitPicture& picture, const JSON& storedVisits) {
 
 std::string summary(const ReportHeader& header, const VisitPicture& picture, const JSON& storedVisits) {
     std::ostringstream out;
-    out << "<section id='summary'><dl>";
+    out << "<section class='summary'><dl>";
     out << "<dt>Store</dt><dd>" << escape(header.store) << "</dd>";
     out << "<dt>Visit</dt><dd>";
     if (picture.visitStart) {
@@ -325,7 +325,7 @@ std::string devicesTable(const VisitPicture& picture) {
     std::ostringstream out;
     out << "<h2>Devices discovered</h2>";
     if (picture.devices.empty()) return out.str() + "<p>Discovery reported none.</p>";
-    out << "<table id='devices'><tr><th>device</th><th>battery</th><th>firmware</th><th>tx power</th>"
+    out << "<table class='devices'><tr><th>device</th><th>battery</th><th>firmware</th><th>tx power</th>"
            "<th>signal</th><th>seen</th></tr>";
     for (const auto& device : picture.devices) {
         out << "<tr" << (device.lowBattery() ? " class='low-battery'" : "") << "><td>" << escape(device.id)
@@ -339,7 +339,7 @@ std::string devicesTable(const VisitPicture& picture) {
 
 std::string eventsTable(const std::vector<TimelineEvent>& events) {
     std::ostringstream out;
-    out << "<details><summary>What the host app was told</summary><table id='events'>";
+    out << "<details><summary>What the host app was told</summary><table class='events'>";
     for (const auto& event : events) {
         // The status lines tell of regions and uploads; of the library's events, content and hold-backs add
         // which beacon they concern.
@@ -357,9 +357,9 @@ std::string eventsTable(const std::vector<TimelineEvent>& events) {
 constexpr const char* kStyle = R"(
 body{font-family:system-ui,sans-serif;margin:2em;color:#222;max-width:1200px}
 h1{margin-bottom:0}.source{color:#666;margin-top:.2em}
-#summary dl{display:grid;grid-template-columns:max-content 1fr;gap:.3em 1.2em}
-#summary dt{font-weight:bold}.content{font-weight:bold;color:#b35900}
-#legend{margin:1em 0;display:flex;flex-wrap:wrap;gap:.4em 1.4em}.legend-item svg{vertical-align:middle;margin-right:.3em}
+section.summary dl{display:grid;grid-template-columns:max-content 1fr;gap:.3em 1.2em}
+section.summary dt{font-weight:bold}.content{font-weight:bold;color:#b35900}
+.legend{margin:1em 0;display:flex;flex-wrap:wrap;gap:.4em 1.4em}.legend-item svg{vertical-align:middle;margin-right:.3em}
 svg text{font-size:11px}.beacon-name{font-size:14px;font-weight:bold}.device{fill:#555}
 .low-battery,.low-battery td{fill:#c0392b;color:#c0392b;font-weight:bold}
 .dbm{fill:#888;text-anchor:end}.axis text{text-anchor:middle;fill:#555}.axis .axis-title{font-size:12px;fill:#222}
@@ -367,7 +367,7 @@ svg text{font-size:11px}.beacon-name{font-size:14px;font-weight:bold}.device{fil
 .mark-heard{fill:#9cc3e6}.mark-signal{fill:none;stroke:#1f5f99;stroke-width:1.5}
 .mark-entry{fill:#2a9d3f}.mark-exit{fill:#c0392b}.mark-entry-content{fill:#e67e22}.mark-exit-content{fill:#8e44ad}
 .mark-held-back circle{fill:#fff;stroke:#7f8c8d;stroke-width:1.5}.mark-held-back path{stroke:#7f8c8d;stroke-width:1.5}
-.mark-name{fill:#333}.leftward{text-anchor:end}#cursor{stroke:#333;stroke-dasharray:3 3;display:none}#cursor-time{display:none}
+.mark-name{fill:#333}.leftward{text-anchor:end}.cursor{stroke:#333;stroke-dasharray:3 3;display:none}.cursor-time{display:none}
 table{border-collapse:collapse}td,th{padding:2px 10px;text-align:left}tr.content{color:#b35900;font-weight:bold}
 tr.critical{color:#c0392b}
 )";
@@ -375,44 +375,97 @@ tr.critical{color:#c0392b}
 // A cursor that follows the pointer over the timeline and tells the time under it.
 constexpr const char* kScript = R"(
 (function () {
-  const svg = document.getElementById('timeline');
-  if (!svg) return;
-  const cursor = document.getElementById('cursor'), label = document.getElementById('cursor-time');
-  const left = Number(svg.dataset.left), plot = Number(svg.dataset.plot), seconds = Number(svg.dataset.seconds);
-  const clock = s => { s = Math.round(s); const m = Math.floor(s / 60), r = s % 60;
-    return (m >= 60 ? Math.floor(m / 60) + ':' + String(m % 60).padStart(2, '0') : m) + ':' + String(r).padStart(2, '0'); };
-  const hide = () => { cursor.style.display = 'none'; label.style.display = 'none'; };
-  svg.addEventListener('mousemove', event => {
-    const box = svg.getBoundingClientRect();
-    const x = (event.clientX - box.left) * svg.viewBox.baseVal.width / box.width;
-    if (x < left || x > left + plot) return hide();
-    cursor.setAttribute('x1', x); cursor.setAttribute('x2', x);
-    label.setAttribute('x', x + 4); label.textContent = clock((x - left) / plot * seconds);
-    cursor.style.display = 'inline'; label.style.display = 'inline';
+  document.querySelectorAll('svg.timeline').forEach(svg => {
+    const cursor = svg.querySelector('.cursor'), label = svg.querySelector('.cursor-time');
+    const left = Number(svg.dataset.left), plot = Number(svg.dataset.plot), seconds = Number(svg.dataset.seconds);
+    const clock = s => { s = Math.round(s); const m = Math.floor(s / 60), r = s % 60;
+      return (m >= 60 ? Math.floor(m / 60) + ':' + String(m % 60).padStart(2, '0') : m) + ':' + String(r).padStart(2, '0'); };
+    const hide = () => { cursor.style.display = 'none'; label.style.display = 'none'; };
+    svg.addEventListener('mousemove', event => {
+      const box = svg.getBoundingClientRect();
+      const x = (event.clientX - box.left) * svg.viewBox.baseVal.width / box.width;
+      if (x < left || x > left + plot) return hide();
+      cursor.setAttribute('x1', x); cursor.setAttribute('x2', x);
+      label.setAttribute('x', x + 4); label.textContent = clock((x - left) / plot * seconds);
+      cursor.style.display = 'inline'; label.style.display = 'inline';
+    });
+    svg.addEventListener('mouseleave', hide);
   });
-  svg.addEventListener('mouseleave', hide);
 })();
 )";
 
 }  // namespace
 
-std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
-                       std::chrono::milliseconds length, const JSON& storedVisits) {
+namespace {
+
+// One run: its summary, the beacons' rows, the devices, the events and what the server stored.
+std::string runBody(const ReportHeader& header, const std::vector<TimelineEvent>& events,
+                    std::chrono::milliseconds length, const JSON& storedVisits, const char* heading) {
     const auto picture = pictureOf(events, length);
     TimelineDrawing drawing(picture);
     const auto timeline = drawing.svg();
-    std::ostringstream page;
-    page << "<!DOCTYPE html><html lang='en'><head><meta charset='utf-8'><title>" << escape(header.store)
-         << ": visit report</title><style>" << kStyle << "</style></head><body><h1>" << escape(header.store)
-         << "</h1><p class='source'>" << escape(header.source) << "</p>"
-         << summary(header, picture, storedVisits) << "<h2>Beacons</h2>" << legend(drawing.marks())
-         << timeline << devicesTable(picture) << eventsTable(events);
+    std::ostringstream body;
+    body << summary(header, picture, storedVisits) << "<" << heading << ">Beacons</" << heading << ">"
+         << legend(drawing.marks()) << timeline << devicesTable(picture) << eventsTable(events);
     if (storedVisits.is_array() && !storedVisits.empty()) {
-        page << "<details><summary>The visit as the server stored it</summary><pre>"
+        body << "<details><summary>The visit as the server stored it</summary><pre>"
              << escape(jsonText(storedVisits, 2)) << "</pre></details>";
     }
-    page << "<script>" << kScript << "</script></body></html>\n";
-    return page.str();
+    return body.str();
+}
+
+std::string page(const std::string& title, const std::string& source, const std::string& body) {
+    return "<!DOCTYPE html><html lang='en'><head><meta charset='utf-8'><title>" + escape(title) +
+           ": visit report</title><style>" + kStyle + "</style></head><body><h1>" + escape(title) +
+           "</h1><p class='source'>" + escape(source) + "</p>" + body + "<script>" + kScript +
+           "</script></body></html>\n";
+}
+
+// "09:03:50"
+std::string timeOfDay(Date at) {
+    const auto description = dateDescription(at);  // "2016-07-16 17:20:30 +0000"
+    return description.size() >= 19 ? description.substr(11, 8) : description;
+}
+
+// The room's visits as clock times, each as the library uploaded it.
+std::string visitTimes(const RoomRun& room) {
+    std::string text;
+    for (const auto& event : room.timeline) {
+        const auto* upload = event.as<events::VisitUploaded>();
+        if (!upload || !upload->session.startTime || !upload->session.endTime) continue;
+        text += (text.empty() ? "" : ", ") + timeOfDay(*upload->session.startTime) + "\u2013" +
+                timeOfDay(*upload->session.endTime) + (upload->stored ? "" : " (not stored)");
+    }
+    return text.empty() ? "none" : text + " UTC";
+}
+
+}  // namespace
+
+std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
+                       std::chrono::milliseconds length, const JSON& storedVisits) {
+    return page(header.store, header.source, runBody(header, events, length, storedVisits, "h2"));
+}
+
+std::string htmlRoomsReport(const std::string& recording, const std::string& source,
+                            const std::vector<RoomRun>& rooms) {
+    std::ostringstream body;
+    body << "<section class='rooms'><h2>Rooms</h2><table class='rooms'><tr><th>room</th><th>heard</th>"
+            "<th>visits</th></tr>";
+    for (std::size_t i = 0; i < rooms.size(); ++i) {
+        body << "<tr><td><a href='#room-" << i + 1 << "'>" << escape(rooms[i].name) << "</a></td><td>"
+             << escape(rooms[i].heard) << "</td><td class='visits'>" << escape(visitTimes(rooms[i]))
+             << "</td></tr>";
+    }
+    body << "</table></section>";
+    for (std::size_t i = 0; i < rooms.size(); ++i) {
+        const auto& room = rooms[i];
+        const ReportHeader header{room.name + " \u2014 " + recording, room.heard, room.start};
+        body << "<section class='room' id='room-" << i + 1 << "' data-room='" << escape(room.name) << "'><h2>"
+             << escape(header.store) << "</h2><p class='visits'>Visits: " << escape(visitTimes(room))
+             << "</p>" << runBody(header, room.timeline, room.length, room.storedVisits, "h3")
+             << "</section>";
+    }
+    return page(recording, source, body.str());
 }
 
 bool ReportFile::open(const std::optional<std::string>& path, std::string& error) {

@@ -28,6 +28,23 @@ struct ReportHeader {
 std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
                        std::chrono::milliseconds length, const JSON& storedVisits);
 
+/// One receiver of a multi-scanner recording, replayed as a phone of its own.
+struct RoomRun {
+    /// The scanner's name in the recording.
+    std::string name;
+    /// What it heard, one line.
+    std::string heard;
+    Date start{};
+    std::vector<TimelineEvent> timeline;
+    std::chrono::milliseconds length{0};
+    JSON storedVisits = JSON::array();
+};
+
+/// One page for a recording heard by several receivers: the rooms with their visits as clock times, then
+/// each room as htmlReport draws a run, named by room and recording.
+std::string htmlRoomsReport(const std::string& recording, const std::string& source,
+                            const std::vector<RoomRun>& rooms);
+
 /// --report FILE, tried before the run so that a path that cannot be written fails before the wait, and
 /// written only once the run is over.
 class ReportFile {

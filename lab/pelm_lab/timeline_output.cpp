@@ -124,7 +124,10 @@ bool EventsFile::open(const std::optional<std::string>& path, std::string& error
 
 // Each line goes to the file as it is printed, so a run that is killed keeps every event it showed.
 void EventsFile::write(const TimelineEvent& event) {
-    if (out_.isOpen()) out_.stream() << jsonText(eventJSON(event)) << std::endl;
+    if (!out_.isOpen()) return;
+    auto line = eventJSON(event);
+    if (scanner_) line["scanner"] = *scanner_;
+    out_.stream() << jsonText(line) << std::endl;
 }
 
 bool EventsFile::close(std::string& error) {

@@ -50,11 +50,14 @@ class EventsFile {
     /// Nothing is written without a path. False (with `error` set) when the file cannot be made.
     bool open(const std::optional<std::string>& path, std::string& error);
     void write(const TimelineEvent& event);
+    /// From now on each line also names the receiver it was replayed from ("scanner").
+    void setScanner(std::string name) { scanner_ = std::move(name); }
     /// Puts the file in place; false (with `error` set) when a write failed on the way.
     bool close(std::string& error);
 
   private:
     OutputFile out_;
+    std::optional<std::string> scanner_;
 };
 
 }  // namespace pelm::lab

@@ -4,7 +4,7 @@
 #include <pelm/model/json_text.hpp>
 #include <pelm/platform/proximity_uuid.hpp>
 #include <pelm/sdk/log.hpp>
-#include <pelm/sdk/pelm_sdk.hpp>
+#include <pelm/pelm_sdk.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
 #include <gmock/gmock.h>

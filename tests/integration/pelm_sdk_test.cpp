@@ -1,6 +1,6 @@
 // The configuration bootstrap end to end: what setAppToken stores, when, and what a failure leaves alone.
 #include <pelm/api/pelm_api_client.hpp>
-#include <pelm/sdk/pelm_sdk.hpp>
+#include <pelm/pelm_sdk.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
 #include <gmock/gmock.h>

@@ -15,6 +15,7 @@
 
 #include "pelm_lab/event_lines.hpp"
 #include "pelm_lab/replay.hpp"
+#include "pelm_lab/report.hpp"
 #include "support/temp_folder.hpp"
 
 namespace pelm::lab {
@@ -107,6 +108,39 @@ std::string traceLine(std::int64_t millis, const std::string& address, std::opti
         heard.data = {0x02, 0x01, 0x1A, 0x05, 0xFF, 0x4C, 0x00, 0x10, 0x01};
     }
     return platform::traceLine(heard) + "\n";
+}
+
+TEST(Replay, FourRoomsAreListedNamedInTheReportWithTheirVisitsAndATypoListsThem) {
+    const auto list = listScanners(kRecordings + "rooms-one-beacon.jsonl");
+    std::vector<std::string> lines;
+    for (const auto& scanner : list.scanners) lines.push_back(scanner.line());
+    EXPECT_THAT(lines, ::testing::ElementsAre("Room201: 453 advertisements over 04:24.6, beacon 0/5",
+                                              "Room202: 528 advertisements over 03:55.5, beacon 0/5",
+                                              "Room203: 1,005 advertisements over 03:29.9, beacon 0/5",
+                                              "Room204: 264 advertisements over 03:46.1, beacon 0/5"));
+
+    std::vector<RoomRun> rooms;
+    for (const auto& scanner : list.scanners) {
+        const auto result = replay("rooms-one-beacon.jsonl", scanner.name);
+        ASSERT_EQ(result.failure, "");
+        const auto devices =
+            std::count_if(result.timeline.begin(), result.timeline.end(),
+                          [](const TimelineEvent& e) { return e.as<events::NearbyDevices>(); });
+        EXPECT_GT(devices, 0) << scanner.name << ": the recorded beacon is a nearby device by its address";
+        rooms.push_back({scanner.name, scanner.heard(), result.start, result.timeline,
+                         result.timeline.back().at, result.storedVisits});
+    }
+    const auto page = htmlRoomsReport("rooms-one-beacon.jsonl", "four rooms", rooms);
+    for (const auto& room : rooms) {
+        // The room's heading and summary name it and the recording; its visits are listed as clock times.
+        EXPECT_THAT(page, ::testing::HasSubstr("<h2>" + room.name + " \u2014 rooms-one-beacon.jsonl</h2>"));
+        for (const auto& visit : room.storedVisits) {
+            const auto start = visit["session"]["start_time"].get<std::string>().substr(11, 8);
+            EXPECT_THAT(page, ::testing::HasSubstr(start + "\u2013")) << room.name;
+        }
+    }
+    EXPECT_EQ(replay("rooms-one-beacon.jsonl", "Room2O1").failure,
+              "no scanner named Room2O1 in it; its scanners: Room201, Room202, Room203, Room204");
 }
 
 TEST(Replay, TimesThatJumpCostNothingAndAreNamed) {

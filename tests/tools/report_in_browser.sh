@@ -33,18 +33,18 @@ checker=$(cat <<EOF
   const shown = element => { const box = element.getBoundingClientRect(); return box.width > 0 && box.height > 0; };
   const anyShown = selector => [...document.querySelectorAll(selector)].some(shown);
   check(pageErrors.length === 0, 'no script error ' + pageErrors.join('; '));
-  const summary = document.getElementById('summary');
+  const summary = document.querySelector('section.summary');
   check(summary && shown(summary) && /Upload/.test(summary.textContent) && /Contents handed over/.test(summary.textContent),
         'the summary is shown');
-  const rows = [...document.querySelectorAll('#timeline .beacon-row')];
+  const rows = [...document.querySelectorAll('svg.timeline .beacon-row')];
   check(rows.length === $beacons, 'one row per beacon: ' + rows.length + ' of $beacons');
   rows.forEach(row => check([...row.querySelectorAll('.mark-signal')].some(shown),
                             'a signal line in row ' + row.dataset.beacon));
-  const marks = [...document.querySelectorAll('#legend .legend-item')].map(item => item.dataset.mark);
+  const marks = [...document.querySelectorAll('.legend .legend-item')].map(item => item.dataset.mark);
   check(marks.length === 7, 'the demo shows all seven kinds of mark: ' + marks.join(', '));
-  marks.forEach(mark => check(anyShown('#timeline .mark-' + mark), 'the legend mark ' + mark + ' is drawn'));
-  check(anyShown('#timeline .mark-name'), 'content names are written beside their marks');
-  check(anyShown('#devices .low-battery'), 'a low battery is flagged');
+  marks.forEach(mark => check(anyShown('svg.timeline .mark-' + mark), 'the legend mark ' + mark + ' is drawn'));
+  check(anyShown('svg.timeline .mark-name'), 'content names are written beside their marks');
+  check(anyShown('table.devices .low-battery'), 'a low battery is flagged');
   const out = document.createElement('pre');
   out.id = 'checks';
   out.textContent = lines.join('\n');

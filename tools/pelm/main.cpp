@@ -47,7 +47,9 @@ const std::vector<Command>& commands() {
         {"simulate", "[SCENARIO]", "walk a shopper through a simulated store",
          runOptions({{"seed", "N", "the simulation's random seed (default 1)"}}), pelm::cli::simulateCommand},
         {"replay", "FILE", "play a recording (btsnoop, pcap, pcapng, JSON trace)",
-         runOptions({{"scanner", "NAME", "take only this scanner's lines of a trace"},
+         runOptions({{"scanner", "NAME",
+                      "take only this scanner's lines of a trace; all: each scanner as a phone of its own"},
+                     {"scanners", "", "list the trace's scanners with what each heard, and stop"},
                      {"uuid", "UUID", "the app's proximity UUID (default: the one heard most)"}}),
          pelm::cli::replayCommand},
         {"record",
@@ -132,7 +134,8 @@ int run(const Command& command, const pelm::cli::Arguments& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const pelm::cli::Arguments args(argc, argv, {"version", "help", "watch", "show-token", "json"});
+    const pelm::cli::Arguments args(argc, argv,
+                                    {"version", "help", "watch", "show-token", "json", "scanners"});
     if (args.positional().empty()) {
         if (args.flag("version")) {
             std::printf("pelm %s\n", pelm::version());

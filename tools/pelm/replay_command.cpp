@@ -11,13 +11,11 @@
 #include "run_output.hpp"
 
 namespace pelm::cli {
+namespace {
 
-int replayCommand(const Arguments& args) {
-    const auto& words = args.positional();
-    if (words.size() != 2) return kShowUsage;
-    Interruption interruption;  // before the embedded server's threads start
-    ReplayOptions options;
-    options.recording = words[1];
+// The options every replay takes; the exit code when one is wrong.
+std::optional<int> readOptions(const Arguments& args, ReplayOptions& options) {
+    options.recording = args.positional()[1];
     options.scanner = args.option("scanner");
     options.uuid = args.option("uuid");
     options.host = args.option("host");
@@ -39,19 +37,21 @@ int replayCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm replay: --host and --token go together\n");
         return 2;
     }
-    RunOutput output("replay");
-    if (const auto failure = output.open(args, {words[1]})) return *failure;
-    options.stopRequested = [&] { return interruption.requestedEvery(4096); };
-    std::printf("Replaying %s\nWhat the host app sees:\n", options.recording.c_str());
-    std::fflush(stdout);
-    ReplayResult result;
-    try {
-        result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
-    } catch (const platform::RecordingError& e) {
-        std::fprintf(stderr, "pelm replay: %s\n", e.what());
-        return 1;
-    }
-    if (result.interrupted) return output.interrupted(interruption.exitCode());
+    return std::nullopt;
+}
+
+int listScannersOf(const ReplayOptions& options) {
+    const auto list = listScanners(options.recording);
+    std::printf("%s: %zu scanner%s\n", options.recording.c_str(), list.scanners.size(),
+                list.scanners.size() == 1 ? "" : "s");
+    for (const auto& scanner : list.scanners) std::printf("  %s\n", scanner.line().c_str());
+    if (list.more > 0) std::printf("  and %llu more\n", static_cast<unsigned long long>(list.more));
+    return 0;
+}
+
+// Warnings and the summary after a run; the exit code when it failed.
+std::optional<int> reportRun(const ReplayOptions& options, const ReplayResult& result,
+                             const Arguments& args) {
     if (!result.failure.empty()) {
         std::fprintf(stderr, "pelm replay: %s: %s\n", options.recording.c_str(), result.failure.c_str());
         return 1;
@@ -65,12 +65,76 @@ int replayCommand(const Arguments& args) {
         std::printf("The visits as the server stored them:\n");
         printStoredVisits(result.storedVisits, args.flag("json"));
     }
-    const ReportHeader header{options.recording.filename().string(),
+    return std::nullopt;
+}
+
+std::chrono::milliseconds lengthOf(const ReplayResult& result) {
+    return result.timeline.empty() ? std::chrono::milliseconds(0) : result.timeline.back().at;
+}
+
+int replayOne(ReplayOptions& options, const Arguments& args, Interruption& interruption, RunOutput& output) {
+    std::printf("Replaying %s%s\nWhat the host app sees:\n", options.recording.c_str(),
+                options.scanner ? (" as heard by " + *options.scanner).c_str() : "");
+    std::fflush(stdout);
+    const auto result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
+    if (result.interrupted) return output.interrupted(interruption.exitCode());
+    if (const auto failure = reportRun(options, result, args)) return *failure;
+    const auto name = options.recording.filename().string();
+    const ReportHeader header{options.scanner ? *options.scanner + " \u2014 " + name : name,
                               options.recording.string() + ": " + result.summary.line(), result.start};
-    const auto length = result.timeline.empty() ? std::chrono::milliseconds(0) : result.timeline.back().at;
-    if (const auto failure = output.finish(header, result.timeline, length, result.storedVisits))
+    if (const auto failure = output.finish(header, result.timeline, lengthOf(result), result.storedVisits))
         return *failure;
     return 0;
+}
+
+// Each receiver as a phone of its own, one after the other, and one report of them all.
+int replayEachScanner(ReplayOptions& options, const Arguments& args, Interruption& interruption,
+                      RunOutput& output) {
+    const auto list = listScanners(options.recording);
+    std::vector<RoomRun> rooms;
+    for (const auto& scanner : list.scanners) {
+        if (scanner.name.empty()) continue;
+        options.scanner = scanner.name;
+        output.startRoom(scanner.name);
+        std::printf("\n== %s\n", scanner.line().c_str());
+        std::fflush(stdout);
+        const auto result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
+        if (result.interrupted) return output.interrupted(interruption.exitCode());
+        if (const auto failure = reportRun(options, result, args)) return *failure;
+        rooms.push_back({scanner.name, scanner.heard(), result.start, result.timeline, lengthOf(result),
+                         result.storedVisits});
+    }
+    if (rooms.empty()) {
+        std::fprintf(stderr,
+                     "pelm replay: %s: its advertisements name no scanner; replay it without --scanner\n",
+                     options.recording.c_str());
+        return 1;
+    }
+    const auto source = options.recording.string() + ": " + std::to_string(rooms.size()) + " scanner" +
+                        (rooms.size() == 1 ? "" : "s") + ", each replayed as a phone of its own";
+    if (const auto failure = output.finishRooms(options.recording.filename().string(), source, rooms))
+        return *failure;
+    return 0;
+}
+
+}  // namespace
+
+int replayCommand(const Arguments& args) {
+    if (args.positional().size() != 2) return kShowUsage;
+    ReplayOptions options;
+    if (const auto failure = readOptions(args, options)) return *failure;
+    try {
+        if (args.flag("scanners")) return listScannersOf(options);
+        Interruption interruption;  // before the embedded server's threads start
+        RunOutput output("replay");
+        if (const auto failure = output.open(args, {options.recording.string()})) return *failure;
+        options.stopRequested = [&] { return interruption.requestedEvery(4096); };
+        if (options.scanner == "all") return replayEachScanner(options, args, interruption, output);
+        return replayOne(options, args, interruption, output);
+    } catch (const platform::RecordingError& e) {
+        std::fprintf(stderr, "pelm replay: %s\n", e.what());
+        return 1;
+    }
 }
 
 }  // namespace pelm::cli

@@ -42,6 +42,16 @@ std::optional<int> RunOutput::finish(const ReportHeader& header, const std::vect
     return std::nullopt;
 }
 
+std::optional<int> RunOutput::finishRooms(const std::string& recording, const std::string& source,
+                                          const std::vector<RoomRun>& rooms) {
+    std::string error;
+    if (!events_.close(error)) return failed(error, 1);
+    if (!report_.path()) return std::nullopt;
+    if (!report_.write(htmlRoomsReport(recording, source, rooms), error)) return failed(error, 1);
+    std::printf("Report written to %s\n", report_.path()->c_str());
+    return std::nullopt;
+}
+
 int RunOutput::interrupted(int code) {
     std::string error;
     const bool kept = events_.close(error);

@@ -28,6 +28,11 @@ class RunOutput {
     /// not be.
     std::optional<int> finish(const ReportHeader& header, const std::vector<TimelineEvent>& timeline,
                               std::chrono::milliseconds length, const JSON& storedVisits);
+    /// The rooms' page instead of one run's, for --scanner all.
+    std::optional<int> finishRooms(const std::string& recording, const std::string& source,
+                                   const std::vector<RoomRun>& rooms);
+    /// Each event from now on comes from this receiver.
+    void startRoom(const std::string& scanner) { events_.setScanner(scanner); }
     /// A run stopped by a signal: the events shown so far are put in place (they are what the run did), an
     /// earlier report stays as it was; says so and gives `code`.
     int interrupted(int code);

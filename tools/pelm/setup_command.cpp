@@ -1,7 +1,7 @@
 #include <cstdio>
 
 #include <pelm/api/api_request.hpp>
-#include <pelm/sdk/pelm_sdk.hpp>
+#include <pelm/pelm_sdk.hpp>
 
 #include "cli.hpp"
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <mutex>
 
-#include <pelm/platform/linux/linux_platform.hpp>
+#include <pelm/platform/default_platform.hpp>
 
 namespace pelm::platform {
 namespace {
@@ -24,7 +24,7 @@ std::shared_ptr<const Platform> current() {
     static std::mutex defaultMutex;
     std::lock_guard lock(defaultMutex);
     if (auto platform = slot().load()) return platform;
-    auto fallback = makeLinuxPlatform(LinuxPlatformOptions{});
+    auto fallback = makeDefaultPlatform();
     slot().store(fallback);
     return fallback;
 }

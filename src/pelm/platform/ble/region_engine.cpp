@@ -199,10 +199,14 @@ RegionState RegionEngine::currentState(const BeaconRegion& region) const {
 
 void RegionEngine::hear(const HeardAdvertisement& advertisement) {
     const auto now = queue_->now();
-    devices_.insert_or_assign(advertisement.uniqueID.value_or(advertisement.address),
-                              std::pair{advertisement, now});
-    scheduleTick();
     const auto frame = parseIBeacon(advertisement.data);
+    // Beacon hardware is what discovery lists: a device that tells its unique id, or sends iBeacon frames.
+    // Phones and headphones passing by are neither.
+    if (frame || advertisement.uniqueID) {
+        devices_.insert_or_assign(advertisement.uniqueID.value_or(advertisement.address),
+                                  std::pair{advertisement, now});
+    }
+    scheduleTick();
     if (!frame) return;
     ++beaconAdvertisements_;
     beacons_.insert_or_assign(identityKey(*frame), Heard{*frame, now, advertisement.rssi});
@@ -286,8 +290,11 @@ void RegionEngine::reportDevices() {
     for (const auto& [key, entry] : devices_) {
         const auto& [advertisement, at] = entry;
         if (at < since) continue;
-        devices.push_back({advertisement.uniqueID, advertisement.transmissionPower,
-                           advertisement.firmwareVersion, advertisement.batteryLevel, advertisement.rssi});
+        // A device that tells no unique id (any but the vendor's own beacons, and every recorded one) is
+        // known by its address, which on this platform names the radio it came from.
+        devices.push_back({advertisement.uniqueID.value_or(advertisement.address),
+                           advertisement.transmissionPower, advertisement.firmwareVersion,
+                           advertisement.batteryLevel, advertisement.rssi});
     }
     delegate->didDiscoverDevices(devices);
 }

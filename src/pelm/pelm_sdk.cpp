@@ -1,4 +1,4 @@
-#include <pelm/sdk/pelm_sdk.hpp>
+#include <pelm/pelm_sdk.hpp>
 
 #include <pelm/analytics/google_analytics_manager.hpp>
 #include <pelm/api/pelm_api_client.hpp>
