@@ -11,6 +11,8 @@
 #include <pelm/platform/platform.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
+#include "pelm_arguments/arguments.hpp"
+
 namespace pelm::lab {}
 
 namespace pelm::cli {
@@ -18,25 +20,7 @@ namespace pelm::cli {
 // The tool speaks the lab's vocabulary: its runs, events, timeline and report.
 using namespace pelm::lab;
 
-/// A command line split into positional words and --options (with or without a value).
-class Arguments {
-  public:
-    /// `flags` are options that take no value.
-    Arguments(int argc, char** argv, std::vector<std::string> flags);
-
-    const std::vector<std::string>& positional() const { return positional_; }
-    std::optional<std::string> option(const std::string& name) const;
-    bool flag(const std::string& name) const { return options_.count(name) != 0; }
-    /// Set when the line could not be read (an option without its value).
-    const std::optional<std::string>& error() const { return error_; }
-    /// Options given that are not in `known`.
-    std::vector<std::string> unknown(const std::vector<std::string>& known) const;
-
-  private:
-    std::vector<std::string> positional_;
-    std::map<std::string, std::string> options_;
-    std::optional<std::string> error_;
-};
+using tools::Arguments;
 
 /// What a command returns for words it cannot take: the tool prints the command's usage and exits 2.
 inline constexpr int kShowUsage = -1;

@@ -5,14 +5,11 @@
 #include <pelm/version.hpp>
 
 #include "cli.hpp"
+#include "pelm_server/server_main.hpp"
 
 namespace {
 
-struct Option {
-    const char* name;
-    const char* value;  // what follows the option, or "" for a flag
-    const char* help;
-};
+using pelm::tools::Option;
 
 struct Command {
     const char* name;
@@ -72,17 +69,7 @@ const std::vector<Command>& commands() {
          "make one server call with the stored settings, print what came back",
          {kCa, kApp, kConfigDir},
          pelm::cli::callCommand},
-        {"serve",
-         "",
-         "run pelm-server (demo data unless --seed)",
-         {{"db", "FILE", "the database (default: pelm-server.db)"},
-          {"seed", "FILE", "load apps and contents from this file"},
-          {"port", "N", "the port (default 8443)"},
-          {"bind", "ADDR", "the address (default 127.0.0.1; 0.0.0.0 for the LAN)"},
-          {"name", "NAMES",
-           "LAN host names and IP addresses, comma-separated, for the throwaway certificate"},
-          {"cert", "FILE", "the server's certificate (with --key) instead of a throwaway one"},
-          {"key", "FILE", "its private key"}},
+        {"serve", "", "run pelm-server on port 8443 (demo data unless --seed)", pelm::server::serverOptions(),
          pelm::cli::serveCommand},
         {"status",
          "",
@@ -104,12 +91,8 @@ void usage(std::FILE* out) {
 void usage(std::FILE* out, const Command& command) {
     std::fprintf(out, "usage: pelm %s %s%s[options]\n  %s\n\noptions:\n", command.name, command.synopsis,
                  *command.synopsis != '\0' ? " " : "", command.summary);
-    for (const auto& option : command.options) {
-        const std::string form =
-            std::string("--") + option.name + (*option.value != '\0' ? " " : "") + option.value;
-        std::fprintf(out, "  %-18s %s\n", form.c_str(), option.help);
-    }
-    std::fprintf(out, "  %-18s %s\n", "--help", "show this text");
+    std::fprintf(out, "%s", pelm::tools::optionLines(command.options).c_str());
+    std::fprintf(out, "%s", pelm::tools::optionLines({{"help", "", "show this text"}}).c_str());
 }
 
 int run(const Command& command, const pelm::cli::Arguments& args) {

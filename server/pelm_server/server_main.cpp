@@ -1,0 +1,146 @@
+#include "pelm_server/server_main.hpp"
+
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+
+#include <pelm/model/json_text.hpp>
+#include <pelm/platform/linux/bounded_file.hpp>
+
+#include "pelm_server/demo_seed.hpp"
+#include "pelm_server/pelm_server.hpp"
+#include "pelm_server/stop_signals.hpp"
+#include "pelm_server/text_numbers.hpp"
+
+namespace pelm::server {
+namespace {
+
+// A mistake on the command line, told apart from a failure by its exit code.
+struct UsageError {
+    std::string message;
+};
+
+int say(const ServeStyle& style, const std::string& message, int code) {
+    std::fprintf(stderr, "%s: %s\n", style.program.c_str(), message.c_str());
+    return code;
+}
+
+// A whole number from `low` to `high`, or the usage error `what`.
+long long numberOption(const tools::Arguments& args, const char* name, long long low, long long high,
+                       long long otherwise, const std::string& what) {
+    const auto text = args.option(name);
+    if (!text) return otherwise;
+    const auto value = wholeNumber(*text, low, high);
+    if (!value) throw UsageError{what};
+    return *value;
+}
+
+PelmServer::Options readOptions(const tools::Arguments& args, const ServeStyle& style) {
+    PelmServer::Options options;
+    options.database = args.option("db").value_or("pelm-server.db");
+    options.port = static_cast<int>(numberOption(args, "port", 1, 65535, style.port.value_or(0),
+                                                 "--port takes a port number from 1 to 65535"));
+    options.threads = static_cast<int>(
+        numberOption(args, "threads", 1, 256, options.threads, "--threads takes a number from 1 to 256"));
+    options.maxConnections = static_cast<std::size_t>(
+        numberOption(args, "max-connections", 1, 1000000, static_cast<long long>(options.maxConnections),
+                     "--max-connections takes a number from 1 to 1000000"));
+    options.bindAddress = args.option("bind").value_or(options.bindAddress);
+    if (const auto names = args.option("name")) {
+        if (const auto problem = readServerNames(*names, options.names)) throw UsageError{*problem};
+    }
+    if (const auto cert = args.option("cert")) options.certFile = *cert;
+    if (const auto key = args.option("key")) options.keyFile = *key;
+    if (options.certFile.has_value() != options.keyFile.has_value())
+        throw UsageError{"--cert and --key go together"};
+    if (options.certFile && !options.names.empty())
+        throw UsageError{"--name goes into the throwaway certificate; --cert brings its own names"};
+    if (!options.certFile) options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
+    return options;
+}
+
+// The seed to serve: the file given, the demo data, or none.
+std::optional<JSON> readSeed(const tools::Arguments& args, const ServeStyle& style) {
+    if (const auto path = args.option("seed")) {
+        auto read = platform::readJSONFile(*path);
+        if (!read.json) throw std::runtime_error(read.error);
+        return std::move(read.json);
+    }
+    if (style.demoData) return parseJSONText(demoSeedText());
+    return std::nullopt;
+}
+
+int listSessions(const PelmServer::Options& options) {
+    const auto store = openContentStore(options.database, ContentStore::Open::ExistingOnly);
+    std::cout << jsonText(store->sessions(), 2) << "\n";
+    return 0;
+}
+
+int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, const ServeStyle& style) {
+    blockStopSignals();  // before the server's threads start, so that they inherit it
+    PelmServer server(options);
+    if (seed) server.store().seed(*seed);
+    server.start();
+    std::printf("pelm-server listening on https://%s:%d (%s)\n", options.bindAddress.c_str(), server.port(),
+                server.store().description().c_str());
+    if (seed && style.demoData) std::printf("serving the demo data: app token demo-token\n");
+    if (const auto ca = server.caFile()) {
+        std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
+        if (const auto hint = lanNameHint(options.bindAddress, options.names))
+            std::printf("%s\n", hint->c_str());
+    }
+    std::printf("Ctrl-C stops it.\n");
+    std::fflush(stdout);
+    waitForStopSignal();
+    // Idle connections close at once; requests in flight have a second to be answered.
+    server.stop();
+    return 0;
+}
+
+}  // namespace
+
+const std::vector<tools::Option>& serverOptions() {
+    static const std::vector<tools::Option> options = {
+        {"db", "FILE|URI",
+         "the SQLite database (default pelm-server.db), or a PostgreSQL one, "
+         "postgresql://USER@HOST:PORT/NAME, "
+         "which several servers may share; postgresql:// alone reads PGHOST, PGSERVICE and the rest"},
+        {"seed", "FILE", "apps and contents to serve (JSON: \"apps\" and \"contents\")"},
+        {"port", "N", "the port, 1 to 65535"},
+        {"bind", "ADDR", "the address to listen on (default 127.0.0.1; 0.0.0.0 for the LAN)"},
+        {"name", "NAMES",
+         "host names and IP addresses, comma-separated, that the throwaway certificate names besides "
+         "localhost, so devices on the LAN can trust it"},
+        {"threads", "N",
+         "event-loop threads, each serving any number of connections (default: one per core)"},
+        {"max-connections", "N", "connections open at once; more are closed as they come (default 10000)"},
+        {"cert", "FILE",
+         "the server's certificate, with --key; otherwise a throwaway authority in "
+         "./pelm-server-certificate/ "
+         "signs one, kept across restarts"},
+        {"key", "FILE", "the certificate's private key"},
+    };
+    return options;
+}
+
+int serverMain(const tools::Arguments& args, const std::vector<std::string>& words, const ServeStyle& style) {
+    if (args.error()) return say(style, *args.error(), 2);
+    if (const auto unknown = args.firstUnknown(serverOptions());
+        unknown && *unknown != "--help" && *unknown != "--version") {
+        return say(style, "unknown option " + *unknown + " (--help lists them)", 2);
+    }
+    const bool sessions = words.size() == 1 && words[0] == "sessions";
+    if (!words.empty() && !sessions)
+        return say(style, "unknown command " + words[0] + " (--help lists them)", 2);
+    try {
+        const auto options = readOptions(args, style);
+        if (sessions) return listSessions(options);
+        return serve(options, readSeed(args, style), style);
+    } catch (const UsageError& e) {
+        return say(style, e.message, 2);
+    } catch (const std::exception& e) {
+        return say(style, e.what(), 1);
+    }
+}
+
+}  // namespace pelm::server
