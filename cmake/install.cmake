@@ -2,12 +2,13 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 # Only the public headers (include/) are installed; what lies under src/ stays inside the library.
-install(TARGETS pelm EXPORT pelmTargets
+install(TARGETS pelm pelm_testing EXPORT pelmTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Development
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/pelm ${PROJECT_BINARY_DIR}/include/pelm
+  ${PROJECT_SOURCE_DIR}/testing/include/pelm
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.hpp")
 install(EXPORT pelmTargets NAMESPACE pelm:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pelm)
 

@@ -3,9 +3,9 @@
 // A platform of in-memory parts for the fuzzers: no thread, no file, no network, and a log that keeps
 // nothing, so a long run costs no memory.
 #include <pelm/platform/platform.hpp>
-#include <pelm/platform/sim/fixed_identity.hpp>
-#include <pelm/platform/sim/memory_key_value_store.hpp>
-#include <pelm/platform/sim/virtual_loop.hpp>
+#include <pelm/testing/fixed_identity.hpp>
+#include <pelm/testing/memory_key_value_store.hpp>
+#include <pelm/testing/virtual_loop.hpp>
 
 namespace pelm::fuzzing {
 

@@ -5,10 +5,10 @@
 #include <pelm/model/session.hpp>
 #include <pelm/model/session_log.hpp>
 #include <pelm/platform/platform.hpp>
-#include <pelm/platform/sim/captured_log_sink.hpp>
-#include <pelm/platform/sim/fixed_identity.hpp>
-#include <pelm/platform/sim/memory_key_value_store.hpp>
-#include <pelm/platform/sim/virtual_loop.hpp>
+#include <pelm/testing/captured_log_sink.hpp>
+#include <pelm/testing/fixed_identity.hpp>
+#include <pelm/testing/memory_key_value_store.hpp>
+#include <pelm/testing/virtual_loop.hpp>
 
 #include <cstdint>
 #include <cstdlib>

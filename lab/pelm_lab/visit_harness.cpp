@@ -11,8 +11,8 @@
 #include <pelm/platform/ble/ibeacon_advertisement.hpp>
 #include <pelm/platform/linux/curl_transport.hpp>
 #include <pelm/platform/platform.hpp>
-#include <pelm/platform/sim/fixed_identity.hpp>
-#include <pelm/platform/sim/memory_key_value_store.hpp>
+#include <pelm/testing/fixed_identity.hpp>
+#include <pelm/testing/memory_key_value_store.hpp>
 
 #include "pelm_lab/event_lines.hpp"
 #include "pelm_lab/refusal_watch.hpp"

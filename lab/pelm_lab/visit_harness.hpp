@@ -14,7 +14,7 @@
 #include <pelm/model/json_binding.hpp>
 #include <pelm/platform/ble/region_engine.hpp>
 #include <pelm/platform/platform.hpp>
-#include <pelm/platform/sim/virtual_loop.hpp>
+#include <pelm/testing/virtual_loop.hpp>
 
 namespace pelm::server {
 class PelmServer;

@@ -18,8 +18,8 @@
 #include <thread>
 
 #include <pelm/platform/platform.hpp>
-#include <pelm/platform/sim/captured_log_sink.hpp>
-#include <pelm/platform/sim/virtual_loop.hpp>
+#include <pelm/testing/captured_log_sink.hpp>
+#include <pelm/testing/virtual_loop.hpp>
 
 #include "support/temp_folder.hpp"
 

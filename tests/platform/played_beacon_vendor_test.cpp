@@ -2,7 +2,7 @@
 #include <pelm/platform/ble/recording_reader.hpp>
 #include <pelm/platform/linux/played_beacon_vendor.hpp>
 #include <pelm/platform/sim/simulated_store.hpp>
-#include <pelm/platform/sim/virtual_loop.hpp>
+#include <pelm/testing/virtual_loop.hpp>
 
 #include <gmock/gmock.h>
 

@@ -8,12 +8,12 @@
 
 #include <pelm/platform/linux/curl_transport.hpp>
 #include <pelm/platform/platform.hpp>
-#include <pelm/platform/sim/captured_log_sink.hpp>
-#include <pelm/platform/sim/fixed_identity.hpp>
-#include <pelm/platform/sim/memory_key_value_store.hpp>
-#include <pelm/platform/sim/scripted_beacon_vendor.hpp>
-#include <pelm/platform/sim/scripted_device_status.hpp>
-#include <pelm/platform/sim/virtual_loop.hpp>
+#include <pelm/testing/captured_log_sink.hpp>
+#include <pelm/testing/fixed_identity.hpp>
+#include <pelm/testing/memory_key_value_store.hpp>
+#include <pelm/testing/scripted_beacon_vendor.hpp>
+#include <pelm/testing/scripted_device_status.hpp>
+#include <pelm/testing/virtual_loop.hpp>
 
 namespace pelm::testing {
 

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include <pelm/platform/run_loop.hpp>
-#include <pelm/platform/sim/memory_key_value_store.hpp>
+#include <pelm/testing/memory_key_value_store.hpp>
 #include <pelm/sdk/pelm_constants.hpp>
 #include <pelm/status/pelm_device_status_manager.hpp>
 

@@ -1,4 +1,4 @@
-#include <pelm/platform/sim/virtual_loop.hpp>
+#include <pelm/testing/virtual_loop.hpp>
 
 namespace pelm::platform {
 

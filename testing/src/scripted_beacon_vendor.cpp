@@ -1,4 +1,4 @@
-#include <pelm/platform/sim/scripted_beacon_vendor.hpp>
+#include <pelm/testing/scripted_beacon_vendor.hpp>
 
 #include <cstdio>
 
