@@ -25,9 +25,10 @@ inline constexpr int kVersion = 1;
 
 /// A beacon as the library matches it: the proximity UUID and the decimal major and minor, exact texts.
 struct BeaconIdentity {
-    std::string uuid;
-    std::string major;
-    std::string minor;
+    std::string uuid;   ///< Proximity UUID, upper case, 36 characters.
+    std::string major;  ///< Decimal text, as matched.
+    std::string minor;  ///< Decimal text, as matched.
+    /// Same texts, same beacon.
     friend bool operator==(const BeaconIdentity&, const BeaconIdentity&) = default;
 };
 
@@ -38,90 +39,93 @@ enum class Proximity { Unknown, Immediate, Near, Far };
 /// The store's region (every beacon of the app's UUID) was entered. `alreadyInside` when the platform found
 /// the phone inside when asked, rather than seeing it come in.
 struct MainRegionEntered {
-    std::string uuid;
-    bool alreadyInside = false;
+    std::string uuid;            ///< The app's proximity UUID.
+    bool alreadyInside = false;  ///< Found inside when asked, not seen coming in.
 };
 
 /// The store's region was left: the visit is over and its upload starts.
 struct MainRegionLeft {
-    std::string uuid;
+    std::string uuid;  ///< The app's proximity UUID.
 };
 
 /// One beacon heard during ranging.
 struct RangedBeacon {
-    BeaconIdentity beacon;
+    BeaconIdentity beacon;  ///< Which beacon.
     /// dBm
     int rssi = 0;
     /// Estimated distance in metres; negative when unknown.
     double accuracy = -1;
-    Proximity proximity = Proximity::Unknown;
+    Proximity proximity = Proximity::Unknown;  ///< From `accuracy`.
 };
 
 /// One round of ranging inside the store: every beacon of the app's UUID heard in it.
 struct BeaconsRanged {
-    std::vector<RangedBeacon> beacons;
+    std::vector<RangedBeacon> beacons;  ///< As the platform reported them.
 };
 
 /// One beacon's own region was entered; its log line opens. `alreadyInside` as for the store's region.
 struct SubRegionEntered {
-    BeaconIdentity beacon;
-    bool alreadyInside = false;
+    BeaconIdentity beacon;       ///< The beacon whose region it is.
+    bool alreadyInside = false;  ///< Found inside when asked, not seen coming in.
 };
 
 /// One beacon's own region was left; its log line closes.
 struct SubRegionLeft {
-    BeaconIdentity beacon;
+    BeaconIdentity beacon;  ///< The beacon whose region it is.
 };
 
 /// Content the server assigned to a beacon, handed to the host app.
 struct ContentHandedOn {
-    BeaconIdentity beacon;
-    Content::DisplayType displayType = Content::DisplayType::entry;
-    std::shared_ptr<const Content> content;
+    BeaconIdentity beacon;                                           ///< The beacon it belongs to.
+    Content::DisplayType displayType = Content::DisplayType::entry;  ///< Entry or exit content.
+    std::shared_ptr<const Content> content;                          ///< As the delegate receives it.
 };
 
 /// A beacon's content of one display type held back, because the same was handed on within its cool-down.
 struct ContentHeldBack {
-    BeaconIdentity beacon;
-    Content::DisplayType displayType = Content::DisplayType::entry;
+    BeaconIdentity beacon;                                           ///< The beacon it belongs to.
+    Content::DisplayType displayType = Content::DisplayType::entry;  ///< Entry or exit content.
     /// When it may be handed on again.
     Date until;
 };
 
 /// A finished visit sent to the server, and whether the server stored it.
 struct VisitUploaded {
-    Session session;
+    Session session;  ///< The visit record, as sent.
     /// The beacon the visit is filed under: the first one whose line closed.
     BeaconIdentity beacon;
     /// One line per beacon visited, as sent.
     std::vector<SessionLog> lines;
-    bool stored = false;
+    bool stored = false;  ///< Whether the server answered that it stored the visit.
 };
 
 /// The beacon devices nearby, strongest first, as the beacon manager's delegate receives them.
 struct NearbyDevices {
-    std::vector<DiscoveredBeacon> devices;
+    std::vector<DiscoveredBeacon> devices;  ///< Strongest first.
 };
 
-/// What the device status manager's delegate was told.
+/// The device status manager's delegate was told whether Bluetooth is on.
 struct BluetoothChanged {
-    BluetoothStatus status = BluetoothStatus::Unknown;
+    BluetoothStatus status = BluetoothStatus::Unknown;  ///< As told.
 };
+/// The device status manager's delegate was told whether location use is allowed.
 struct LocationChanged {
-    LocationStatus status = LocationStatus::Unknown;
+    LocationStatus status = LocationStatus::Unknown;  ///< As told.
 };
+/// The device status manager's delegate was told whether the server's host can be reached.
 struct ReachabilityChanged {
-    ReachableStatus status = ReachableStatus::Unknown;
+    ReachableStatus status = ReachableStatus::Unknown;  ///< As told.
 };
 
+/// Any one event.
 using VisitEventData = std::variant<MainRegionEntered, MainRegionLeft, BeaconsRanged, SubRegionEntered,
                                     SubRegionLeft, ContentHandedOn, ContentHeldBack, VisitUploaded,
                                     NearbyDevices, BluetoothChanged, LocationChanged, ReachabilityChanged>;
 
 /// One event and the main queue's clock when it happened.
 struct VisitEvent {
-    Date at;
-    VisitEventData data;
+    Date at;              ///< The main queue's clock when it happened.
+    VisitEventData data;  ///< What happened.
 };
 
 /// Receives every event, on the main queue, in the order they happened. An event reaches the listener
@@ -129,6 +133,7 @@ struct VisitEvent {
 class PELM_EXPORT VisitEventListener {
   public:
     virtual ~VisitEventListener();
+    /// One event; called on the main queue.
     virtual void onVisitEvent(const VisitEvent& event) = 0;
 };
 
