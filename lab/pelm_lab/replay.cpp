@@ -187,8 +187,12 @@ bool sleepUnlessStopped(std::chrono::duration<double, std::milli> wait,
 }
 
 std::string withThousands(std::uint64_t count) {
-    auto text = std::to_string(count);
-    for (auto at = text.size(); at > 3; at -= 3) text.insert(at - 3, ",");
+    const auto digits = std::to_string(count);
+    std::string text;
+    for (std::size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && (digits.size() - i) % 3 == 0) text.push_back(',');
+        text.push_back(digits[i]);
+    }
     return text;
 }
 
@@ -214,20 +218,24 @@ std::string ScannerList::names() const {
     for (const auto& scanner : scanners) {
         if (!scanner.name.empty()) text += (text.empty() ? "" : ", ") + scanner.name;
     }
-    if (more > 0) text += " and " + std::to_string(more) + " more";
+    if (otherAdvertisements > 0) {
+        text.append(" and more (")
+            .append(withThousands(otherAdvertisements))
+            .append(" advertisements from others)");
+    }
     return text;
 }
 
 ScannerList listScanners(const std::filesystem::path& recording) {
     std::map<std::string, ScannerSummary> byName;
-    std::set<std::string> beyond;
+    std::uint64_t others = 0;
     auto reader = platform::RecordingReader::open(recording);
     while (auto heard = reader->next()) {
         auto found = byName.find(heard->receiver);
         if (found == byName.end()) {
             // A file that names a new receiver on every line is not a set of rooms: the rest are counted.
             if (byName.size() >= kMostScanners) {
-                if (beyond.size() < kMostScanners) beyond.insert(heard->receiver);
+                ++others;
                 continue;
             }
             ScannerSummary added;
@@ -244,7 +252,7 @@ ScannerList listScanners(const std::filesystem::path& recording) {
     }
     ScannerList list;
     for (auto& [name, scanner] : byName) list.scanners.push_back(std::move(scanner));
-    list.more = beyond.size();
+    list.otherAdvertisements = others;
     return list;
 }
 

@@ -56,10 +56,11 @@ struct ScannerSummary {
     std::string line() const;
 };
 
-/// Every receiver the recording names, by name; at most kMostScanners, the rest counted in `more`.
+/// Every receiver the recording names, by name: the first kMostScanners named, and how many advertisements
+/// came from receivers beyond them.
 struct ScannerList {
     std::vector<ScannerSummary> scanners;
-    std::uint64_t more = 0;
+    std::uint64_t otherAdvertisements = 0;
     /// "A, B, C"
     std::string names() const;
 };

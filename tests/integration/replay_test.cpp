@@ -143,6 +143,27 @@ TEST(Replay, FourRoomsAreListedNamedInTheReportWithTheirVisitsAndATypoListsThem)
               "no scanner named Room2O1 in it; its scanners: Room201, Room202, Room203, Room204");
 }
 
+TEST(Replay, AFileNamingManyReceiversListsABoundedFewAndCountsTheRest) {
+    const testing::TempFolder folder("pelm-replay-scanners");
+    const auto file = folder.path() / "many.jsonl";
+    {
+        std::ofstream out(file);
+        for (int i = 0; i < 1000; ++i) {
+            platform::HeardAdvertisement heard;
+            heard.at = Date{std::chrono::milliseconds(1'680'000'000'000 + i)};
+            heard.address = "a";
+            heard.data = {0x02, 0x01, 0x06};
+            heard.receiver = "scanner-" + std::to_string(i % 600);
+            out << platform::traceLine(heard) << "\n";
+        }
+    }
+    const auto list = listScanners(file);
+    EXPECT_EQ(list.scanners.size(), kMostScanners);
+    // scanner-256 to scanner-599: 344 lines in the first 600, 144 in the last 400.
+    EXPECT_EQ(list.otherAdvertisements, 488u);
+    EXPECT_THAT(list.names(), ::testing::EndsWith(" and more (488 advertisements from others)"));
+}
+
 TEST(Replay, TimesThatJumpCostNothingAndAreNamed) {
     const testing::TempFolder folder("pelm-replay-gap");
     const auto file = folder.path() / "gap.jsonl";

@@ -45,7 +45,10 @@ int listScannersOf(const ReplayOptions& options) {
     std::printf("%s: %zu scanner%s\n", options.recording.c_str(), list.scanners.size(),
                 list.scanners.size() == 1 ? "" : "s");
     for (const auto& scanner : list.scanners) std::printf("  %s\n", scanner.line().c_str());
-    if (list.more > 0) std::printf("  and %llu more\n", static_cast<unsigned long long>(list.more));
+    if (list.otherAdvertisements > 0) {
+        std::printf("  and more: %llu advertisements from receivers beyond the first %zu\n",
+                    static_cast<unsigned long long>(list.otherAdvertisements), kMostScanners);
+    }
     return 0;
 }
 

@@ -100,8 +100,10 @@ int statusCommand(const Arguments& args) {
         watchUntilStopped();
         return 0;
     }
+    // The answers come within milliseconds on an idle machine; a loaded one (a build beside it) may take
+    // seconds to schedule the watchers' threads, and a missing answer would read as "no route".
     runUntil([&] { return (printer->reachability || !host) && printer->bluetoothKnown; },
-             std::chrono::seconds(3));
+             std::chrono::seconds(10));
     return printer->reachability == ReachableStatus::Reachable ? 0 : kExitUnreachable;
 }
 
