@@ -13,8 +13,8 @@
 #include <pelm/platform/sim/simulated_store.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
-#include "pelm_server/demo_seed.hpp"
 #include "pelm_lab/simulation.hpp"
+#include "pelm_server/demo_seed.hpp"
 #include "support/test_platform.hpp"
 
 namespace {

@@ -18,12 +18,12 @@
 #include <pelm/model/json_date_transform.hpp>
 #include <pelm/model/session.hpp>
 #include <pelm/model/session_log.hpp>
+#include <pelm/pelm_sdk.hpp>
 #include <pelm/platform/linux/linux_platform.hpp>
 #include <pelm/platform/platform.hpp>
 #include <pelm/platform/platform_states.hpp>
 #include <pelm/platform/run_loop.hpp>
 #include <pelm/sdk/pelm_constants.hpp>
-#include <pelm/pelm_sdk.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 #include <pelm/session/pelm_session_manager.hpp>
 #include <pelm/status/pelm_device_status_manager.hpp>

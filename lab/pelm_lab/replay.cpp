@@ -12,6 +12,7 @@
 #include <pelm/platform/ble/ibeacon_advertisement.hpp>
 #include <pelm/platform/ble/recording_reader.hpp>
 
+#include "pelm_lab/timeline_output.hpp"
 #include "pelm_server/demo_seed.hpp"
 
 namespace pelm::lab {
@@ -162,14 +163,6 @@ JSON seedFor(const std::string& uuid, const std::set<Identity>& identities) {
         }
     }
     return seed;
-}
-
-std::string clockText(std::chrono::milliseconds span) {
-    char text[32];
-    const auto total = span.count();
-    std::snprintf(text, sizeof text, "%02lld:%02lld.%lld", static_cast<long long>(total / 60000),
-                  static_cast<long long>(total / 1000 % 60), static_cast<long long>(total / 100 % 10));
-    return text;
 }
 
 // Sleeps in short slices, so a stop asked for during a long wait is taken at once; false when it was.

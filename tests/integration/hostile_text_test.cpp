@@ -2,9 +2,9 @@
 // nothing throws, every call completes exactly once, and a refusal says so in one line.
 #include <pelm/api/pelm_api_client.hpp>
 #include <pelm/model/json_text.hpp>
+#include <pelm/pelm_sdk.hpp>
 #include <pelm/platform/proximity_uuid.hpp>
 #include <pelm/sdk/log.hpp>
-#include <pelm/pelm_sdk.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
 #include <gmock/gmock.h>

@@ -8,8 +8,8 @@
 #include <pelm/platform/ble/ibeacon_advertisement.hpp>
 #include <pelm/platform/ble/recording_reader.hpp>
 
-#include "support/fake_bluez.hpp"
 #include "pelm_lab/trace_recorder.hpp"
+#include "support/fake_bluez.hpp"
 
 namespace pelm::lab {
 namespace {

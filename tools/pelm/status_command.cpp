@@ -6,9 +6,9 @@
 #include <thread>
 
 #include <pelm/platform/run_loop.hpp>
-#include <pelm/testing/memory_key_value_store.hpp>
 #include <pelm/sdk/pelm_constants.hpp>
 #include <pelm/status/pelm_device_status_manager.hpp>
+#include <pelm/testing/memory_key_value_store.hpp>
 
 #include "cli.hpp"
 #include "pelm_server/stop_signals.hpp"
