@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libsimdjson-dev
   nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev
   libboost-dev libpq-dev postgresql
   libsdbus-c++-dev libsystemd-dev dbus-daemon libglib2.0-dev doxygen

@@ -1,6 +1,7 @@
 #include "pelm_lab/replay.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <ctime>
 #include <map>
@@ -20,33 +21,56 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct Identity {
-    std::string uuid;
-    std::uint16_t major = 0, minor = 0;
-    auto operator<=>(const Identity&) const = default;
-};
-
-// How many different texts went by, in 16 bytes a text at most: their 64-bit hashes, sorted and made
-// unique whenever the list has doubled. Two addresses of a million share a hash once in 10^7 recordings.
+// How many different texts went by, in 16 bytes a text at most: their 64-bit hashes in a table of open
+// addressing kept at most half full. Two addresses of a million share a hash once in 10^7 recordings. Each
+// hash goes into the table one text later, after its slot was fetched into the cache while the reader
+// worked: among many devices the table is too large for the cache, and the wait would be most of the work.
 class DistinctCount {
   public:
     void add(std::string_view text) {
-        hashes_.push_back(std::hash<std::string_view>{}(text));
-        if (hashes_.size() >= 2 * std::max<std::size_t>(unique_, 4096)) compact();
+        insertPending();
+        // 0 marks a free slot, so every hash is made odd.
+        pending_ = std::hash<std::string_view>{}(text) | 1;
+        __builtin_prefetch(&slots_[pending_ & (slots_.size() - 1)]);
     }
-    std::uint64_t count() {
-        compact();
-        return unique_;
-    }
+    std::uint64_t count() const { return count_ + (pending_ != 0 && !contains(pending_)); }
 
   private:
-    void compact() {
-        std::sort(hashes_.begin(), hashes_.end());
-        hashes_.erase(std::unique(hashes_.begin(), hashes_.end()), hashes_.end());
-        unique_ = hashes_.size();
+    void insertPending() {
+        if (pending_ == 0) return;
+        if (2 * (count_ + 1) > slots_.size()) grow();
+        insert(pending_);
+        pending_ = 0;
     }
-    std::vector<std::size_t> hashes_;
-    std::size_t unique_ = 0;
+    bool contains(std::uint64_t hash) const {
+        const auto mask = slots_.size() - 1;
+        for (auto at = hash & mask;; at = (at + 1) & mask) {
+            if (slots_[at] == hash) return true;
+            if (slots_[at] == 0) return false;
+        }
+    }
+    void insert(std::uint64_t hash) {
+        const auto mask = slots_.size() - 1;
+        for (auto at = hash & mask;; at = (at + 1) & mask) {
+            if (slots_[at] == hash) return;
+            if (slots_[at] == 0) {
+                slots_[at] = hash;
+                ++count_;
+                return;
+            }
+        }
+    }
+    void grow() {
+        auto old = std::move(slots_);
+        slots_.assign(old.size() * 2, 0);
+        count_ = 0;
+        for (const auto hash : old) {
+            if (hash != 0) insert(hash);
+        }
+    }
+    std::vector<std::uint64_t> slots_ = std::vector<std::uint64_t>(1024);
+    std::uint64_t count_ = 0;
+    std::uint64_t pending_ = 0;
 };
 
 // The middle of the recording's times, from an evenly thinned sample of at most 64 Ki times.
@@ -60,10 +84,11 @@ class MedianTime {
         sample_.resize(sample_.size() / 2);
         stride_ *= 2;
     }
-    Date median() {
+    Date median() const {
         if (sample_.empty()) return {};
-        const auto middle = sample_.begin() + static_cast<std::ptrdiff_t>(sample_.size() / 2);
-        std::nth_element(sample_.begin(), middle, sample_.end());
+        auto sorted = sample_;
+        const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
+        std::nth_element(sorted.begin(), middle, sorted.end());
         return *middle;
     }
 
@@ -77,11 +102,11 @@ class MedianTime {
 // the file. Counted with the first one's place, for one warning line each.
 struct OddTimes {
     std::uint64_t count = 0;
-    std::string first;
+    std::uint64_t firstPlace = 0;
     Date firstAt{};
-    void add(Date at, const platform::RecordingReader& reader) {
+    void add(Date at, std::uint64_t place) {
         if (count++ == 0) {
-            first = reader.where();
+            firstPlace = place;
             firstAt = at;
         }
     }
@@ -89,39 +114,145 @@ struct OddTimes {
 
 constexpr Date kYear2000{std::chrono::seconds(946684800)};
 
-// One pass: counts, and the identities heard (few, whatever the file's size).
-RecordingSummary summarise(const ReplayOptions& options, std::set<Identity>& identities, OddTimes& early) {
-    RecordingSummary summary;
-    auto reader = platform::RecordingReader::open(options.recording);
-    summary.format = reader->format();
-    DistinctCount devices;
-    MedianTime middle;
-    std::map<std::string, std::uint64_t> uuids;
-    while (auto heard = reader->next()) {
-        if (options.scanner && heard->receiver != *options.scanner) continue;
-        if (summary.advertisements++ == 0) summary.first = heard->at;
-        summary.last = heard->at;
-        middle.add(heard->at);
-        if (heard->at < kYear2000) early.add(heard->at, *reader);
-        devices.add(heard->address);
-        if (const auto frame = platform::parseIBeacon(heard->data)) {
-            ++summary.beaconAdvertisements;
-            const auto uuid = frame->proximityUUID.uuidString();
-            ++uuids[uuid];
-            identities.insert({uuid, frame->major, frame->minor});
+// The app's UUID is the one heard most often among the first advertisements: this many are read ahead, then
+// played.
+constexpr std::size_t kLookAhead = 1 << 16;
+
+using UUIDBytes = std::array<std::uint8_t, 16>;
+
+// A beacon under the app's UUID, by major and minor.
+using BeaconNumbers = std::pair<std::uint16_t, std::uint16_t>;
+
+// One advertisement read, with its iBeacon frame and where it stood in the file.
+struct ReadAdvertisement {
+    platform::HeardAdvertisement heard;
+    std::optional<platform::IBeaconFrame> frame;
+    std::uint64_t place = 0;
+};
+
+// The receivers named besides the one asked for, for the answer to a --scanner that heard nothing.
+class OtherReceivers {
+  public:
+    void add(const std::string& receiver) {
+        if (receiver == last_) {
+            if (!lastKept_) ++others_;
+            return;
+        }
+        last_ = receiver;
+        lastKept_ = names_.size() < kMostScanners || names_.contains(receiver);
+        if (lastKept_)
+            names_.insert(receiver);
+        else
+            ++others_;
+    }
+    ScannerList list() const {
+        ScannerList list;
+        for (const auto& name : names_) list.scanners.push_back({name, 0, {}, {}, {}});
+        list.otherAdvertisements = others_;
+        return list;
+    }
+
+  private:
+    std::set<std::string> names_;
+    std::uint64_t others_ = 0;
+    std::string last_;
+    bool lastKept_ = true;
+};
+
+// Reads a recording once, from start to end: it hands out the advertisements of the receiver asked for,
+// each with its iBeacon frame parsed, and sums up everything it read on the way.
+class RecordingPass {
+  public:
+    explicit RecordingPass(const ReplayOptions& options)
+        : scanner_(options.scanner), reader_(platform::RecordingReader::open(options.recording)) {
+        summary_.format = reader_->format();
+    }
+
+    /// The next advertisement of the receiver asked for into `read`; false at the end.
+    bool next(ReadAdvertisement& read) {
+        while (reader_->next(read.heard)) {
+            if (scanner_ && read.heard.receiver != *scanner_) {
+                others_.add(read.heard.receiver);
+                continue;
+            }
+            read.place = reader_->place();
+            read.frame = platform::parseIBeacon(read.heard.data);
+            count(read);
+            return true;
+        }
+        return false;
+    }
+
+    /// Everything read so far.
+    RecordingSummary summary() const {
+        auto summary = summary_;
+        summary.devices = devices_.count();
+        summary.median = middle_.median();
+        summary.warning = reader_->warning();
+        std::uint64_t most = 0;
+        for (const auto& [uuid, count] : uuids_) {
+            if (count > most) {
+                most = count;
+                summary.mostHeardUuid = platform::ProximityUUID{uuid}.uuidString();
+            }
+        }
+        return summary;
+    }
+    const OddTimes& early() const { return early_; }
+    std::string placeText(std::uint64_t place) const { return reader_->placeText(place); }
+    ScannerList otherReceivers() const { return others_.list(); }
+
+  private:
+    void count(const ReadAdvertisement& read) {
+        const auto at = read.heard.at;
+        if (summary_.advertisements++ == 0) summary_.first = at;
+        summary_.last = at;
+        middle_.add(at);
+        if (at < kYear2000) early_.add(at, read.place);
+        devices_.add(read.heard.address);
+        if (read.frame) {
+            ++summary_.beaconAdvertisements;
+            ++uuids_[read.frame->proximityUUID.bytes];
         }
     }
-    summary.devices = devices.count();
-    summary.median = middle.median();
-    summary.warning = reader->warning();
-    std::uint64_t most = 0;
-    for (const auto& [uuid, count] : uuids) {
-        if (count > most) {
-            most = count;
-            summary.mostHeardUuid = uuid;
+
+    std::optional<std::string> scanner_;
+    std::unique_ptr<platform::RecordingReader> reader_;
+    RecordingSummary summary_;
+    DistinctCount devices_;
+    MedianTime middle_;
+    OddTimes early_;
+    std::map<UUIDBytes, std::uint64_t> uuids_;
+    OtherReceivers others_;
+};
+
+// Reads ahead kLookAhead advertisements, or on to the first iBeacon, keeping the iBeacons. The radio's other
+// traffic is counted and let go: it is never beacon hardware, so the engine makes nothing of it, and a
+// crowd of phones costs no memory.
+std::vector<ReadAdvertisement> lookAhead(RecordingPass& pass) {
+    std::vector<ReadAdvertisement> ahead;
+    ReadAdvertisement read;
+    for (std::size_t count = 0; (count < kLookAhead || ahead.empty()) && pass.next(read); ++count) {
+        if (read.frame) ahead.push_back(read);
+    }
+    return ahead;
+}
+
+// The UUID heard most often ahead; of those heard equally often, the first in order of their text.
+std::optional<std::string> mostHeardUuid(const std::vector<ReadAdvertisement>& ahead) {
+    std::map<UUIDBytes, std::uint64_t> counts;
+    for (const auto& read : ahead) {
+        if (read.frame) ++counts[read.frame->proximityUUID.bytes];
+    }
+    std::optional<std::string> most;
+    std::uint64_t best = 0;
+    for (const auto& [uuid, count] : counts) {
+        if (count > best) {
+            best = count;
+            most = platform::ProximityUUID{uuid}.uuidString();
         }
     }
-    return summary;
+    return most;
 }
 
 std::string dateText(Date at) {
@@ -134,36 +265,71 @@ std::string dateText(Date at) {
     return text;
 }
 
-std::string oddTimesWarning(const OddTimes& odd, const std::string& what) {
+std::string oddTimesWarning(const OddTimes& odd, const RecordingPass& pass, const std::string& what) {
     return std::to_string(odd.count) + (odd.count == 1 ? " advertisement is" : " advertisements are") +
-           " dated " + what + ", the first at " + odd.first + " (" + dateText(odd.firstAt) +
-           "); the clock passes over such gaps in no time";
+           " dated " + what + ", the first at " + pass.placeText(odd.firstPlace) + " (" +
+           dateText(odd.firstAt) + "); the clock passes over such gaps in no time";
 }
 
-// The demo app, watching `uuid`, with an entry and an exit content for every beacon of it that was heard.
-JSON seedFor(const std::string& uuid, const std::set<Identity>& identities) {
+// The demo app, watching `uuid`, with an entry and an exit content for each of `beacons`, numbered on from
+// `firstId`.
+JSON seedFor(const std::string& uuid, const std::vector<BeaconNumbers>& beacons, std::int64_t firstId) {
     auto seed = *parseJSONText(server::demoSeedText());
     seed["apps"][0]["app_config"]["default_beacon_uuid"] = uuid;
     seed["contents"] = JSON::array();
-    std::int64_t id = 1000;
-    for (const auto& beacon : identities) {
-        if (beacon.uuid != uuid) continue;
-        const auto name = std::to_string(beacon.major) + "/" + std::to_string(beacon.minor);
+    std::int64_t id = firstId;
+    for (const auto& [major, minor] : beacons) {
+        const auto name = std::to_string(major) + "/" + std::to_string(minor);
         for (const char* type : {"entry", "exit"}) {
             const bool entry = std::string(type) == "entry";
-            seed["contents"].push_back(
-                {{"app_token", "demo-token"},
-                 {"display_type", type},
-                 {"beacon", {{"uuid", uuid}, {"major", beacon.major}, {"minor", beacon.minor}}},
-                 {"content",
-                  {{"id", id++},
-                   {"display_type", type},
-                   {"cool_down_time", 600},
-                   {"text_record", {{"name", (entry ? "Near " : "Left ") + name}}}}}});
+            seed["contents"].push_back({{"app_token", "demo-token"},
+                                        {"display_type", type},
+                                        {"beacon", {{"uuid", uuid}, {"major", major}, {"minor", minor}}},
+                                        {"content",
+                                         {{"id", id++},
+                                          {"display_type", type},
+                                          {"cool_down_time", 600},
+                                          {"text_record", {{"name", (entry ? "Near " : "Left ") + name}}}}}});
         }
     }
     return seed;
 }
+
+// The embedded server's contents: an entry and an exit content for every beacon of the app's UUID, added as
+// each is first heard, before the library can ask for it. Those heard ahead come first, in order.
+class BeaconContents {
+  public:
+    BeaconContents(std::string uuid, const std::vector<ReadAdvertisement>& ahead) : uuid_(std::move(uuid)) {
+        if (const auto parsed = platform::ProximityUUID::parse(uuid_)) bytes_ = parsed->bytes;
+        for (const auto& read : ahead) note(read);
+        std::sort(pending_.begin(), pending_.end());
+    }
+    /// The seed of the embedded server, with the contents of every beacon noted so far.
+    JSON seed() { return take(); }
+    /// Notes the beacon of an advertisement, if it is a new one of the app's UUID.
+    void note(const ReadAdvertisement& read) {
+        if (!read.frame || read.frame->proximityUUID.bytes != bytes_) return;
+        const BeaconNumbers numbers{read.frame->major, read.frame->minor};
+        if (known_.insert(numbers).second) pending_.push_back(numbers);
+    }
+    /// Hands the contents of the beacons noted since the last time to the harness's server.
+    void addTo(VisitHarness& harness) {
+        if (!pending_.empty()) harness.addContents(take());
+    }
+
+  private:
+    JSON take() {
+        auto seed = seedFor(uuid_, pending_, nextId_);
+        nextId_ += 2 * static_cast<std::int64_t>(pending_.size());
+        pending_.clear();
+        return seed;
+    }
+    std::string uuid_;
+    UUIDBytes bytes_{};
+    std::set<BeaconNumbers> known_;
+    std::vector<BeaconNumbers> pending_;
+    std::int64_t nextId_ = 1000;
+};
 
 // Sleeps in short slices, so a stop asked for during a long wait is taken at once; false when it was.
 bool sleepUnlessStopped(std::chrono::duration<double, std::milli> wait,
@@ -220,11 +386,12 @@ std::string ScannerList::names() const {
 }
 
 ScannerList listScanners(const std::filesystem::path& recording) {
-    std::map<std::string, ScannerSummary> byName;
+    std::map<std::string, ScannerSummary, std::less<>> byName;
     std::uint64_t others = 0;
     auto reader = platform::RecordingReader::open(recording);
-    while (auto heard = reader->next()) {
-        auto found = byName.find(heard->receiver);
+    platform::HeardAdvertisement heard;
+    while (reader->next(heard)) {
+        auto found = byName.find(heard.receiver);
         if (found == byName.end()) {
             // A file that names a new receiver on every line is not a set of rooms: the rest are counted.
             if (byName.size() >= kMostScanners) {
@@ -232,15 +399,15 @@ ScannerList listScanners(const std::filesystem::path& recording) {
                 continue;
             }
             ScannerSummary added;
-            added.name = heard->receiver;
-            added.first = added.last = heard->at;
-            found = byName.emplace(heard->receiver, std::move(added)).first;
+            added.name = heard.receiver;
+            added.first = added.last = heard.at;
+            found = byName.emplace(heard.receiver, std::move(added)).first;
         }
         auto& scanner = found->second;
         ++scanner.advertisements;
-        scanner.first = std::min(scanner.first, heard->at);
-        scanner.last = std::max(scanner.last, heard->at);
-        if (const auto frame = platform::parseIBeacon(heard->data))
+        scanner.first = std::min(scanner.first, heard.at);
+        scanner.last = std::max(scanner.last, heard.at);
+        if (const auto frame = platform::parseIBeacon(heard.data))
             scanner.beacons.insert({frame->major, frame->minor});
     }
     ScannerList list;
@@ -249,70 +416,114 @@ ScannerList listScanners(const std::filesystem::path& recording) {
     return list;
 }
 
-namespace {
-
-// A --scanner that heard nothing: the names there are, so that a typo is plain.
-std::string noSuchScanner(const ReplayOptions& options) {
-    const auto names = listScanners(options.recording).names();
-    return "no scanner named " + *options.scanner + " in it; " +
-           (names.empty() ? "its advertisements name no scanner" : "its scanners: " + names);
-}
-
-}  // namespace
-
 std::string RecordingSummary::line() const {
     return std::to_string(advertisements) + " advertisements (" + std::to_string(beaconAdvertisements) +
            " iBeacon) from " + std::to_string(devices) + " devices over " +
            clockText(std::chrono::duration_cast<std::chrono::milliseconds>(last - first)) + " of recording";
 }
 
+namespace {
+
+// Plays the advertisements, those read ahead first, through the harness on the recording's own clock.
+class Player {
+  public:
+    Player(const ReplayOptions& options, RecordingPass& pass, VisitHarness& harness, BeaconContents& contents,
+           Date lateFrom)
+        : options_(options), pass_(pass), harness_(harness), contents_(contents), lateFrom_(lateFrom) {}
+
+    /// Plays everything, or up to a stop asked for; false when stopped.
+    bool play(const std::vector<ReadAdvertisement>& ahead) {
+        for (const auto& read : ahead) {
+            if (!play(read)) return false;
+        }
+        ReadAdvertisement read;
+        while (pass_.next(read)) {
+            if (!play(read)) return false;
+        }
+        return true;
+    }
+    const OddTimes& late() const { return late_; }
+
+  private:
+    bool play(const ReadAdvertisement& read) {
+        const auto at = read.heard.at;
+        if (at > lateFrom_) late_.add(at, read.place);
+        auto& loop = harness_.loop();
+        const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(at - loop.now());
+        if (wait.count() > 0) {
+            if (options_.speed > 0 && !sleepUnlessStopped(wait / options_.speed, options_.stopRequested))
+                return false;
+            loop.advance(wait);
+        }
+        if (options_.stopRequested && options_.stopRequested()) return false;
+        contents_.note(read);
+        contents_.addTo(harness_);
+        harness_.hear(read.heard, read.frame);
+        loop.runUntilIdle();
+        return true;
+    }
+
+    const ReplayOptions& options_;
+    RecordingPass& pass_;
+    VisitHarness& harness_;
+    BeaconContents& contents_;
+    Date lateFrom_;
+    OddTimes late_;
+};
+
+// Why a recording that gave nothing to play cannot be replayed.
+std::string nothingToPlay(const ReplayOptions& options, const RecordingPass& pass, std::uint64_t read) {
+    if (read > 0) return "no iBeacon in it; give the app's UUID with --uuid";
+    if (!options.scanner) return "no advertisement in it";
+    // A --scanner that heard nothing: the names there are, so that a typo is plain.
+    const auto names = pass.otherReceivers().names();
+    return "no scanner named " + *options.scanner + " in it; " +
+           (names.empty() ? "its advertisements name no scanner" : "its scanners: " + names);
+}
+
+}  // namespace
+
+// One pass over the file: the first advertisements are read ahead to choose the app's UUID and the
+// server's contents, then played, then the rest is played as it is read.
 ReplayResult runReplay(const ReplayOptions& options,
                        const std::function<void(const TimelineEvent&)>& onEvent) {
     ReplayResult result;
-    std::set<Identity> identities;
-    OddTimes early, late;
-    result.summary = summarise(options, identities, early);
-    if (early.count > 0) result.timeWarnings.push_back(oddTimesWarning(early, "before 2000"));
-    if (result.summary.advertisements == 0) {
-        result.failure = options.scanner ? noSuchScanner(options) : "no advertisement in it";
-        return result;
-    }
-    const auto uuid = options.uuid ? options.uuid : result.summary.mostHeardUuid;
-    if (!uuid) {
-        result.failure = "no iBeacon in it; give the app's UUID with --uuid";
+    RecordingPass pass(options);
+    const auto ahead = lookAhead(pass);
+    const auto summarise = [&] {
+        result.summary = pass.summary();
+        if (pass.early().count > 0)
+            result.timeWarnings.insert(result.timeWarnings.begin(),
+                                       oddTimesWarning(pass.early(), pass, "before 2000"));
+    };
+    const auto read = pass.summary().advertisements;
+    const auto uuid = options.uuid ? options.uuid : mostHeardUuid(ahead);
+    if (read == 0 || !uuid) {
+        summarise();
+        result.failure = nothingToPlay(options, pass, read);
         return result;
     }
     result.uuid = *uuid;
-    result.start = std::chrono::floor<std::chrono::seconds>(result.summary.first) - 1s;
-    ServerChoice server{options.host, options.token, options.caFile, seedFor(*uuid, identities)};
+    // The clock starts a second before the first advertisement, whether it was read ahead or let go.
+    const auto before = pass.summary();
+    result.start = std::chrono::floor<std::chrono::seconds>(before.first) - 1s;
+    BeaconContents contents(*uuid, ahead);
+    ServerChoice server{options.host, options.token, options.caFile, contents.seed()};
     VisitHarness harness(server, result.start, onEvent);
     result.failure = harness.failure();
     if (result.failure.empty()) {
-        auto reader = platform::RecordingReader::open(options.recording);
-        const auto lateFrom = result.summary.median + std::chrono::hours(24);
-        while (auto heard = reader->next()) {
-            if (options.scanner && heard->receiver != *options.scanner) continue;
-            if (heard->at > lateFrom) late.add(heard->at, *reader);
-            const auto wait =
-                std::chrono::duration_cast<std::chrono::milliseconds>(heard->at - harness.loop().now());
-            if (wait.count() > 0) {
-                if (options.speed > 0 && !sleepUnlessStopped(wait / options.speed, options.stopRequested))
-                    break;
-                harness.loop().advance(wait);
-            }
-            if (options.stopRequested && options.stopRequested()) break;
-            harness.hear(*heard);
-            harness.loop().runUntilIdle();
-        }
-        result.interrupted = options.stopRequested && options.stopRequested();
+        // A day past the middle of what was read ahead is a time no walk has.
+        Player player(options, pass, harness, contents, before.median + std::chrono::hours(24));
+        result.interrupted = !player.play(ahead);
         // The end of a recording is radio silence: regions are left, the visit goes up.
         if (!result.interrupted) harness.loop().advance(45s);
-        if (late.count > 0)
-            result.timeWarnings.push_back(
-                oddTimesWarning(late, "more than a day after the recording's median time (" +
-                                          dateText(result.summary.median) + ")"));
+        if (player.late().count > 0)
+            result.timeWarnings.push_back(oddTimesWarning(
+                player.late(), pass,
+                "more than a day after the recording's median time (" + dateText(before.median) + ")"));
     }
     harness.finish();
+    summarise();
     result.timeline = harness.events();
     result.storedVisits = harness.storedVisits();
     return result;

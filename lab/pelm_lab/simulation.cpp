@@ -3,6 +3,7 @@
 #include <thread>
 
 #include <pelm/model/json_text.hpp>
+#include <pelm/platform/ble/ibeacon_advertisement.hpp>
 
 #include "pelm_server/demo_seed.hpp"
 
@@ -21,7 +22,9 @@ SimulationResult runSimulation(
     result.configured = result.failure.empty();
     if (result.configured) {
         platform::SimulatedStore store(options.scenario, options.seed);
-        const auto hear = [&harness](const platform::HeardAdvertisement& heard) { harness.hear(heard); };
+        const auto hear = [&harness](const platform::HeardAdvertisement& heard) {
+            harness.hear(heard, platform::parseIBeacon(heard.data));
+        };
         // Walk, then wait long enough for the store's region to be left and the visit uploaded.
         const auto end = options.scenario.duration() + 40s;
         constexpr auto step = 100ms;

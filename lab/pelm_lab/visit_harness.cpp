@@ -58,20 +58,24 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
         if (pending_.empty())
             windowEnd_ =
                 start_ + std::chrono::floor<std::chrono::seconds>(now - start_) + std::chrono::seconds(1);
-        auto& sum = pending_[{frame.proximityUUID.uuidString(), frame.major, frame.minor,
-                              advertisement.uniqueID.value_or(advertisement.address)}];
-        sum.rssi += advertisement.rssi;
-        ++sum.count;
+        const SignalKeyView key{frame.proximityUUID.bytes, frame.major, frame.minor,
+                                advertisement.uniqueID ? *advertisement.uniqueID : advertisement.address};
+        auto found = pending_.find(key);
+        if (found == pending_.end())
+            found =
+                pending_.emplace(SignalKey{key.uuid, key.major, key.minor, std::string(key.device)}, Sum{})
+                    .first;
+        found->second.rssi += advertisement.rssi;
+        ++found->second.count;
     }
     /// The second summed up so far becomes a Heard event once it is over, or at the end of the run.
     void flushHeard(Date now, bool force = false) {
         if (pending_.empty() || (now < windowEnd_ && !force)) return;
         TimelineEvent event = make(TimelineEvent::Kind::Heard, windowEnd_);
         for (const auto& [key, sum] : pending_) {
-            const auto& [uuid, major, minor, device] = key;
-            event.signals.push_back({uuid, major, minor, device,
-                                     static_cast<int>(std::lround(static_cast<double>(sum.rssi) / sum.count)),
-                                     sum.count});
+            event.signals.push_back(
+                {platform::ProximityUUID{key.uuid}.uuidString(), key.major, key.minor, key.device,
+                 static_cast<int>(std::lround(static_cast<double>(sum.rssi) / sum.count)), sum.count});
         }
         pending_.clear();
         record(std::move(event));
@@ -83,6 +87,28 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
     struct Sum {
         long long rssi = 0;
         int count = 0;
+    };
+    // A beacon device's signals of one second are summed under its identity and its address, in the order
+    // of the UUID's text, major, minor and address; a lookup needs no copy of the address.
+    using UUIDBytes = std::array<std::uint8_t, 16>;
+    struct SignalKey {
+        UUIDBytes uuid;
+        int major, minor;
+        std::string device;
+    };
+    struct SignalKeyView {
+        const UUIDBytes& uuid;
+        int major, minor;
+        std::string_view device;
+    };
+    struct SignalOrder {
+        using is_transparent = void;
+        template <class A, class B>
+        bool operator()(const A& a, const B& b) const {
+            return std::tie(a.uuid, a.major, a.minor) < std::tie(b.uuid, b.major, b.minor) ||
+                   (std::tie(a.uuid, a.major, a.minor) == std::tie(b.uuid, b.major, b.minor) &&
+                    std::string_view(a.device) < std::string_view(b.device));
+        }
     };
 
     TimelineEvent make(TimelineEvent::Kind kind) const { return make(kind, loop_->now()); }
@@ -105,7 +131,7 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
     std::shared_ptr<platform::VirtualLoop> loop_;
     Date start_;
     std::function<void(const TimelineEvent&)> onEvent_;
-    std::map<std::tuple<std::string, int, int, std::string>, Sum> pending_;
+    std::map<SignalKey, Sum, SignalOrder> pending_;
     Date windowEnd_{};
 };
 
@@ -162,10 +188,14 @@ VisitHarness::~VisitHarness() {
     finish();
 }
 
-void VisitHarness::hear(const platform::HeardAdvertisement& advertisement) {
-    if (const auto frame = platform::parseIBeacon(advertisement.data))
-        recorder_->heard(advertisement, *frame);
-    engine_->hear(advertisement);
+void VisitHarness::hear(const platform::HeardAdvertisement& advertisement,
+                        const std::optional<platform::IBeaconFrame>& frame) {
+    if (frame) recorder_->heard(advertisement, *frame);
+    engine_->hear(advertisement, frame);
+}
+
+void VisitHarness::addContents(const JSON& seed) {
+    if (embedded_) embedded_->store().seed(seed);
 }
 
 void VisitHarness::finish() {

@@ -74,9 +74,13 @@ class VisitHarness {
     /// Empty once the configuration was fetched and monitoring runs; otherwise why not.
     const std::string& failure() const { return failure_; }
     platform::VirtualLoop& loop() { return *loop_; }
-    /// One advertisement for the region engine, heard now; iBeacons are also summed up, a Heard event a
-    /// second.
-    void hear(const platform::HeardAdvertisement& advertisement);
+    /// One advertisement for the region engine, heard now, with its iBeacon frame (none for other data);
+    /// iBeacons are also summed up, a Heard event a second.
+    void hear(const platform::HeardAdvertisement& advertisement,
+              const std::optional<platform::IBeaconFrame>& frame);
+    /// More for the embedded server to serve, in the form of its seed (see ServerChoice); a server of one's
+    /// own is left alone.
+    void addContents(const JSON& seed);
     Date start() const { return start_; }
 
     /// Ends the run: the beacon manager and the platform go, calls in flight complete. Then the events and,

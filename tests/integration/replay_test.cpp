@@ -5,8 +5,11 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <sys/stat.h>
+
 #include <fstream>
 #include <map>
+#include <thread>
 
 #include <pelm/model/json_date_transform.hpp>
 #include <pelm/platform/ble/recording_reader.hpp>
@@ -189,6 +192,47 @@ TEST(Replay, TimesThatJumpCostNothingAndAreNamed) {
             ::testing::StartsWith("1 advertisement is dated more than a day after the recording's "
                                   "median time (2023-03-28 ")));
     EXPECT_THAT(result.timeWarnings[1], ::testing::HasSubstr("the first at line 122 (2223-"));
+}
+
+// The file is read once, from start to end: a pipe plays as the same file does. The recording is longer
+// than what replay reads ahead to choose the UUID, and its second beacon is first heard past that, so its
+// contents must reach the embedded server while the replay runs.
+TEST(Replay, APipePlaysAsItsFileAndABeaconFirstHeardLateGetsItsContent) {
+    const testing::TempFolder folder("pelm-replay-pipe");
+    const auto file = folder.path() / "long.jsonl";
+    const auto pipe = folder.path() / "long.pipe";
+    std::string text;
+    constexpr std::int64_t start = 1'680'000'000'000;
+    for (int i = 0; i < 80'000; ++i) {
+        // 1/1 among phones for 70 s, then 1/2 alone for 100 s: 70,000 lines before 1/2 is heard.
+        const bool late = i >= 70'000;
+        const bool beacon = late || i % 4 == 0;
+        const auto at = start + (late ? 70'000 + (i - 70'000) * 10 : i);
+        text += traceLine(at, beacon ? (late ? "b2" : "b1") : "p" + std::to_string(i % 9),
+                          beacon ? std::optional<std::uint16_t>(late ? 2 : 1) : std::nullopt);
+    }
+    std::ofstream(file) << text;
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    std::thread writer([&] { std::ofstream(pipe) << text; });
+    ReplayOptions options;
+    options.recording = pipe;
+    const auto piped = runReplay(options);
+    writer.join();
+    options.recording = file;
+    const auto whole = runReplay(options);
+
+    ASSERT_EQ(piped.failure, "");
+    EXPECT_EQ(piped.summary.line(), whole.summary.line());
+    EXPECT_EQ(piped.summary.line(),
+              "80000 advertisements (27500 iBeacon) from 11 devices over 02:49.9 of recording");
+    EXPECT_EQ(piped.storedVisits.dump(), whole.storedVisits.dump());
+    std::vector<std::string> handedOn;
+    for (const auto& event : piped.timeline) {
+        if (const auto* content = event.as<events::ContentHandedOn>())
+            handedOn.push_back(content->content->textRecord->name.value_or(""));
+    }
+    EXPECT_THAT(handedOn, ::testing::Contains("Near 1/2"));
+    EXPECT_THAT(handedOn, ::testing::Contains("Near 1/1"));
 }
 
 // Memory is measured only where no sanitizer adds its own to every allocation.

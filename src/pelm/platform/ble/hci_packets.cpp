@@ -11,7 +11,7 @@ constexpr std::uint8_t kExtendedAdvertisingReport = 0x0D;
 constexpr std::uint32_t kAdvertisingAccessAddress = 0x8E89BED6;
 
 // Legacy report: event type, address type, address (6), data length, data, RSSI.
-void legacyReports(std::span<const std::uint8_t> p, std::vector<HeardAdvertisement>& out) {
+void legacyReports(std::span<const std::uint8_t> p, HeardBatch& out) {
     if (p.empty()) return;
     const std::size_t count = p[0];
     std::size_t at = 1;
@@ -19,19 +19,18 @@ void legacyReports(std::span<const std::uint8_t> p, std::vector<HeardAdvertiseme
         if (at + 9 > p.size()) return;
         const std::size_t length = p[at + 8];
         if (at + 9 + length + 1 > p.size()) return;
-        HeardAdvertisement heard;
-        heard.address = bluetoothAddressText(&p[at + 2]);
+        auto& heard = out.add();
+        writeBluetoothAddress(&p[at + 2], heard.address);
         heard.data.assign(p.begin() + static_cast<std::ptrdiff_t>(at + 9),
                           p.begin() + static_cast<std::ptrdiff_t>(at + 9 + length));
         heard.rssi = static_cast<std::int8_t>(p[at + 9 + length]);
-        out.push_back(std::move(heard));
         at += 9 + length + 1;
     }
 }
 
 // Extended report: 24 fixed bytes (event type 2, address type, address 6, PHYs 2, SID, TX power, RSSI,
 // periodic interval 2, direct address type, direct address 6, data length), then the data.
-void extendedReports(std::span<const std::uint8_t> p, std::vector<HeardAdvertisement>& out) {
+void extendedReports(std::span<const std::uint8_t> p, HeardBatch& out) {
     if (p.empty()) return;
     const std::size_t count = p[0];
     std::size_t at = 1;
@@ -39,58 +38,64 @@ void extendedReports(std::span<const std::uint8_t> p, std::vector<HeardAdvertise
         if (at + 24 > p.size()) return;
         const std::size_t length = p[at + 23];
         if (at + 24 + length > p.size()) return;
-        HeardAdvertisement heard;
-        heard.address = bluetoothAddressText(&p[at + 3]);
+        auto& heard = out.add();
+        writeBluetoothAddress(&p[at + 3], heard.address);
         heard.rssi = static_cast<std::int8_t>(p[at + 13]);
         heard.transmissionPower = static_cast<std::int8_t>(p[at + 12]);
         heard.data.assign(p.begin() + static_cast<std::ptrdiff_t>(at + 24),
                           p.begin() + static_cast<std::ptrdiff_t>(at + 24 + length));
-        out.push_back(std::move(heard));
         at += 24 + length;
     }
 }
 
 }  // namespace
 
-std::string bluetoothAddressText(const std::uint8_t* littleEndian) {
-    std::string text;
-    for (int i = 5; i >= 0; --i) {
-        text += kHexDigits[littleEndian[i] >> 4];
-        text += kHexDigits[littleEndian[i] & 0x0F];
-        if (i > 0) text += ':';
+HeardAdvertisement& HeardBatch::add() {
+    if (size_ == items_.size()) items_.emplace_back();
+    auto& heard = items_[size_++];
+    heard.rssi = 0;
+    heard.uniqueID.reset();
+    heard.firmwareVersion.reset();
+    heard.batteryLevel = 0;
+    heard.transmissionPower = 0;
+    heard.at = Date{};
+    heard.receiver.clear();
+    return heard;
+}
+
+void writeBluetoothAddress(const std::uint8_t* littleEndian, std::string& text) {
+    text.resize(17);
+    for (int i = 5, at = 0; i >= 0; --i, at += 3) {
+        text[at] = kHexDigits[littleEndian[i] >> 4];
+        text[at + 1] = kHexDigits[littleEndian[i] & 0x0F];
+        if (i > 0) text[at + 2] = ':';
     }
-    return text;
 }
 
-std::vector<HeardAdvertisement> advertisementsInHciEvent(std::span<const std::uint8_t> event) {
-    std::vector<HeardAdvertisement> found;
-    if (event.size() < 3 || event[0] != kLeMetaEvent) return found;
+void advertisementsInHciEvent(std::span<const std::uint8_t> event, HeardBatch& out) {
+    if (event.size() < 3 || event[0] != kLeMetaEvent) return;
     const auto parameters = event.subspan(2, std::min<std::size_t>(event[1], event.size() - 2));
-    if (parameters.empty()) return found;
+    if (parameters.empty()) return;
     const auto body = parameters.subspan(1);
-    if (parameters[0] == kLegacyAdvertisingReport) legacyReports(body, found);
-    if (parameters[0] == kExtendedAdvertisingReport) extendedReports(body, found);
-    return found;
+    if (parameters[0] == kLegacyAdvertisingReport) legacyReports(body, out);
+    if (parameters[0] == kExtendedAdvertisingReport) extendedReports(body, out);
 }
 
-std::optional<HeardAdvertisement> advertisementInLinkLayerPacket(std::span<const std::uint8_t> packet,
-                                                                 int rssi) {
+void advertisementInLinkLayerPacket(std::span<const std::uint8_t> packet, int rssi, HeardBatch& out) {
     // access address (4), header (2), advertiser's address (6), data
-    if (packet.size() < 12) return std::nullopt;
+    if (packet.size() < 12) return;
     const auto accessAddress = std::uint32_t{packet[3]} << 24 | std::uint32_t{packet[2]} << 16 |
                                std::uint32_t{packet[1]} << 8 | packet[0];
-    if (accessAddress != kAdvertisingAccessAddress) return std::nullopt;
+    if (accessAddress != kAdvertisingAccessAddress) return;
     const auto type = packet[4] & 0x0F;
     constexpr int kAdvInd = 0, kAdvNonconnInd = 2, kScanRsp = 4, kAdvScanInd = 6;
-    if (type != kAdvInd && type != kAdvNonconnInd && type != kScanRsp && type != kAdvScanInd)
-        return std::nullopt;
+    if (type != kAdvInd && type != kAdvNonconnInd && type != kScanRsp && type != kAdvScanInd) return;
     const std::size_t length = packet[5];
-    if (length < 6 || 6 + length > packet.size()) return std::nullopt;
-    HeardAdvertisement heard;
-    heard.address = bluetoothAddressText(&packet[6]);
+    if (length < 6 || 6 + length > packet.size()) return;
+    auto& heard = out.add();
+    writeBluetoothAddress(&packet[6], heard.address);
     heard.data.assign(packet.begin() + 12, packet.begin() + static_cast<std::ptrdiff_t>(6 + length));
     heard.rssi = rssi;
-    return heard;
 }
 
 }  // namespace pelm::platform

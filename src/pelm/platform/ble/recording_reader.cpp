@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <fstream>
 #include <limits>
 
@@ -35,34 +36,30 @@ Date fromMicroseconds(std::int64_t sinceEpoch) {
 // What a packet of one of the link types holds.
 enum class Link { H1Event, H4, H4WithDirection, MonitorEvent, LinkLayer, LinkLayerWithRadio };
 
-// The advertisements of one packet; `received` is false for what the host sent to the controller.
-std::vector<HeardAdvertisement> advertisementsIn(Link link, std::span<const std::uint8_t> packet) {
+// Adds the advertisements of one packet to `out`; what the host sent to the controller has none.
+void advertisementsIn(Link link, std::span<const std::uint8_t> packet, HeardBatch& out) {
     constexpr std::uint8_t kH4Event = 0x04;
     switch (link) {
         case Link::H1Event:
         case Link::MonitorEvent:
-            return advertisementsInHciEvent(packet);
+            return advertisementsInHciEvent(packet, out);
         case Link::H4:
-            if (packet.empty() || packet[0] != kH4Event) return {};
-            return advertisementsInHciEvent(packet.subspan(1));
+            if (packet.empty() || packet[0] != kH4Event) return;
+            return advertisementsInHciEvent(packet.subspan(1), out);
         case Link::H4WithDirection:
             // A 4-byte direction first: 1 is controller to host.
-            if (packet.size() < 5 || be32(packet.data()) != 1 || packet[4] != kH4Event) return {};
-            return advertisementsInHciEvent(packet.subspan(5));
+            if (packet.size() < 5 || be32(packet.data()) != 1 || packet[4] != kH4Event) return;
+            return advertisementsInHciEvent(packet.subspan(5), out);
         case Link::LinkLayer:
-            if (auto heard = advertisementInLinkLayerPacket(packet, -127)) return {std::move(*heard)};
-            return {};
+            return advertisementInLinkLayerPacket(packet, -127, out);
         case Link::LinkLayerWithRadio: {
             // channel, signal, noise, offenses, reference access address (4), flags (2, little-endian)
-            if (packet.size() < 10) return {};
+            if (packet.size() < 10) return;
             const bool signalValid = (le16(&packet[8]) & 0x0002) != 0;
             const int rssi = signalValid ? static_cast<std::int8_t>(packet[1]) : -127;
-            if (auto heard = advertisementInLinkLayerPacket(packet.subspan(10), rssi))
-                return {std::move(*heard)};
-            return {};
+            return advertisementInLinkLayerPacket(packet.subspan(10), rssi, out);
         }
     }
-    return {};
 }
 
 std::optional<Link> pcapLink(std::uint32_t linkType) {
@@ -83,25 +80,28 @@ std::optional<Link> pcapLink(std::uint32_t linkType) {
 // Hands out the advertisements of one packet after another.
 class PacketReader : public RecordingReader {
   public:
-    std::optional<HeardAdvertisement> next() override {
+    bool next(HeardAdvertisement& heard) override {
         while (taken_ == pending_.size()) {
             pending_.clear();
             taken_ = 0;
-            if (!nextPacket()) return std::nullopt;
+            if (!nextPacket()) return false;
         }
-        if (taken_ == 0) handedOffset_ = packetOffset_;
-        return std::move(pending_[taken_++]);
+        if (taken_ == 0) place_ = packetOffset_;
+        // Swapped, not copied: the caller's buffers go back into the batch for the next packet.
+        std::swap(heard, pending_[taken_++]);
+        return true;
     }
-    std::string where() const override { return "offset " + std::to_string(handedOffset_); }
+    std::string placeText(std::uint64_t place) const override { return "offset " + std::to_string(place); }
 
   protected:
     /// Reads the next packet into pending_ (possibly nothing); false at the end.
     virtual bool nextPacket() = 0;
     void take(Link link, std::span<const std::uint8_t> packet, Date at, const std::string& receiver) {
-        for (auto& heard : advertisementsIn(link, packet)) {
-            heard.at = at;
-            heard.receiver = receiver;
-            pending_.push_back(std::move(heard));
+        const auto before = pending_.size();
+        advertisementsIn(link, packet, pending_);
+        for (auto i = before; i < pending_.size(); ++i) {
+            pending_[i].at = at;
+            pending_[i].receiver = receiver;
         }
     }
     bool truncatedAt(std::uint64_t offset) {
@@ -109,10 +109,9 @@ class PacketReader : public RecordingReader {
                    ", is cut short; played what came before";
         return false;
     }
-    std::vector<HeardAdvertisement> pending_;
+    HeardBatch pending_;
     std::size_t taken_ = 0;           // pending_ before this index has been handed out
     std::uint64_t packetOffset_ = 0;  // where the packet of pending_ starts
-    std::uint64_t handedOffset_ = 0;  // where the packet of the advertisement handed out last starts
 };
 
 class BtsnoopReader final : public PacketReader {
@@ -157,8 +156,7 @@ class BtsnoopReader final : public PacketReader {
         if (datalink_ == 2001) {
             constexpr std::uint32_t kEventPacket = 3;  // the opcode sits in the low half of the flags
             const auto index = flags >> 16;
-            if ((flags & 0xFFFF) == kEventPacket)
-                take(Link::MonitorEvent, packet_, at, "hci" + std::to_string(index));
+            if ((flags & 0xFFFF) == kEventPacket) take(Link::MonitorEvent, packet_, at, receiverName(index));
         } else if ((flags & 0x01) != 0) {  // received: controller to host
             if (datalink_ == 1002) take(Link::H4, packet_, at, "");
             if (datalink_ == 1001 && (flags & 0x02) != 0) take(Link::H1Event, packet_, at, "");
@@ -166,9 +164,19 @@ class BtsnoopReader final : public PacketReader {
         return true;
     }
 
+    // "hci0" for controller 0; the names are made once.
+    const std::string& receiverName(std::uint32_t index) {
+        if (index >= receiverNames_.size()) {
+            for (auto i = receiverNames_.size(); i <= index; ++i)
+                receiverNames_.push_back("hci" + std::to_string(i));
+        }
+        return receiverNames_[index];
+    }
+
     ByteStream in_;
     std::uint32_t datalink_ = 0;
     Bytes record_, packet_;
+    std::vector<std::string> receiverNames_;
 };
 
 class PcapReader final : public PacketReader {
@@ -338,44 +346,93 @@ class PcapngReader final : public PacketReader {
     Bytes head_, body_;
 };
 
+// Hexadecimal digits into bytes; false at anything else (the size is even).
+bool decodeHex(std::string_view hex, std::vector<std::uint8_t>& out) {
+    out.resize(hex.size() / 2);
+    std::uint8_t bad = 0;
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        const auto high = kHexDigitValues[static_cast<unsigned char>(hex[2 * i])];
+        const auto low = kHexDigitValues[static_cast<unsigned char>(hex[2 * i + 1])];
+        bad |= high | low;
+        out[i] = static_cast<std::uint8_t>(high << 4 | (low & 0x0F));
+    }
+    return (bad & 0xF0) == 0;
+}
+
+// What a trace line does not tell, back to nothing in an advertisement that is being reused.
+void clearUntold(HeardAdvertisement& heard) {
+    heard.uniqueID.reset();
+    heard.firmwareVersion.reset();
+    heard.batteryLevel = 0;
+    heard.transmissionPower = 0;
+    heard.receiver.clear();
+}
+
 class TraceReader final : public RecordingReader {
   public:
-    TraceReader(std::unique_ptr<std::istream> in, std::string name)
-        : in_(std::move(in)), name_(std::move(name)) {}
+    /// `start`: what was read of the stream already.
+    TraceReader(std::unique_ptr<std::istream> in, std::string name, std::string_view start)
+        : in_(std::move(in)), name_(std::move(name)), block_(kBlock) {
+        std::copy(start.begin(), start.end(), block_.begin());
+        end_ = start.size();
+    }
     std::string format() const override { return "JSON trace"; }
-    std::string where() const override { return "line " + std::to_string(lineNumber_); }
+    std::string placeText(std::uint64_t place) const override { return "line " + std::to_string(place); }
 
-    std::optional<HeardAdvertisement> next() override {
-        while (readLine()) {
+    bool next(HeardAdvertisement& heard) override {
+        std::string_view line;
+        while (readLine(line)) {
             ++lineNumber_;
-            const std::string_view line(buffer_.data(), length_);
             if (line.find_first_not_of(" \t\r") == std::string_view::npos) continue;
-            if (auto heard = parseWrittenForm(line)) return heard;
-            return parse(line);
+            place_ = lineNumber_;
+            clearUntold(heard);
+            if (!parseWrittenForm(line, heard)) parse(line, heard);
+            return true;
         }
-        return std::nullopt;
+        return false;
     }
 
   private:
     static constexpr std::size_t kMaxLine = 1 << 16;
+    // Read a block at a time; a block holds the longest line four times over.
+    static constexpr std::size_t kBlock = 1 << 18;
 
-    // The next line into buffer_ (without its newline); false at the end.
-    bool readLine() {
-        if (!*in_) return false;
-        in_->getline(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
-        length_ = static_cast<std::size_t>(in_->gcount());
-        const bool newline = !in_->fail() && !in_->eof();
-        if (in_->fail() && !in_->eof() && length_ + 1 >= buffer_.size()) {
-            ++lineNumber_;
-            fail("a line of at most 65536 characters");
+    // The next line (without its newline) as a view into block_, valid until the next call; false at the end.
+    bool readLine(std::string_view& line) {
+        for (;;) {
+            const auto* start = block_.data() + begin_;
+            if (const auto* newline = static_cast<const char*>(std::memchr(start, '\n', end_ - begin_))) {
+                line = std::string_view(start, static_cast<std::size_t>(newline - start));
+                begin_ += line.size() + 1;
+                return true;
+            }
+            if (end_ - begin_ > kMaxLine) {
+                ++lineNumber_;
+                fail("a line of at most 65536 characters");
+            }
+            if (atEnd_) return lastLine(line);
+            refill();
         }
-        if (newline) {
-            --length_;  // gcount counted the newline
-            return true;
+    }
+
+    // Moves what is left of a line to the front of the block and reads on behind it.
+    void refill() {
+        std::memmove(block_.data(), block_.data() + begin_, end_ - begin_);
+        end_ -= begin_;
+        begin_ = 0;
+        if (*in_) {
+            in_->read(block_.data() + end_, static_cast<std::streamsize>(block_.size() - end_));
+            end_ += static_cast<std::size_t>(in_->gcount());
         }
-        if (length_ == 0) return false;
-        // A last line without its newline is whole if it parses; a cut-short one is the recording's end.
-        if (!parseJSONText(std::string_view(buffer_.data(), length_))) {
+        atEnd_ = !*in_;
+    }
+
+    // A last line without its newline is whole if it parses; a cut-short one is the recording's end.
+    bool lastLine(std::string_view& line) {
+        if (begin_ == end_) return false;
+        line = std::string_view(block_.data() + begin_, end_ - begin_);
+        begin_ = end_;
+        if (!parseJSONText(line)) {
             warning_ = "line " + std::to_string(lineNumber_ + 1) + " is cut short; played what came before";
             return false;
         }
@@ -385,7 +442,7 @@ class TraceReader final : public RecordingReader {
     // The form traceLine writes, read without a general JSON parser: {"t":N,"address":"A","rssi":N,
     // "data":"HEX"} with an optional "scanner" last, no white space and no escapes. Anything else is left
     // to the general reading below, which accepts the same lines and more.
-    static std::optional<HeardAdvertisement> parseWrittenForm(std::string_view line) {
+    static bool parseWrittenForm(std::string_view line, HeardAdvertisement& heard) {
         while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
         const auto literal = [&](std::string_view text) {
             if (line.substr(0, text.size()) != text) return false;
@@ -400,15 +457,19 @@ class TraceReader final : public RecordingReader {
         };
         // A string without escapes or control characters (which JSON would refuse), as it stands in the line.
         const auto text = [&](std::string_view& out) {
-            const auto close = line.find('"');
-            if (close == std::string_view::npos) return false;
-            out = line.substr(0, close);
-            line.remove_prefix(close + 1);
-            return std::none_of(out.begin(), out.end(),
-                                [](char c) { return c == '\\' || static_cast<unsigned char>(c) < 0x20; }) &&
-                   isValidUTF8(out);
+            bool ascii = true;
+            for (std::size_t i = 0; i < line.size(); ++i) {
+                const auto c = static_cast<unsigned char>(line[i]);
+                if (c == '"') {
+                    out = line.substr(0, i);
+                    line.remove_prefix(i + 1);
+                    return ascii || isValidUTF8(out);
+                }
+                if (c == '\\' || c < 0x20) return false;
+                ascii = ascii && c < 0x80;
+            }
+            return false;
         };
-        HeardAdvertisement heard;
         std::int64_t t = 0, rssi = 0;
         std::string_view address, hex, scanner;
         constexpr auto latest =
@@ -416,31 +477,24 @@ class TraceReader final : public RecordingReader {
         if (!literal("{\"t\":") || !integer(t) || t < 0 || t > latest || !literal(",\"address\":\"") ||
             !text(address) || !literal(",\"rssi\":") || !integer(rssi) || rssi < -128 || rssi > 127 ||
             !literal(",\"data\":\"") || !text(hex) || hex.size() % 2 != 0) {
-            return std::nullopt;
+            return false;
         }
-        if (literal(",\"scanner\":\"") && !text(scanner)) return std::nullopt;
-        if (line != "}") return std::nullopt;
-        heard.data.reserve(hex.size() / 2);
-        for (std::size_t i = 0; i < hex.size(); i += 2) {
-            const int high = hexDigitValue(hex[i]), low = hexDigitValue(hex[i + 1]);
-            if (high < 0 || low < 0) return std::nullopt;
-            heard.data.push_back(static_cast<std::uint8_t>(high * 16 + low));
-        }
-        heard.address = address;
-        heard.receiver = scanner;
+        if (literal(",\"scanner\":\"") && !text(scanner)) return false;
+        if (line != "}" || !decodeHex(hex, heard.data)) return false;
+        heard.address.assign(address);
+        heard.receiver.assign(scanner);
         heard.at = Date{std::chrono::milliseconds(t)};
         heard.rssi = static_cast<int>(rssi);
-        return heard;
+        return true;
     }
 
     [[noreturn]] void fail(const std::string& expected) const {
         throw RecordingError(name_ + ": line " + std::to_string(lineNumber_) + ": expected " + expected);
     }
 
-    HeardAdvertisement parse(std::string_view line) const {
+    void parse(std::string_view line, HeardAdvertisement& heard) const {
         const auto json = parseJSONText(line);
         if (!json || !json->is_object()) fail("a JSON object");
-        HeardAdvertisement heard;
         const auto t = json->find("t");
         if (t == json->end() || !t->is_number_integer())
             fail("\"t\": milliseconds since 1970 as a whole number");
@@ -461,23 +515,19 @@ class TraceReader final : public RecordingReader {
         if (data == json->end() || !data->is_string()) fail("\"data\": the advertising data as hexadecimal");
         const auto& hex = data->get_ref<const std::string&>();
         if (hex.size() % 2 != 0) fail("\"data\" with an even number of hexadecimal digits");
-        for (std::size_t i = 0; i < hex.size(); i += 2) {
-            const int high = hexDigitValue(hex[i]), low = hexDigitValue(hex[i + 1]);
-            if (high < 0 || low < 0) fail("\"data\" of hexadecimal digits only");
-            heard.data.push_back(static_cast<std::uint8_t>(high * 16 + low));
-        }
+        if (!decodeHex(hex, heard.data)) fail("\"data\" of hexadecimal digits only");
         if (const auto scanner = json->find("scanner"); scanner != json->end()) {
             if (!scanner->is_string()) fail("\"scanner\": a text");
             heard.receiver = scanner->get<std::string>();
         }
-        return heard;
     }
 
     std::unique_ptr<std::istream> in_;
     std::string name_;
     std::size_t lineNumber_ = 0;
-    std::vector<char> buffer_ = std::vector<char>(kMaxLine + 2);
-    std::size_t length_ = 0;
+    std::vector<char> block_;
+    std::size_t begin_ = 0, end_ = 0;  // what of block_ is read but not yet handed out
+    bool atEnd_ = false;               // the stream has nothing more
 };
 
 }  // namespace
@@ -498,6 +548,12 @@ std::string traceLine(const HeardAdvertisement& heard) {
     return jsonText(line);
 }
 
+std::optional<HeardAdvertisement> RecordingReader::next() {
+    HeardAdvertisement heard;
+    if (!next(heard)) return std::nullopt;
+    return heard;
+}
+
 std::unique_ptr<RecordingReader> RecordingReader::open(const std::filesystem::path& file) {
     auto in = std::make_unique<std::ifstream>(file, std::ios::binary);
     if (!*in) throw RecordingError(file.string() + ": cannot be read");
@@ -505,19 +561,19 @@ std::unique_ptr<RecordingReader> RecordingReader::open(const std::filesystem::pa
 }
 
 std::unique_ptr<RecordingReader> RecordingReader::open(std::unique_ptr<std::istream> in, std::string name) {
+    // The first bytes tell the format; they are handed to the reader rather than read again, so a pipe
+    // plays as a file does.
     char first[4] = {};
     in->read(first, 4);
-    const auto got = in->gcount();
-    in->clear();
-    in->seekg(0);
-    if (!*in) throw RecordingError(name + ": cannot be read from the start again");
+    const auto got = static_cast<std::size_t>(in->gcount());
+    const std::string_view start(first, got);
     const auto magic = got == 4 ? le32(reinterpret_cast<const std::uint8_t*>(first)) : 0;
-    if (got == 4 && std::string(first, 4) == "btsn")
-        return std::make_unique<BtsnoopReader>(ByteStream(std::move(in), name));
+    if (start == "btsn") return std::make_unique<BtsnoopReader>(ByteStream(std::move(in), name, start));
     if (magic == 0xA1B2C3D4 || magic == 0xD4C3B2A1 || magic == 0xA1B23C4D || magic == 0x4D3CB2A1)
-        return std::make_unique<PcapReader>(ByteStream(std::move(in), name));
-    if (magic == 0x0A0D0D0A) return std::make_unique<PcapngReader>(ByteStream(std::move(in), name));
-    if (got > 0 && first[0] == '{') return std::make_unique<TraceReader>(std::move(in), std::move(name));
+        return std::make_unique<PcapReader>(ByteStream(std::move(in), name, start));
+    if (magic == 0x0A0D0D0A) return std::make_unique<PcapngReader>(ByteStream(std::move(in), name, start));
+    if (got > 0 && first[0] == '{')
+        return std::make_unique<TraceReader>(std::move(in), std::move(name), start);
     throw RecordingError(name +
                          ": offset 0: expected a btsnoop, pcap or pcapng header, or a JSON trace line");
 }

@@ -36,20 +36,29 @@ class RecordingReader {
     /// The same over any stream; `name` is what errors call it.
     static std::unique_ptr<RecordingReader> open(std::unique_ptr<std::istream> in, std::string name);
 
-    /// The next advertisement (with its time and receiver set), or none at the end of the recording.
-    /// Throws RecordingError at the first thing in the file that is not what the format says. A last record
-    /// cut short ends the recording with a warning instead.
-    virtual std::optional<HeardAdvertisement> next() = 0;
+    /// The next advertisement (with its time and receiver set) into `heard`, false at the end of the
+    /// recording. `heard` keeps the memory of its texts and data, so a loop over one advertisement reads a
+    /// file of any length without allocating. Throws RecordingError at the first thing in the file that is
+    /// not what the format says. A last record cut short ends the recording with a warning instead.
+    virtual bool next(HeardAdvertisement& heard) = 0;
+    /// The same, as a value; none at the end.
+    std::optional<HeardAdvertisement> next();
     /// "btsnoop (H4)", "pcapng", "JSON trace", ...
     virtual std::string format() const = 0;
 
     /// Set once the recording ended on a record cut short: what was played is everything before it.
     const std::optional<std::string>& warning() const { return warning_; }
-    /// Where the advertisement `next` handed out last stands in the file: "line 12" or "offset 4096".
-    virtual std::string where() const = 0;
+    /// Where the advertisement `next` handed out last stands in the file: its line, or the byte offset of
+    /// its packet.
+    std::uint64_t place() const { return place_; }
+    /// A place of this file in words: "line 12" or "offset 4096".
+    virtual std::string placeText(std::uint64_t place) const = 0;
+    /// Where the advertisement handed out last stands, in words.
+    std::string where() const { return placeText(place_); }
 
   protected:
     std::optional<std::string> warning_;
+    std::uint64_t place_ = 0;
 };
 
 /// One line of the JSON trace for an advertisement (without the newline): {"t":...,"address":...,"rssi":...,

@@ -1,17 +1,23 @@
 #include <pelm/platform/ble/region_engine.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 
 namespace pelm::platform {
-namespace {
 
-std::string identityKey(const IBeaconFrame& frame) {
-    return frame.proximityUUID.uuidString() + "/" + std::to_string(frame.major) + "/" +
-           std::to_string(frame.minor);
+RegionEngine::BeaconKey::BeaconKey(const IBeaconFrame& frame) {
+    std::array<std::uint8_t, 32> bytes{};
+    std::copy(frame.proximityUUID.bytes.begin(), frame.proximityUUID.bytes.end(), bytes.begin());
+    auto* numbers = reinterpret_cast<char*>(bytes.data() + 16);
+    auto* end = numbers + 16;
+    auto* at = std::to_chars(numbers, end, frame.major).ptr;
+    *at++ = '/';
+    std::to_chars(at, end, frame.minor);
+    for (std::size_t word = 0; word < words.size(); ++word) {
+        for (std::size_t i = 0; i < 8; ++i) words[word] = words[word] << 8 | bytes[word * 8 + i];
+    }
 }
-
-}  // namespace
 
 class RegionEngine::Monitor final : public RegionMonitor {
   public:
@@ -197,19 +203,28 @@ RegionState RegionEngine::currentState(const BeaconRegion& region) const {
                                                                   : RegionState::Unknown;
 }
 
-void RegionEngine::hear(const HeardAdvertisement& advertisement) {
+void RegionEngine::hear(const HeardAdvertisement& advertisement, const std::optional<IBeaconFrame>& frame) {
     const auto now = queue_->now();
-    const auto frame = parseIBeacon(advertisement.data);
     // Beacon hardware is what discovery lists: a device that tells its unique id, or sends iBeacon frames.
     // Phones and headphones passing by are neither.
     if (frame || advertisement.uniqueID) {
-        devices_.insert_or_assign(advertisement.uniqueID.value_or(advertisement.address),
-                                  std::pair{advertisement, now});
+        const std::string_view key = advertisement.uniqueID ? *advertisement.uniqueID : advertisement.address;
+        auto found = devices_.find(key);
+        if (found == devices_.end()) {
+            found = devices_.emplace(std::string(key), Device{}).first;
+            found->second.told.uniqueID = found->first;
+        }
+        auto& device = found->second;
+        device.told.transmissionPower = advertisement.transmissionPower;
+        device.told.firmwareVersion = advertisement.firmwareVersion;
+        device.told.batteryLevel = advertisement.batteryLevel;
+        device.told.rssi = advertisement.rssi;
+        device.at = now;
     }
     scheduleTick();
     if (!frame) return;
     ++beaconAdvertisements_;
-    beacons_.insert_or_assign(identityKey(*frame), Heard{*frame, now, advertisement.rssi});
+    beacons_.insert_or_assign(BeaconKey(*frame), Heard{*frame, now, advertisement.rssi});
     std::vector<std::string> entered;
     for (auto& [identifier, watched] : monitored_) {
         if (!watched.region.contains(frame->proximityUUID, frame->major, frame->minor)) continue;
@@ -259,7 +274,7 @@ void RegionEngine::tick() {
     std::erase_if(beacons_, [&](const auto& entry) { return now - entry.second.at > horizon; });
     const auto deviceHorizon =
         std::max(options_.rangingPeriod, scanner_ ? scanner_->interval : options_.rangingPeriod);
-    std::erase_if(devices_, [&](const auto& entry) { return now - entry.second.second > deviceHorizon; });
+    std::erase_if(devices_, [&](const auto& entry) { return now - entry.second.at > deviceHorizon; });
 }
 
 void RegionEngine::reportRanging(Date now) {
@@ -287,14 +302,10 @@ void RegionEngine::reportDevices() {
     if (!delegate) return;
     const auto since = queue_->now() - scanner_->interval;
     std::vector<NearbyDevice> devices;
-    for (const auto& [key, entry] : devices_) {
-        const auto& [advertisement, at] = entry;
-        if (at < since) continue;
+    for (const auto& [key, device] : devices_) {
         // A device that tells no unique id (any but the vendor's own beacons, and every recorded one) is
         // known by its address, which on this platform names the radio it came from.
-        devices.push_back({advertisement.uniqueID.value_or(advertisement.address),
-                           advertisement.transmissionPower, advertisement.firmwareVersion,
-                           advertisement.batteryLevel, advertisement.rssi});
+        if (device.at >= since) devices.push_back(device.told);
     }
     delegate->didDiscoverDevices(devices);
 }

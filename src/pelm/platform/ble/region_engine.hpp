@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -52,7 +53,11 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
     ~RegionEngine() override;
 
     /// One advertisement, heard now. Non-iBeacon data still counts for discovery.
-    void hear(const HeardAdvertisement& advertisement);
+    void hear(const HeardAdvertisement& advertisement) {
+        hear(advertisement, parseIBeacon(advertisement.data));
+    }
+    /// The same, for a caller that parsed the advertisement's iBeacon frame (or found none) already.
+    void hear(const HeardAdvertisement& advertisement, const std::optional<IBeaconFrame>& frame);
 
     void setAPIKey(const std::string& key) override { apiKey_ = key; }
     std::unique_ptr<RegionMonitor> makeRegionMonitor(std::weak_ptr<RegionMonitorDelegate> delegate) override;
@@ -66,10 +71,23 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
   private:
     class Monitor;
     class Scanner;
+    // A beacon's identity, ordered as its text "UUID/major/minor" sorts, so that beacons of equal signal are
+    // ranged in the order they always were. The UUID's bytes sort as its hexadecimal text does, and the
+    // numbers are kept as the text they sort by ("major/minor", NUL-padded); both are held as big-endian
+    // words, which compare as their bytes do.
+    struct BeaconKey {
+        explicit BeaconKey(const IBeaconFrame& frame);
+        std::array<std::uint64_t, 4> words{};
+        friend bool operator<(const BeaconKey& a, const BeaconKey& b) { return a.words < b.words; }
+    };
     struct Heard {
         IBeaconFrame frame;
         Date at;
         int rssi;
+    };
+    struct Device {
+        NearbyDevice told;
+        Date at;
     };
     struct Watched {
         BeaconRegion region;
@@ -96,8 +114,8 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
     std::map<std::string, Watched> monitored_;
     std::map<std::string, BeaconRegion> ranged_;
     // Latest advertisement per beacon identity (and sender), and per device for discovery.
-    std::map<std::string, Heard> beacons_;
-    std::map<std::string, std::pair<HeardAdvertisement, Date>> devices_;
+    std::map<BeaconKey, Heard> beacons_;
+    std::map<std::string, Device, std::less<>> devices_;
     std::optional<MainQueue::TimerId> tick_;
     std::optional<Date> tickPhase_;
     std::uint64_t beaconAdvertisements_ = 0;
