@@ -2,6 +2,7 @@
 #include <pelm/model/app_config.hpp>
 #include <pelm/model/beacon.hpp>
 #include <pelm/model/content.hpp>
+#include <pelm/model/record_json.hpp>
 #include <pelm/model/session.hpp>
 #include <pelm/model/session_log.hpp>
 #include <pelm/platform/platform.hpp>
@@ -27,12 +28,12 @@ void installPlatform() {
 
 template <class Record>
 void roundTrip(std::string_view text) {
-    const auto record = Record::fromJSONText(text);
+    const auto record = pelm::fromJSONText<Record>(text);
     if (!record) std::abort();
-    const auto written = record->toJSON();
-    const auto again = Record::fromJSON(written)->toJSON();
+    const auto written = toJSON(*record);
+    const auto again = toJSON(*pelm::fromJSON<Record>(written));
     if (again != written) std::abort();
-    (void)record->toJSONText();
+    (void)toJSONText(*record);
 }
 
 }  // namespace

@@ -8,20 +8,16 @@
 namespace pelm {
 
 /// Where a host app starts: tell the library its token and server, and it fetches the app's configuration.
-class PELM_EXPORT PelmSDK {
+class PelmSDK {
   public:
     /// Stores token and host at once (before any server call, whatever the server answers), then fetches
     /// the configuration and stores its beacon UUID and vendor key. `completion`, if given, is called once
     /// on the main queue: true when the configuration was fetched and stored. A token or host that is not
     /// UTF-8 text is refused: one log line, nothing stored, and false.
-    static void setAppToken(const std::string& token, const std::string& host,
-                            std::function<void(bool successful)> completion = {});
+    PELM_EXPORT static void setAppToken(const std::string& token, const std::string& host,
+                                        std::function<void(bool successful)> completion = {});
     /// Hands the analytics property identifier to the analytics bridge, which keeps nothing.
-    static void setupGoogleAnalytics(const std::string& trackingID);
-
-  private:
-    static void updateAppConfig(const std::string& appToken, const std::string& apiHost,
-                                std::function<void(bool successful)> completion);
+    PELM_EXPORT static void setupGoogleAnalytics(const std::string& trackingID);
 };
 
 }  // namespace pelm

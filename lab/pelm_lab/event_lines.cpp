@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include <pelm/model/json_date_transform.hpp>
+#include <pelm/model/record_json.hpp>
 
 namespace pelm::lab {
 namespace {
@@ -72,9 +73,9 @@ struct Fields {
         line["kind"] = "visit_uploaded";
         line["stored"] = e.stored;
         line["beacon"] = beaconJSON(e.beacon);
-        line["session"] = e.session.toJSON();
+        line["session"] = toJSON(e.session);
         JSON lines = JSON::array();
-        for (const auto& visited : e.lines) lines.push_back(visited.toJSON());
+        for (const auto& visited : e.lines) lines.push_back(toJSON(visited));
         line["lines"] = std::move(lines);
     }
     void operator()(const events::NearbyDevices& e) const {

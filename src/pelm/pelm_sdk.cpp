@@ -8,6 +8,25 @@
 #include <pelm/sdk/settings_manager.hpp>
 
 namespace pelm {
+namespace {
+
+// Fetches the configuration and stores its beacon UUID and vendor key.
+void updateAppConfig(const std::string& appToken, const std::string& apiHost,
+                     std::function<void(bool successful)> completion) {
+    // The client may go at once: its call completes without it.
+    PelmAPIClient(appToken, apiHost)
+        .appConfig([completion](bool successful, std::shared_ptr<AppConfig> config) {
+            if (successful) {
+                // A configuration without a value removes what an earlier one stored.
+                const auto settings = SettingsManager::sharedInstance();
+                settings->setDefaultBeaconUUID(config ? config->defaultBeaconUUID : std::nullopt);
+                settings->setKontaktIoAPIKey(config ? config->kontaktIoAPIKey : std::nullopt);
+            }
+            if (completion) completion(successful);
+        });
+}
+
+}  // namespace
 
 void PelmSDK::setAppToken(const std::string& token, const std::string& host,
                           std::function<void(bool successful)> completion) {
@@ -25,21 +44,6 @@ void PelmSDK::setAppToken(const std::string& token, const std::string& host,
 
 void PelmSDK::setupGoogleAnalytics(const std::string& trackingID) {
     GoogleAnalyticsManager::setupGoogleAnalytics(trackingID);
-}
-
-void PelmSDK::updateAppConfig(const std::string& appToken, const std::string& apiHost,
-                              std::function<void(bool successful)> completion) {
-    // The client may go at once: its call completes without it.
-    PelmAPIClient(appToken, apiHost)
-        .appConfig([completion](bool successful, std::shared_ptr<AppConfig> config) {
-            if (successful) {
-                // A configuration without a value removes what an earlier one stored.
-                const auto settings = SettingsManager::sharedInstance();
-                settings->setDefaultBeaconUUID(config ? config->defaultBeaconUUID : std::nullopt);
-                settings->setKontaktIoAPIKey(config ? config->kontaktIoAPIKey : std::nullopt);
-            }
-            if (completion) completion(successful);
-        });
 }
 
 }  // namespace pelm

@@ -1,4 +1,5 @@
 #include <pelm/analytics/solvan.hpp>
+#include <pelm/analytics/solvan_texts.hpp>
 
 #include <gtest/gtest.h>
 

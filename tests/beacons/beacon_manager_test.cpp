@@ -3,6 +3,7 @@
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 #include <pelm/events/visit_event.hpp>
 #include <pelm/sdk/settings_manager.hpp>
+#include <pelm/session/pelm_session_manager.hpp>
 
 #include <gmock/gmock.h>
 
@@ -10,11 +11,6 @@
 #include "support/test_platform.hpp"
 
 namespace pelm {
-
-// Plays the vendor: the callbacks are private to the manager.
-struct BeaconManagerCallbacks {
-    static platform::RegionMonitorDelegate& vendorSide(PelmBeaconManager& manager) { return manager; }
-};
 
 namespace {
 
@@ -73,19 +69,6 @@ TEST_F(BeaconManagerTest, WithoutAVendorKeyNothingReachesTheVendor) {
                             "[PELM][ERROR] Nearby-device discovery needs a Kontakt.io API key.",
                             "[PELM][ERROR] Region monitoring needs a Kontakt.io API key."));
 
-    // Callbacks that arrive anyway find no vendor to act through and end no visit that never began.
-    auto& vendorSide = BeaconManagerCallbacks::vendorSide(*manager);
-    platform::RangedBeacon ranged;
-    ranged.proximityUUID = region().proximityUUID;
-    ranged.major = 1;
-    ranged.minor = 2;
-    vendorSide.didChangeLocationAuthorizationStatus(3);
-    vendorSide.didEnterRegion(region());
-    vendorSide.didDetermineState(RegionState::Inside, region(1, 2));
-    vendorSide.didRangeBeacons({ranged}, region());
-    vendorSide.didEnterRegion(region(1, 2));
-    vendorSide.didExitRegion(region(1, 2));
-    vendorSide.didExitRegion(region());
     EXPECT_THAT(vendor().calls, IsEmpty());
 }
 

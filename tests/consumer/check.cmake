@@ -14,6 +14,47 @@ foreach(header IN LISTS internal)
   endif()
 endforeach()
 
+# Each installed header is a host's to include on its own: it compiles alone, and (but for the test kit) it
+# shows the host only its API, with no private member function, JSON binding or test hook. How long each took is printed (a figure to
+# watch, not a pass mark).
+file(GLOB_RECURSE installed RELATIVE ${WORK_DIR}/prefix/include ${WORK_DIR}/prefix/include/pelm/*.hpp)
+foreach(header IN LISTS installed)
+  file(WRITE ${WORK_DIR}/alone.cpp "#include <${header}>\n")
+  string(TIMESTAMP started "%s%f")
+  execute_process(COMMAND ${CXX} -std=c++20 -fsyntax-only -Wall -Wextra -Wpedantic -Werror
+    -I${WORK_DIR}/prefix/include ${WORK_DIR}/alone.cpp RESULT_VARIABLE result ERROR_VARIABLE errors)
+  string(TIMESTAMP ended "%s%f")
+  if(result)
+    message(FATAL_ERROR "${header} does not compile on its own:\n${errors}")
+  endif()
+  math(EXPR milliseconds "(${ended} - ${started}) / 1000")
+  message(STATUS "${header} alone: ${milliseconds} ms")
+
+  # pelm::testing is the hosts' own test kit: its doubles are for tests by design.
+  if(header MATCHES "^pelm/testing/")
+    continue()
+  endif()
+  file(READ ${WORK_DIR}/prefix/include/${header} text)
+  if(text MATCHES "Mappable|JSONReader|JSONWriter|mapping\\(|RawValues|for tests|friend struct")
+    message(FATAL_ERROR "${header} shows the library's machinery: ${CMAKE_MATCH_0}")
+  endif()
+  # Members are private from a class's opening to its first access label, and after each `private:`.
+  file(STRINGS ${WORK_DIR}/prefix/include/${header} lines)
+  set(section public)
+  foreach(line IN LISTS lines)
+    if(line MATCHES "^ *(public|protected|private):")
+      set(section ${CMAKE_MATCH_1})
+    elseif(line MATCHES "^ *class [A-Za-z_]+[^;]*{")
+      set(section private)
+    elseif(line MATCHES "^ *struct [A-Za-z_]+[^;]*{" AND NOT section STREQUAL private)
+      set(section public)
+    elseif(section STREQUAL private AND NOT line MATCHES "^ *//" AND NOT line MATCHES "="
+           AND line MATCHES "^ *[^ (<].*[ *&~][A-Za-z_][A-Za-z0-9_]* *\\(")
+      message(FATAL_ERROR "${header} declares a private member function: ${line}")
+    endif()
+  endforeach()
+endforeach()
+
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -G Ninja
   -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix RESULT_VARIABLE result)
 if(result)

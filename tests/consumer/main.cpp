@@ -3,13 +3,17 @@
 #include <iostream>
 #include <string>
 
-// A host built against the installed tree: the records, the library's version as loaded against the
-// headers', and a status's name.
+// A host built against the installed tree: the records it receives, the library's version as loaded against
+// the headers', and a status's name.
 int main() {
-    const auto beacon = pelm::Beacon::fromJSONText(R"({"uuid":"U","major":"1","minor":"2"})");
+    const auto uuid = pelm::platform::ProximityUUID::parse("f7826da6-4fa2-4e98-8024-bc5b71e0893e");
+    if (!uuid) return 1;
+    const pelm::Beacon beacon(*uuid, 1, 2);
+    pelm::Content content;
+    content.extraInfo["shelf"] = beacon.minor.value_or("");
     const std::string headers = std::to_string(PELM_VERSION_MAJOR) + "." +
                                 std::to_string(PELM_VERSION_MINOR) + "." + std::to_string(PELM_VERSION_PATCH);
-    std::cout << beacon->toJSONText() << " " << pelm::version() << " "
+    std::cout << *beacon.uuid << " " << content.extraInfo.dump() << " " << pelm::version() << " "
               << pelm::to_string(pelm::BluetoothStatus::On) << "\n";
-    return beacon->major == "1" && headers == pelm::version() ? 0 : 1;
+    return beacon.major == "1" && headers == pelm::version() ? 0 : 1;
 }

@@ -2,6 +2,7 @@
 // nothing throws, every call completes exactly once, and a refusal says so in one line.
 #include <pelm/api/pelm_api_client.hpp>
 #include <pelm/model/json_text.hpp>
+#include <pelm/model/record_json.hpp>
 #include <pelm/pelm_sdk.hpp>
 #include <pelm/platform/proximity_uuid.hpp>
 #include <pelm/sdk/log.hpp>
@@ -83,13 +84,13 @@ TEST_F(HostileTextTest, EveryServerCallCompletesOnceWhateverItsTexts) {
 TEST(HostileText, RecordsDatesUuidsAndTheLogTakeAnyBytes) {
     testing::TestPlatform platform;
     for (const auto& text : hostileTexts()) {
-        auto content = Content::fromJSONText(text);
+        auto content = fromJSONText<Content>(text);
         content->contentType = text;
         content->textRecord = std::make_shared<TextRecord>();
         content->textRecord->name = text;
-        EXPECT_NO_THROW(content->toJSONText());
-        EXPECT_NO_THROW(Beacon(text, text, text).toJSONText());
-        EXPECT_NO_THROW(SessionLog(text, text, text, testing::kStart).toJSONText());
+        EXPECT_NO_THROW(toJSONText(*content));
+        EXPECT_NO_THROW(toJSONText(Beacon(text, text, text)));
+        EXPECT_NO_THROW(toJSONText(SessionLog(text, text, text, testing::kStart)));
         EXPECT_EQ(dateFromText(text), std::nullopt);
         EXPECT_EQ(platform::ProximityUUID::parse(text), std::nullopt);
         EXPECT_TRUE(APIRequest::hostProblem(text));

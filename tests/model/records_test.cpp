@@ -2,6 +2,7 @@
 #include <pelm/model/beacon.hpp>
 #include <pelm/model/content.hpp>
 #include <pelm/model/json_text.hpp>
+#include <pelm/model/record_json.hpp>
 #include <pelm/model/session.hpp>
 #include <pelm/model/session_log.hpp>
 
@@ -19,47 +20,47 @@ JSON parse(const char* text) {
 TEST(Records, EmptyObjectGivesEmptyRecordsThatWriteBackAsEmptyObjects) {
     testing::TestPlatform platform;
     const auto empty = JSON::object();
-    EXPECT_EQ(Beacon::fromJSON(empty)->toJSON(), empty);
-    EXPECT_EQ(Session::fromJSON(empty)->toJSON(), empty);
-    EXPECT_EQ(SessionLog::fromJSON(empty)->toJSON(), empty);
+    EXPECT_EQ(toJSON(*fromJSON<Beacon>(empty)), empty);
+    EXPECT_EQ(toJSON(*fromJSON<Session>(empty)), empty);
+    EXPECT_EQ(toJSON(*fromJSON<SessionLog>(empty)), empty);
     EXPECT_EQ(AppConfig::fromJSON(empty)->toJSON(), empty);
-    EXPECT_EQ(MetaInfo::fromJSON(empty)->toJSON(), empty);
+    EXPECT_EQ(toJSON(*fromJSON<MetaInfo>(empty)), empty);
     // The free dictionary is always written.
-    EXPECT_EQ(Content::fromJSON(empty)->toJSONText(), R"({"extra_info":{}})");
+    EXPECT_EQ(toJSONText(*fromJSON<Content>(empty)), R"({"extra_info":{}})");
 }
 
 TEST(Records, MalformedOrNonObjectInputGivesAnEmptyRecord) {
     for (const char* text : {"", "{", "[]", "\"x\"", "null", "{\"uuid\": \"a\",}", "\xff\xfe"}) {
-        const auto beacon = Beacon::fromJSONText(text);
+        const auto beacon = fromJSONText<Beacon>(text);
         ASSERT_TRUE(beacon);
         EXPECT_FALSE(beacon->uuid || beacon->major || beacon->minor) << text;
     }
     // Beyond any depth a reply can reach, refused whole, at any depth, without a crash.
     for (const std::size_t levels : {std::size_t{1024}, std::size_t{1'000'000}}) {
         const std::string deep = std::string(levels, '[') + std::string(levels, ']');
-        EXPECT_EQ(Content::fromJSONText(R"({"id": 7, "extra_info": )" + deep + "}")->id, std::nullopt);
+        EXPECT_EQ(fromJSONText<Content>(R"({"id": 7, "extra_info": )" + deep + "}")->id, std::nullopt);
     }
 }
 
 TEST(Records, AReplyNestedDeeperThanAnyRealOneStillKeepsItsFields) {
     const std::string deep = std::string(1000, '[') + std::string(1000, ']');
-    const auto content = Content::fromJSONText(R"({"id": 7, "extra_info": {"layers": )" + deep + "}}");
+    const auto content = fromJSONText<Content>(R"({"id": 7, "extra_info": {"layers": )" + deep + "}}");
     EXPECT_EQ(content->id, 7);
     EXPECT_EQ(content->extraInfo["layers"].size(), 1u);
 }
 
 TEST(Records, TextFieldsTakeOnlyStrings) {
-    const auto beacon = Beacon::fromJSON(parse(R"({"uuid": null, "major": 12, "minor": "", "extra": "x"})"));
+    const auto beacon = fromJSON<Beacon>(parse(R"({"uuid": null, "major": 12, "minor": "", "extra": "x"})"));
     EXPECT_EQ(beacon->uuid, std::nullopt);
     EXPECT_EQ(beacon->major, std::nullopt);
     EXPECT_EQ(beacon->minor, "");
     // An empty text is a value and is written.
-    EXPECT_EQ(Beacon("", "", "").toJSONText(), R"({"uuid":"","major":"","minor":""})");
-    EXPECT_EQ(Beacon("f7826da6-aaaa", "1", "2").toJSON()["uuid"], "f7826da6-aaaa");
+    EXPECT_EQ(toJSONText(Beacon("", "", "")), R"({"uuid":"","major":"","minor":""})");
+    EXPECT_EQ(toJSON(Beacon("f7826da6-aaaa", "1", "2"))["uuid"], "f7826da6-aaaa");
 }
 
 TEST(Records, ContentMapsEveryFieldInDeclarationOrder) {
-    const auto content = Content::fromJSON(parse(R"({
+    const auto content = fromJSON<Content>(parse(R"({
         "extra_info": {"deal": {"codes": [1, "two", null, {"deep": [true]}]}, "n": 1.5},
         "text_record": {"name": "Cheese week", "text": "Käse -20 %", "language_code": {"code": "de", "name": "Deutsch"}},
         "meta_info": {"image_uri": "https://img/1.png", "link_uri": "app://deal/1"},
@@ -78,7 +79,7 @@ TEST(Records, ContentMapsEveryFieldInDeclarationOrder) {
     EXPECT_EQ(content->extraInfo["deal"]["codes"][3]["deep"][0], true);
 
     EXPECT_EQ(
-        content->toJSONText(),
+        toJSONText(*content),
         R"({"id":9007199254740993,"active":false,"content_type":"coupon","display_type":"exit",)"
         R"("delay_time":0,"cool_down_time":300,"active_date_start":"whenever","active_date_stop":"2016-12-31",)"
         R"("active_time_start":"not a time","active_time_stop":"20:00",)"
@@ -88,25 +89,25 @@ TEST(Records, ContentMapsEveryFieldInDeclarationOrder) {
 }
 
 TEST(Records, ContentFieldsTakeOnlyTheirJsonTypes) {
-    const auto content = Content::fromJSON(parse(R"({
+    const auto content = fromJSON<Content>(parse(R"({
         "id": "7", "active": 1, "display_type": "Exit", "cool_down_time": "300", "delay_time": true,
         "meta_info": null, "text_record": "x", "extra_info": [1, 2], "content_type": 5})"));
     EXPECT_FALSE(content->id || content->active || content->displayType || content->coolDownTime ||
                  content->delayTime || content->metaInfo || content->textRecord || content->contentType);
     EXPECT_EQ(content->extraInfo, JSON::object());
-    EXPECT_EQ(Content::fromJSON(parse(R"({"display_type": 1})"))->displayType, std::nullopt);
-    EXPECT_EQ(Content::fromJSON(parse(R"({"display_type": "entry"})"))->displayType,
+    EXPECT_EQ(fromJSON<Content>(parse(R"({"display_type": 1})"))->displayType, std::nullopt);
+    EXPECT_EQ(fromJSON<Content>(parse(R"({"display_type": "entry"})"))->displayType,
               Content::DisplayType::entry);
     // An empty nested object is a nested record with empty fields, not an empty field.
     const auto nested =
-        Content::fromJSON(parse(R"({"meta_info": {}, "text_record": {"language_code": {}}})"));
+        fromJSON<Content>(parse(R"({"meta_info": {}, "text_record": {"language_code": {}}})"));
     ASSERT_TRUE(nested->metaInfo && nested->textRecord && nested->textRecord->languageCode);
     EXPECT_FALSE(nested->metaInfo->imageURI || nested->textRecord->languageCode->code);
 }
 
 TEST(Records, IntegerFieldsTakeWholeNumbersInRangeOnly) {
     const auto read = [](const char* number) {
-        return Content::fromJSON(parse((std::string(R"({"cool_down_time": )") + number + "}").c_str()))
+        return fromJSON<Content>(parse((std::string(R"({"cool_down_time": )") + number + "}").c_str()))
             ->coolDownTime;
     };
     EXPECT_EQ(read("0"), 0);
@@ -126,9 +127,9 @@ TEST(Records, AppConfigKeepsTextsAsReceived) {
     EXPECT_EQ(config->slcDistance, 3);
     EXPECT_EQ(config->maxSessionTime, std::nullopt);
     EXPECT_EQ(config->defaultBeaconUUID, "f7826da6-4fa2-4e98-8024-bc5b71e0893e");
-    EXPECT_EQ(config->toJSONText(), R"({"slc_distance":3,"min_sdk":"1.0.0",)"
-                                    R"("default_beacon_uuid":"f7826da6-4fa2-4e98-8024-bc5b71e0893e",)"
-                                    R"("kontakt_io_api_key":"abc"})");
+    EXPECT_EQ(toJSONText(*config), R"({"slc_distance":3,"min_sdk":"1.0.0",)"
+                                   R"("default_beacon_uuid":"f7826da6-4fa2-4e98-8024-bc5b71e0893e",)"
+                                   R"("kontakt_io_api_key":"abc"})");
 }
 
 TEST(Records, VisitRecordsWriteDatesAsTextAndLeaveOutEmptyOnes) {
@@ -137,31 +138,30 @@ TEST(Records, VisitRecordsWriteDatesAsTextAndLeaveOutEmptyOnes) {
     ::tzset();
     const Date entered{std::chrono::milliseconds{1'468'689'630'450}};
     SessionLog line("U", "7", "42", entered);
-    EXPECT_EQ(line.toJSONText(),
+    EXPECT_EQ(toJSONText(line),
               R"({"uuid":"U","major":"7","minor":"42","entrance_time":"2016-07-16T17:20:30.450+0000"})");
     line.exitTime = entered + std::chrono::seconds(90);
-    EXPECT_EQ(line.toJSON()["exit_time"], "2016-07-16T17:22:00.450+0000");
+    EXPECT_EQ(toJSON(line)["exit_time"], "2016-07-16T17:22:00.450+0000");
 
     Session session;
     session.appVersion = "2.4.1";
     session.sdkVersion = "1.0.0";
     session.operatingSystem = "iOS";
     session.startTime = entered;
-    EXPECT_EQ(session.toJSONText(),
-              R"({"app_version":"2.4.1","sdk_version":"1.0.0","operating_system":"iOS",)"
-              R"("start_time":"2016-07-16T17:20:30.450+0000"})");
+    EXPECT_EQ(toJSONText(session), R"({"app_version":"2.4.1","sdk_version":"1.0.0","operating_system":"iOS",)"
+                                   R"("start_time":"2016-07-16T17:20:30.450+0000"})");
 
-    const auto back = SessionLog::fromJSON(line.toJSON());
+    const auto back = fromJSON<SessionLog>(toJSON(line));
     EXPECT_EQ(back->entranceTime, entered);
     EXPECT_EQ(back->exitTime, line.exitTime);
     // A number or null under a date key gives no date.
-    const auto odd = SessionLog::fromJSON(parse(R"({"entrance_time": 1468689630, "exit_time": null})"));
+    const auto odd = fromJSON<SessionLog>(parse(R"({"entrance_time": 1468689630, "exit_time": null})"));
     EXPECT_FALSE(odd->entranceTime || odd->exitTime);
 }
 
 TEST(Records, InvalidUtf8InAFieldIsWrittenNotThrown) {
     const Beacon beacon("\xff\xfe", "1", "2");
-    EXPECT_NO_THROW(beacon.toJSONText());
+    EXPECT_NO_THROW(toJSONText(beacon));
 }
 
 TEST(JSONText, AProblemIsPlacedByLineAndCharacterWithoutEchoingTheBytes) {

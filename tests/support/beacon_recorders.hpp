@@ -5,7 +5,9 @@
 #include <utility>
 #include <vector>
 
+#include <pelm/analytics/solvan_texts.hpp>
 #include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/model/content.hpp>
 
 namespace pelm::testing {
 

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include <pelm/api/pelm_api_client.hpp>
+#include <pelm/model/record_json.hpp>
 #include <pelm/platform/proximity_uuid.hpp>
 
 #include "cli.hpp"
@@ -12,7 +13,7 @@ namespace pelm::cli {
 namespace {
 
 JSON orNull(const auto& record) {
-    return record ? record->toJSON() : JSON();
+    return record ? toJSON(*record) : JSON();
 }
 
 std::optional<std::int64_t> integerArgument(const std::string& text) {

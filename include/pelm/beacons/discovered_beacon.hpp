@@ -12,11 +12,14 @@ namespace pelm {
 
 /// One nearby beacon device with its technical data, as the host app receives it. A value: copies are
 /// independent.
-struct PELM_EXPORT DiscoveredBeacon {
+struct DiscoveredBeacon {
+    /// The device's unique id, as its vendor tells it.
     std::string identifier;
+    /// Its transmission power level, as it tells it.
     std::int64_t transmissionPower = 0;
     /// Empty when the device reports none.
     std::string firmwareVersion;
+    /// Its battery level in percent, as it tells it.
     std::uint64_t batteryLevel = 0;
     /// Received signal strength in dBm, as reported.
     int rssi = 0;

@@ -7,9 +7,12 @@
 #include <vector>
 
 #include <pelm/beacons/discovered_beacon.hpp>
-#include <pelm/model/content.hpp>
 
 namespace pelm {
+
+// A content is handed on by pointer, so the delegate's header needs only its name; a host that reads one
+// includes <pelm/model/content.hpp>, which brings the JSON of its extra data.
+struct Content;
 
 /// What the host app implements to hear from the beacon manager. All calls arrive on the main queue.
 class PELM_EXPORT PelmBeaconManagerDelegate {

@@ -1,22 +1,21 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <cstdint>
 #include <optional>
 #include <string>
 
-#include <pelm/model/json_binding.hpp>
 #include <pelm/platform/proximity_uuid.hpp>
 
 namespace pelm {
 
 /// A beacon's identity: proximity UUID in canonical 36-character form, major and minor as decimal text.
 /// Shared by reference (std::shared_ptr<Beacon>); two beacons are compared by their texts, never by address.
-class PELM_EXPORT Beacon : public Mappable<Beacon> {
-  public:
+struct Beacon {
+    /// The proximity UUID, as text.
     std::optional<std::string> uuid;
+    /// The major number, as decimal text.
     std::optional<std::string> major;
+    /// The minor number, as decimal text.
     std::optional<std::string> minor;
 
     Beacon() = default;
@@ -26,13 +25,6 @@ class PELM_EXPORT Beacon : public Mappable<Beacon> {
     /// From what the radio reports: upper-case UUID text, decimal major and minor.
     Beacon(const platform::ProximityUUID& proximityUUID, std::uint16_t major, std::uint16_t minor)
         : uuid(proximityUUID.uuidString()), major(std::to_string(major)), minor(std::to_string(minor)) {}
-
-    template <class Self, class Map>
-    static void mapping(Self& self, Map& map) {
-        map("uuid", self.uuid);
-        map("major", self.major);
-        map("minor", self.minor);
-    }
 };
 
 }  // namespace pelm

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include <pelm/model/json.hpp>
 #include <pelm/model/meta_info.hpp>
 #include <pelm/model/text_record.hpp>
 
@@ -14,50 +13,37 @@ namespace pelm {
 
 /// What the server assigns to a beacon for entering or leaving it. The library reads only `coolDownTime`;
 /// everything else reaches the host app as the server sent it.
-class PELM_EXPORT Content : public Mappable<Content> {
-  public:
+struct Content {
+    /// When a content is shown: on entering its beacon's region, or on leaving it.
     enum class DisplayType { entry, exit };
 
+    /// The server's id of the content.
     std::optional<std::int64_t> id;
+    /// Whether the server has the content switched on.
     std::optional<bool> active;
+    /// The kind of content, as the server names it.
     std::optional<std::string> contentType;
+    /// Entry or exit content.
     std::optional<DisplayType> displayType;
+    /// Seconds the server asks the host app to wait before showing it.
     std::optional<std::int64_t> delayTime;
     /// Seconds the same kind of content of the same beacon is held back after it was handed on.
     std::optional<std::int64_t> coolDownTime;
     // The activity period stays the server's text; it is not a date field.
+    /// First day of the activity period, as the server wrote it.
     std::optional<std::string> activeDateStart;
+    /// Last day of the activity period, as the server wrote it.
     std::optional<std::string> activeDateStop;
+    /// Daily start of the activity period, as the server wrote it.
     std::optional<std::string> activeTimeStart;
+    /// Daily end of the activity period, as the server wrote it.
     std::optional<std::string> activeTimeStop;
+    /// Where its image is and where it links to.
     std::shared_ptr<MetaInfo> metaInfo;
+    /// Its title, text and language.
     std::shared_ptr<TextRecord> textRecord;
     /// Free data for the host app, kept whole; always an object.
     JSON extraInfo = JSON::object();
-
-    template <class Self, class Map>
-    static void mapping(Self& self, Map& map) {
-        map("id", self.id);
-        map("active", self.active);
-        map("content_type", self.contentType);
-        map("display_type", self.displayType);
-        map("delay_time", self.delayTime);
-        map("cool_down_time", self.coolDownTime);
-        map("active_date_start", self.activeDateStart);
-        map("active_date_stop", self.activeDateStop);
-        map("active_time_start", self.activeTimeStart);
-        map("active_time_stop", self.activeTimeStop);
-        map("meta_info", self.metaInfo);
-        map("text_record", self.textRecord);
-        map("extra_info", self.extraInfo);
-    }
-};
-
-/// The texts of Content::DisplayType on the wire.
-template <>
-struct RawValues<Content::DisplayType> {
-    static constexpr std::array table{std::pair{Content::DisplayType::entry, std::string_view{"entry"}},
-                                      std::pair{Content::DisplayType::exit, std::string_view{"exit"}}};
 };
 
 }  // namespace pelm

@@ -1,25 +1,16 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <optional>
 #include <string>
-
-#include <pelm/model/json_binding.hpp>
 
 namespace pelm {
 
 /// The language of a content text.
-class PELM_EXPORT LanguageCode : public Mappable<LanguageCode> {
-  public:
+struct LanguageCode {
+    /// The language's code, such as "de".
     std::optional<std::string> code;
+    /// The language's name.
     std::optional<std::string> name;
-
-    template <class Self, class Map>
-    static void mapping(Self& self, Map& map) {
-        map("code", self.code);
-        map("name", self.name);
-    }
 };
 
 }  // namespace pelm

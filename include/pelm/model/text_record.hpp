@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,18 +9,13 @@
 namespace pelm {
 
 /// The text of a content, its title and its language.
-class PELM_EXPORT TextRecord : public Mappable<TextRecord> {
-  public:
+struct TextRecord {
+    /// The title.
     std::optional<std::string> name;
+    /// The text itself.
     std::optional<std::string> text;
+    /// Its language.
     std::shared_ptr<LanguageCode> languageCode;
-
-    template <class Self, class Map>
-    static void mapping(Self& self, Map& map) {
-        map("name", self.name);
-        map("text", self.text);
-        map("language_code", self.languageCode);
-    }
 };
 
 }  // namespace pelm

@@ -10,6 +10,7 @@ namespace pelm::platform {
 class PELM_EXPORT Clock {
   public:
     virtual ~Clock() = default;
+    /// The current instant.
     virtual Date now() const = 0;
 };
 

@@ -11,6 +11,7 @@ namespace pelm::platform {
 /// Watches whether one host name can be reached. The callbacks may come from any thread.
 class PELM_EXPORT ReachabilityWatcher {
   public:
+    /// Called with the watcher, from any thread.
     using Callback = std::function<void(ReachabilityWatcher&)>;
     virtual ~ReachabilityWatcher() = default;
     /// Set before starting: called when the host becomes reachable, and when it becomes unreachable.
@@ -19,6 +20,7 @@ class PELM_EXPORT ReachabilityWatcher {
     virtual bool startNotifier() = 0;
     /// No callback runs once this returns.
     virtual void stopNotifier() = 0;
+    /// Whether the host can be reached now.
     virtual bool isReachable() const = 0;
 };
 
@@ -26,6 +28,7 @@ class PELM_EXPORT ReachabilityWatcher {
 class PELM_EXPORT ReachabilityService {
   public:
     virtual ~ReachabilityService() = default;
+    /// A watcher of `host`; none when it cannot be watched.
     virtual std::unique_ptr<ReachabilityWatcher> makeWatcher(const std::string& host) = 0;
 };
 
@@ -34,6 +37,7 @@ class PELM_EXPORT ReachabilityService {
 class PELM_EXPORT LocationAuthorization {
   public:
     virtual ~LocationAuthorization() = default;
+    /// The authorisation now: 0 not determined, 1 restricted, 2 denied, 3 always, 4 when in use.
     virtual int authorizationStatus() const = 0;
     /// The answer, if it changes anything, arrives through the observers.
     virtual void requestAlwaysAuthorization() = 0;
@@ -46,6 +50,7 @@ class PELM_EXPORT LocationAuthorization {
 class PELM_EXPORT BluetoothState {
   public:
     virtual ~BluetoothState() = default;
+    /// The adapter's state now: 0 unknown, 1 resetting, 2 unsupported, 3 unauthorised, 4 off, 5 on.
     virtual int state() const = 0;
     /// Calls `onChange` on the main queue at every change, for as long as the returned handle is kept.
     virtual std::shared_ptr<void> observe(std::function<void(int state)> onChange) = 0;

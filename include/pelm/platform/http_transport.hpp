@@ -11,16 +11,22 @@
 namespace pelm::platform {
 
 /// One HTTP request as the transport sends it: the URL carries the query, the body a POST form.
-struct PELM_EXPORT HttpRequest {
+struct HttpRequest {
+    /// "GET" or "POST".
     std::string method;  // "GET" or "POST"
+    /// The whole URL, query included.
     std::string url;
+    /// Header names and values, in order.
     std::vector<std::pair<std::string, std::string>> headers;
+    /// The body to send; empty for none.
     std::string body;
 };
 
 /// The outcome of one exchange: a reply (any status), or a transport error and no reply.
-struct PELM_EXPORT HttpReply {
+struct HttpReply {
+    /// The HTTP status code; 0 without a reply.
     long status = 0;
+    /// The body as received.
     std::string body;
     /// Set when no complete reply arrived: connection, TLS, time-out, redirect or size failure.
     std::optional<std::string> error;
@@ -31,6 +37,7 @@ struct PELM_EXPORT HttpReply {
 class PELM_EXPORT HttpTransport {
   public:
     virtual ~HttpTransport() = default;
+    /// Sends `request` off the main queue and hands its reply or failure to `completion` once.
     virtual void send(HttpRequest request, std::function<void(HttpReply)> completion) = 0;
 };
 

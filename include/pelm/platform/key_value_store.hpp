@@ -13,8 +13,11 @@ namespace pelm::platform {
 class PELM_EXPORT KeyValueStore {
   public:
     virtual ~KeyValueStore() = default;
+    /// The text stored under `key`; none when there is none.
     virtual std::optional<std::string> get(std::string_view key) const = 0;
+    /// Stores `value` under `key`; false when it could not be stored.
     virtual void set(std::string_view key, std::string_view value) = 0;
+    /// Removes what `key` holds.
     virtual void remove(std::string_view key) = 0;
 };
 

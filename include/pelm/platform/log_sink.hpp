@@ -10,6 +10,7 @@ namespace pelm::platform {
 class PELM_EXPORT LogSink {
   public:
     virtual ~LogSink() = default;
+    /// Writes one line, as it is.
     virtual void write(std::string_view line) = 0;
 };
 

@@ -14,7 +14,9 @@ namespace pelm::platform {
 /// library's "now". Posting is safe from any thread; everything else belongs to the queue's own thread.
 class PELM_EXPORT MainQueue : public Clock {
   public:
+    /// A piece of work for the library's thread.
     using Task = std::function<void()>;
+    /// Names a timer, for cancel().
     using TimerId = std::uint64_t;
 
     /// Runs `task` on the queue, after everything posted before it.
@@ -29,7 +31,9 @@ class PELM_EXPORT MainQueue : public Clock {
     /// work began, so a run against a real server gives the same timeline every time. Every ticket is
     /// finished exactly once, from any thread.
     using Ticket = std::uint64_t;
+    /// Tells the queue that work off it has begun whose result it will receive.
     virtual Ticket beginExternalWork() { return 0; }
+    /// Hands that work's result to the queue, to run as a task.
     virtual void finishExternalWork(Ticket /*ticket*/, Task result) { post(std::move(result)); }
 };
 

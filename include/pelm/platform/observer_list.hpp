@@ -13,6 +13,7 @@ namespace pelm::platform {
 template <class... Args>
 class ObserverList {
   public:
+    /// Adds `observer`; it is called until the returned handle is let go.
     std::shared_ptr<void> add(std::function<void(Args...)> observer) {
         std::lock_guard lock(state_->mutex);
         const auto id = state_->next++;
@@ -25,6 +26,7 @@ class ObserverList {
             }
         });
     }
+    /// Calls every observer with `args`, outside the list's lock.
     void notify(Args... args) const {
         std::vector<std::function<void(Args...)>> observers;
         {

@@ -17,18 +17,24 @@ namespace pelm::platform {
 /// The services the library asks of the machine it runs on. A host installs one before the first use of
 /// the library; without one, the Linux platform is used. Every member but `beaconVendor` and the three
 /// device-status sources must be set; without a source, its status is not reported.
-struct PELM_EXPORT Platform {
+struct Platform {
     /// The library's thread and its clock.
     std::shared_ptr<MainQueue> mainQueue;
+    /// Where settings live.
     std::shared_ptr<KeyValueStore> store;
+    /// The device's identifier and the app's versions.
     std::shared_ptr<DeviceIdentity> identity;
+    /// Where log lines go.
     std::shared_ptr<LogSink> log;
+    /// How requests reach the server.
     std::shared_ptr<HttpTransport> http;
     /// Beacon monitoring, ranging and discovery; none where the machine has no beacon source.
     std::shared_ptr<BeaconVendor> beaconVendor;
     /// Device status: reachability of a host, location authorisation, Bluetooth.
     std::shared_ptr<ReachabilityService> reachability;
+    /// The location authorisation.
     std::shared_ptr<LocationAuthorization> location;
+    /// The Bluetooth adapter's state.
     std::shared_ptr<BluetoothState> bluetooth;
 };
 

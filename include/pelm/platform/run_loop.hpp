@@ -2,12 +2,9 @@
 
 #include <pelm/export.hpp>
 
-#include <condition_variable>
-#include <deque>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <thread>
+#include <chrono>
+#include <functional>
+#include <memory>
 
 #include <pelm/platform/main_queue.hpp>
 
@@ -17,6 +14,12 @@ namespace pelm::platform {
 /// drives it in slices with `runFor`/`runUntil`.
 class PELM_EXPORT RunLoop final : public MainQueue {
   public:
+    RunLoop();
+    ~RunLoop() override;
+    RunLoop(const RunLoop&) = delete;
+    RunLoop& operator=(const RunLoop&) = delete;
+
+    /// The system clock's now.
     Date now() const override { return systemNow(); }
     void post(Task task) override;
     TimerId postAfter(std::chrono::milliseconds delay, Task task) override;
@@ -24,6 +27,7 @@ class PELM_EXPORT RunLoop final : public MainQueue {
 
     /// Runs until `stop()` is called (from any thread, or from a task).
     void run();
+    /// Ends run() after the task it runs; from any thread.
     void stop();
     /// Runs for `duration`, then returns.
     void runFor(std::chrono::milliseconds duration);
@@ -31,16 +35,8 @@ class PELM_EXPORT RunLoop final : public MainQueue {
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
   private:
-    using SteadyTime = std::chrono::steady_clock::time_point;
-    // Runs one due item, or waits for one until `deadline`; false once stopped or past the deadline.
-    bool runOne(std::optional<SteadyTime> deadline);
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<Task> ready_;
-    std::multimap<SteadyTime, std::pair<TimerId, Task>> timers_;
-    TimerId nextTimer_ = 1;
-    bool stopping_ = false;
+    struct State;
+    std::unique_ptr<State> state_;
 };
 
 }  // namespace pelm::platform

@@ -10,8 +10,11 @@ namespace pelm {
 class PELM_EXPORT PelmDeviceStatusManagerDelegate {
   public:
     virtual ~PelmDeviceStatusManagerDelegate() = default;
+    /// The server's host became reachable or unreachable.
     virtual void didChangeReachableStatus(ReachableStatus status) = 0;
+    /// The location authorisation changed.
     virtual void didChangeLocationStatus(LocationStatus status) = 0;
+    /// Bluetooth's state changed.
     virtual void didChangeBluetoothStatus(BluetoothStatus status) = 0;
 };
 

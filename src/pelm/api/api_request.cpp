@@ -1,4 +1,5 @@
 #include <pelm/api/api_request.hpp>
+#include <pelm/model/record_json.hpp>
 
 #include <algorithm>
 #include <charconv>
@@ -19,7 +20,7 @@ template <class... Visitors>
 Overloaded(Visitors...) -> Overloaded<Visitors...>;
 
 JSON objectOf(const auto& record) {
-    return record ? record->toJSON() : JSON::object();
+    return record ? toJSON(*record) : JSON::object();
 }
 
 // A lookup is meaningless without the whole identity; a missing text is sent empty and finds nothing.

@@ -1,38 +1,70 @@
 #include <pelm/platform/run_loop.hpp>
 
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+
 namespace pelm::platform {
+
+namespace detail {
+
+// The queue itself: tasks ready to run, timers by their steady-clock deadline. It stands outside RunLoop, so
+// that none of it is exported with the class.
+struct QueueState {
+    using SteadyTime = std::chrono::steady_clock::time_point;
+
+    // Runs one due item, or waits for one until `deadline`; false once stopped or past the deadline.
+    bool runOne(std::optional<SteadyTime> deadline);
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<MainQueue::Task> ready_;
+    std::multimap<SteadyTime, std::pair<MainQueue::TimerId, MainQueue::Task>> timers_;
+    MainQueue::TimerId nextTimer_ = 1;
+    bool stopping_ = false;
+};
+
+}  // namespace detail
+
+struct RunLoop::State : detail::QueueState {};
+
+RunLoop::RunLoop() : state_(std::make_unique<State>()) {}
+
+RunLoop::~RunLoop() = default;
 
 void RunLoop::post(Task task) {
     {
-        std::lock_guard lock(mutex_);
-        ready_.push_back(std::move(task));
+        std::lock_guard lock(state_->mutex_);
+        state_->ready_.push_back(std::move(task));
     }
-    wake_.notify_one();
+    state_->wake_.notify_one();
 }
 
 MainQueue::TimerId RunLoop::postAfter(std::chrono::milliseconds delay, Task task) {
     TimerId id;
     {
-        std::lock_guard lock(mutex_);
-        id = nextTimer_++;
-        timers_.emplace(std::chrono::steady_clock::now() + delay, std::pair{id, std::move(task)});
+        std::lock_guard lock(state_->mutex_);
+        id = state_->nextTimer_++;
+        state_->timers_.emplace(std::chrono::steady_clock::now() + delay, std::pair{id, std::move(task)});
     }
-    wake_.notify_one();
+    state_->wake_.notify_one();
     return id;
 }
 
 void RunLoop::cancel(TimerId timer) {
-    std::lock_guard lock(mutex_);
-    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
+    std::lock_guard lock(state_->mutex_);
+    for (auto it = state_->timers_.begin(); it != state_->timers_.end(); ++it) {
         if (it->second.first == timer) {
-            timers_.erase(it);
+            state_->timers_.erase(it);
             return;
         }
     }
 }
 
-bool RunLoop::runOne(std::optional<SteadyTime> deadline) {
-    Task task;
+bool detail::QueueState::runOne(std::optional<SteadyTime> deadline) {
+    MainQueue::Task task;
     {
         std::unique_lock lock(mutex_);
         for (;;) {
@@ -66,18 +98,18 @@ bool RunLoop::runOne(std::optional<SteadyTime> deadline) {
 }
 
 void RunLoop::run() {
-    while (runOne(std::nullopt)) {
+    while (state_->runOne(std::nullopt)) {
     }
-    std::lock_guard lock(mutex_);
-    stopping_ = false;
+    std::lock_guard lock(state_->mutex_);
+    state_->stopping_ = false;
 }
 
 void RunLoop::stop() {
     {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
+        std::lock_guard lock(state_->mutex_);
+        state_->stopping_ = true;
     }
-    wake_.notify_all();
+    state_->wake_.notify_all();
 }
 
 void RunLoop::runFor(std::chrono::milliseconds duration) {
@@ -87,9 +119,9 @@ void RunLoop::runFor(std::chrono::milliseconds duration) {
 bool RunLoop::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     bool held = done();
-    while (!held && runOne(deadline)) held = done();
-    std::lock_guard lock(mutex_);
-    stopping_ = false;
+    while (!held && state_->runOne(deadline)) held = done();
+    std::lock_guard lock(state_->mutex_);
+    state_->stopping_ = false;
     return held;
 }
 

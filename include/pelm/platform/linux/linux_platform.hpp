@@ -15,7 +15,8 @@ namespace pelm::platform {
 /// store that does not exist yet, with no adapter and no beacons: its advertisements are played in real time
 /// into the same region engine the adapter would feed, once the first region monitor or device scanner is
 /// made.
-struct PELM_EXPORT BeaconSource {
+struct BeaconSource {
+    /// Where the advertisements come from.
     enum class Kind {
         /// BlueZ's adapter, when it has one; without one there is no beacon vendor.
         BluetoothAdapter,
@@ -26,25 +27,32 @@ struct PELM_EXPORT BeaconSource {
         /// No beacons at all: the radio is left alone.
         None,
     };
+    /// The source's kind.
     Kind kind = Kind::BluetoothAdapter;
     /// The scenario or recording file.
     std::filesystem::path file;
 
+    /// The machine's Bluetooth adapter.
     static BeaconSource bluetoothAdapter() { return {}; }
+    /// A simulated store, from its JSON file.
     static BeaconSource scenario(std::filesystem::path file) { return {Kind::Scenario, std::move(file)}; }
+    /// A recording, from its file.
     static BeaconSource recording(std::filesystem::path file) { return {Kind::Recording, std::move(file)}; }
+    /// No beacons.
     static BeaconSource none() { return {Kind::None, {}}; }
 };
 
 /// What a host tells the Linux platform about itself. Every field has a sensible default.
-struct PELM_EXPORT LinuxPlatformOptions {
+struct LinuxPlatformOptions {
     /// Names the settings file; defaults to the running program's name.
     std::string appName;
     /// Folder for the settings file; defaults to $XDG_CONFIG_HOME/pelm (or ~/.config/pelm).
     std::optional<std::filesystem::path> configDirectory;
     /// Mixed into the device identifier, so apps of one vendor share it; defaults to the app name.
     std::string vendorName;
+    /// The host app's version, for visit records.
     std::string appVersion;
+    /// The host app's build, for visit records.
     std::string appBuildVersion;
     /// Certificates trusted besides the system's, for a server with a certificate of its own making.
     std::optional<std::filesystem::path> extraCABundle;

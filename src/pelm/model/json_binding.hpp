@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <cmath>
 #include <concepts>
 #include <cstdint>
@@ -11,18 +9,31 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
-
+#include <pelm/model/json.hpp>
 #include <pelm/model/json_text.hpp>
 #include <pelm/model/raw_values.hpp>
 
 namespace pelm {
 
-using JSON = nlohmann::ordered_json;
+/// A record's binding list: `mapping(self, map)` names each field's key, in order, and serves both
+/// directions. A record that carries its own (the reply envelopes) is asked for it; the records a host app
+/// receives are plain, and theirs are specialisations of this in record_json.hpp.
+template <class Record>
+struct Binding {
+    template <class Self, class Map>
+    static void mapping(Self& self, Map& map) {
+        Record::mapping(self, map);
+    }
+};
+
+template <class Record>
+std::shared_ptr<Record> fromJSON(const JSON& json);
+template <class Record>
+JSON toJSON(const Record& record);
 
 /// Reading direction of a record's binding list: each field takes its member only when the member has the
 /// field's JSON type; anything else (missing, null, another type) leaves the field as it is.
-class PELM_EXPORT JSONReader {
+class JSONReader {
   public:
     explicit JSONReader(const JSON& object) : object_(object) {}
 
@@ -45,7 +56,7 @@ class PELM_EXPORT JSONReader {
     }
     template <class Record>
     void operator()(std::string_view key, std::shared_ptr<Record>& field) const {
-        if (const auto* value = find(key); value && value->is_object()) field = Record::fromJSON(*value);
+        if (const auto* value = find(key); value && value->is_object()) field = fromJSON<Record>(*value);
     }
     /// A free-form dictionary: taken whole when the member is an object.
     void operator()(std::string_view key, JSON& dictionary) const {
@@ -87,7 +98,7 @@ class PELM_EXPORT JSONReader {
 };
 
 /// Writing direction: fields with a value are written in binding order; empty ones are left out.
-class PELM_EXPORT JSONWriter {
+class JSONWriter {
   public:
     template <class T>
     void operator()(std::string_view key, const std::optional<T>& field) {
@@ -100,7 +111,7 @@ class PELM_EXPORT JSONWriter {
     }
     template <class Record>
     void operator()(std::string_view key, const std::shared_ptr<Record>& field) {
-        if (field) object_[std::string(key)] = field->toJSON();
+        if (field) object_[std::string(key)] = toJSON(*field);
     }
     /// A free-form dictionary is always written, as {} when empty.
     void operator()(std::string_view key, const JSON& dictionary) {
@@ -117,31 +128,46 @@ class PELM_EXPORT JSONWriter {
     JSON object_ = JSON::object();
 };
 
-/// Gives a record with a `mapping(self, map)` binding list its two JSON directions. Reading never fails:
-/// anything that is not an object gives a record with every field empty.
+/// A record from JSON by its binding list. Reading never fails: anything that is not an object gives a
+/// record with every field empty.
 template <class Record>
-class PELM_EXPORT Mappable {
+std::shared_ptr<Record> fromJSON(const JSON& json) {
+    auto record = std::make_shared<Record>();
+    if (json.is_object()) {
+        JSONReader reader(json);
+        Binding<Record>::mapping(*record, reader);
+    }
+    return record;
+}
+/// The same from JSON text; malformed text gives an empty record.
+template <class Record>
+std::shared_ptr<Record> fromJSONText(std::string_view text) {
+    const auto parsed = parseJSONText(text);
+    return fromJSON<Record>(parsed ? *parsed : JSON());
+}
+/// A record as JSON: the fields that have a value, in binding order.
+template <class Record>
+JSON toJSON(const Record& record) {
+    JSONWriter writer;
+    Binding<Record>::mapping(record, writer);
+    return writer.take();
+}
+/// The same as text; invalid UTF-8 in a text field is replaced rather than thrown at the caller.
+template <class Record>
+std::string toJSONText(const Record& record) {
+    return jsonText(toJSON(record));
+}
+
+/// Gives a record with a `mapping(self, map)` binding list of its own the two directions as members.
+template <class Record>
+class Mappable {
   public:
-    static std::shared_ptr<Record> fromJSON(const JSON& json) {
-        auto record = std::make_shared<Record>();
-        if (json.is_object()) {
-            JSONReader reader(json);
-            Record::mapping(*record, reader);
-        }
-        return record;
-    }
-    /// Malformed text gives an empty record.
+    static std::shared_ptr<Record> fromJSON(const JSON& json) { return pelm::fromJSON<Record>(json); }
     static std::shared_ptr<Record> fromJSONText(std::string_view text) {
-        const auto parsed = parseJSONText(text);
-        return fromJSON(parsed ? *parsed : JSON());
+        return pelm::fromJSONText<Record>(text);
     }
-    JSON toJSON() const {
-        JSONWriter writer;
-        Record::mapping(static_cast<const Record&>(*this), writer);
-        return writer.take();
-    }
-    /// Invalid UTF-8 in a text field is replaced rather than thrown at the caller.
-    std::string toJSONText() const { return jsonText(toJSON()); }
+    JSON toJSON() const { return pelm::toJSON(static_cast<const Record&>(*this)); }
+    std::string toJSONText() const { return pelm::toJSONText(static_cast<const Record&>(*this)); }
 
   protected:
     Mappable() = default;

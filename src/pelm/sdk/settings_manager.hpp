@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,7 +12,7 @@ namespace pelm {
 /// The four values the library keeps across launches of the host app, and three facts about the device
 /// and the app. Nothing is cached: every read goes to the store or the platform, every write straight to
 /// the store, and writing none removes the key.
-class PELM_EXPORT SettingsManager {
+class SettingsManager {
   public:
     // The key texts are the storage format: a later version must find what an earlier one wrote.
     const std::string appTokenKey = "pelm.apptoken";

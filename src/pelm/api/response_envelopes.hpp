@@ -1,13 +1,12 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <memory>
 #include <optional>
 #include <string>
 
 #include <pelm/model/app_config.hpp>
 #include <pelm/model/content.hpp>
+#include <pelm/model/record_json.hpp>
 
 namespace pelm {
 
@@ -23,7 +22,7 @@ struct RawValues<APIResponseStatus> {
 };
 
 /// The reply to a status call: the server's version texts.
-class PELM_EXPORT StatusResponse : public Mappable<StatusResponse> {
+class StatusResponse : public Mappable<StatusResponse> {
   public:
     std::optional<APIResponseStatus> status;
     std::optional<std::string> version;
@@ -40,7 +39,7 @@ class PELM_EXPORT StatusResponse : public Mappable<StatusResponse> {
 };
 
 /// The reply to an app configuration call: the configuration under "app_config".
-class PELM_EXPORT AppConfigResponse : public Mappable<AppConfigResponse> {
+class AppConfigResponse : public Mappable<AppConfigResponse> {
   public:
     std::optional<APIResponseStatus> status;
     std::shared_ptr<AppConfig> appConfig;
@@ -53,7 +52,7 @@ class PELM_EXPORT AppConfigResponse : public Mappable<AppConfigResponse> {
 };
 
 /// The reply to a content-by-id call: the content under "content".
-class PELM_EXPORT ContentByIdResponse : public Mappable<ContentByIdResponse> {
+class ContentByIdResponse : public Mappable<ContentByIdResponse> {
   public:
     std::optional<APIResponseStatus> status;
     std::shared_ptr<Content> content;
@@ -67,7 +66,7 @@ class PELM_EXPORT ContentByIdResponse : public Mappable<ContentByIdResponse> {
 
 /// The reply to a content-by-hardware call: the beacon's entry and exit content. Note the word order:
 /// fields entry/exit first, keys content_ first.
-class PELM_EXPORT ContentByHardwareResponse : public Mappable<ContentByHardwareResponse> {
+class ContentByHardwareResponse : public Mappable<ContentByHardwareResponse> {
   public:
     std::optional<APIResponseStatus> status;
     std::shared_ptr<Content> entryContent;
@@ -82,7 +81,7 @@ class PELM_EXPORT ContentByHardwareResponse : public Mappable<ContentByHardwareR
 };
 
 /// The reply to a session upload: only its status.
-class PELM_EXPORT SessionResponse : public Mappable<SessionResponse> {
+class SessionResponse : public Mappable<SessionResponse> {
   public:
     std::optional<APIResponseStatus> status;
 

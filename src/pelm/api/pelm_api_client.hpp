@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,7 +18,7 @@ namespace pelm {
 /// completion exactly once, on the main queue: true with the payload, or false with none after one error
 /// line in the log. A call in flight needs nothing of the client: dropping the client right after a call
 /// still completes it.
-class PELM_EXPORT PelmAPIClient {
+class PelmAPIClient {
   public:
     using StatusCompletion = std::function<void(bool successful, std::shared_ptr<StatusResponse> status)>;
     using AppConfigCompletion = std::function<void(bool successful, std::shared_ptr<AppConfig> appConfig)>;
@@ -62,6 +60,6 @@ class PELM_EXPORT PelmAPIClient {
 
 /// `text` with every app_token= value (of a query or a form) replaced by ***. Only whole values are masked:
 /// a token that also occurs as a word elsewhere in the text leaves that word alone.
-PELM_EXPORT std::string withoutSecret(std::string text);
+std::string withoutSecret(std::string text);
 
 }  // namespace pelm

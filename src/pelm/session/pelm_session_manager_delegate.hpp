@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <memory>
 #include <string>
 
@@ -11,7 +9,7 @@
 namespace pelm {
 
 /// What the session manager tells its owner: content found for a beacon, and short status lines.
-class PELM_EXPORT PelmSessionManagerDelegate {
+class PelmSessionManagerDelegate {
   public:
     virtual ~PelmSessionManagerDelegate() = default;
     virtual void didFindNewContent(std::shared_ptr<Content> content, std::shared_ptr<Beacon> beacon) = 0;

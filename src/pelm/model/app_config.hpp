@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,7 +9,7 @@
 namespace pelm {
 
 /// The configuration the server keeps for one host app.
-class PELM_EXPORT AppConfig : public Mappable<AppConfig> {
+class AppConfig : public Mappable<AppConfig> {
   public:
     std::optional<std::int64_t> slcDistance;
     std::optional<std::string> minSDK;

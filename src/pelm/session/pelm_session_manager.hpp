@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -28,7 +26,7 @@ namespace pelm {
 ///
 /// A server call in flight keeps the manager alive until its completion has run; the delegate is held
 /// weakly (its owner owns this manager) and is skipped when it is gone.
-class PELM_EXPORT PelmSessionManager : public std::enable_shared_from_this<PelmSessionManager> {
+class PelmSessionManager : public std::enable_shared_from_this<PelmSessionManager> {
   public:
     /// Content of one beacon and display type held back until `showAfter`.
     struct CoolDownBeacon {

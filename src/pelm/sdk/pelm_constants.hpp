@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,7 +7,7 @@
 namespace pelm {
 
 /// Fixed texts that go into requests and visit records, and the server's base address.
-struct PELM_EXPORT PelmConstants {
+struct PelmConstants {
     static constexpr std::string_view sdkVersion = "1.0.0";
     /// The name the server has always been sent for the operating system.
     static constexpr std::string_view operatingSystem = "iOS";

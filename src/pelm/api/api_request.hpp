@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -11,6 +9,7 @@
 #include <vector>
 
 #include <pelm/model/beacon.hpp>
+#include <pelm/model/json.hpp>
 #include <pelm/model/session.hpp>
 #include <pelm/model/session_log.hpp>
 #include <pelm/platform/http_transport.hpp>
@@ -19,7 +18,7 @@ namespace pelm {
 
 /// One call to the content server, and the HTTP request it becomes. The token and user travel as ordinary
 /// parameters; no call sets an authentication header.
-class PELM_EXPORT APIRequest {
+class APIRequest {
   public:
     /// Whether the server answers for the app: GET status.
     struct Status {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,7 +11,7 @@ namespace pelm {
 
 /// Dates travel as "yyyy-MM-dd'T'HH:mm:ss.SSSZ": 2016-07-16T19:20:30.450+0200, written in the local time
 /// zone and read back with the offset in the text deciding the instant.
-class PELM_EXPORT JSONDateTransform {
+class JSONDateTransform {
   public:
     /// The date's text, or none for no date.
     std::optional<std::string> transformToJSON(const std::optional<Date>& value) const;
@@ -23,10 +21,10 @@ class PELM_EXPORT JSONDateTransform {
 };
 
 /// The date text in the local time zone, to the millisecond.
-PELM_EXPORT std::string dateText(Date date);
+std::string dateText(Date date);
 /// The instant a date text names, or none when the text does not match the form in full.
-PELM_EXPORT std::optional<Date> dateFromText(std::string_view text);
+std::optional<Date> dateFromText(std::string_view text);
 /// The short human form "2016-07-16 17:20:30 +0000", always in UTC, to the second.
-PELM_EXPORT std::string dateDescription(Date date);
+std::string dateDescription(Date date);
 
 }  // namespace pelm

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <pelm/export.hpp>
-
 #include <cstddef>
 #include <optional>
 #include <string_view>
@@ -16,20 +14,19 @@ namespace pelm {
 inline constexpr std::size_t kMaxJSONDepth = 1023;
 
 /// Parses JSON text; none for malformed text or text nested deeper than `maxDepth`. Never throws.
-PELM_EXPORT std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text,
-                                                                std::size_t maxDepth = kMaxJSONDepth);
+std::optional<nlohmann::ordered_json> parseJSONText(std::string_view text,
+                                                    std::size_t maxDepth = kMaxJSONDepth);
 
 /// Why `text` is not JSON, for a person fixing the file: "line 3, column 14: syntax error while parsing
 /// object - unexpected '}'; expected string literal"; none when it parses. Never throws.
-PELM_EXPORT std::optional<std::string> jsonTextProblem(std::string_view text,
-                                                       std::size_t maxDepth = kMaxJSONDepth);
+std::optional<std::string> jsonTextProblem(std::string_view text, std::size_t maxDepth = kMaxJSONDepth);
 
 /// The JSON text of a value (indented by `indent` spaces per level, or on one line when negative). Never
 /// throws: a text that is not valid UTF-8, which JSON cannot carry, has its bad bytes replaced by U+FFFD.
 /// Where losing bytes matters, check with isValidUTF8 first.
-PELM_EXPORT std::string jsonText(const nlohmann::ordered_json& value, int indent = -1);
+std::string jsonText(const nlohmann::ordered_json& value, int indent = -1);
 
 /// Whether `text` is well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
-PELM_EXPORT bool isValidUTF8(std::string_view text);
+bool isValidUTF8(std::string_view text);
 
 }  // namespace pelm

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/platform/region_monitor.hpp>
+#include <pelm/session/pelm_session_manager.hpp>
+
+namespace pelm::detail {
+
+/// What a PelmBeaconManager is made of: the vendor's monitor and scanner, the session manager, the main
+/// region and the analytics fields, and every callback of the vendor and of the session manager. The host
+/// sees none of it; the manager's overridable operations (discovery, stopping, analytics) are called back on
+/// the manager, so a subclass sees them as before.
+class BeaconManagerEngine final : public PelmSessionManagerDelegate,
+                                  public platform::RegionMonitorDelegate,
+                                  public platform::DeviceScannerDelegate {
+  public:
+    BeaconManagerEngine(PelmBeaconManager& owner, std::shared_ptr<platform::BeaconVendor> vendor);
+
+    /// Reads the stored vendor key and UUID once, now, and sets up accordingly.
+    void setUp();
+    void startMonitoring();
+    void stopMonitoring(const std::optional<platform::BeaconRegion>& region);
+    void startDiscovery(std::optional<double> interval);
+    void stopDiscovery();
+
+    const std::shared_ptr<PelmSessionManager>& sessionManager() const { return sessionManager_; }
+    const std::optional<platform::BeaconRegion>& mainRegion() const { return mainRegion_; }
+    bool firstBeacon() const { return firstBeacon_; }
+    std::optional<std::int64_t> lastBeaconMajorId() const { return lastBeaconMajorId_; }
+
+    // The vendor's callbacks.
+    void didChangeLocationAuthorizationStatus(platform::AuthorizationStatus status) override;
+    void didDetermineState(platform::RegionState state, const platform::BeaconRegion& region) override;
+    void didEnterRegion(const platform::BeaconRegion& region) override;
+    void didExitRegion(const platform::BeaconRegion& region) override;
+    void didRangeBeacons(const std::vector<platform::RangedBeacon>& beacons,
+                         const platform::BeaconRegion& region) override;
+    void didDiscoverDevices(const std::optional<std::vector<platform::NearbyDevice>>& devices) override;
+    void didFailToStartDiscovery(const std::optional<std::string>& error) override;
+
+    // The session manager's callbacks.
+    void didFindNewContent(std::shared_ptr<Content> content, std::shared_ptr<Beacon> beacon) override;
+    void didChangeSessionStatus(const std::string& status, bool critical) override;
+
+  private:
+    /// This engine as one of its interfaces, alive as long as its manager.
+    template <class Base>
+    std::weak_ptr<Base> weakAs();
+
+    void setupSessionManager();
+    void setupKontaktSDK();
+    void setupMainRegion();
+    void monitorNewRegion(const platform::ProximityUUID& uuid, std::uint16_t major, std::uint16_t minor);
+    void startRangingForRegion(const platform::BeaconRegion& region);
+    void stopRangingForRegion(const platform::BeaconRegion& region);
+    void addSessionEntryLogForRegion(const platform::BeaconRegion& region);
+    void publishEntry(const platform::BeaconRegion& region, bool alreadyInside);
+    void sendLog(const std::string& text, bool critical) const;
+
+    void trackSubRegionEntry(const platform::BeaconRegion& region);
+    void trackSubRegionExit(const platform::BeaconRegion& region);
+    void trackMainRegionExit();
+
+    PelmBeaconManager& owner_;
+    std::shared_ptr<platform::BeaconVendor> vendor_;
+    std::unique_ptr<platform::RegionMonitor> beaconManger_;
+    std::unique_ptr<platform::DeviceScanner> deviceManager_;
+    std::shared_ptr<PelmSessionManager> sessionManager_;
+    std::optional<platform::BeaconRegion> mainRegion_;
+    bool firstBeacon_ = true;
+    std::optional<std::int64_t> lastBeaconMajorId_;
+};
+
+}  // namespace pelm::detail
