@@ -225,7 +225,13 @@ TEST(Replay, APipePlaysAsItsFileAndABeaconFirstHeardLateGetsItsContent) {
     EXPECT_EQ(piped.summary.line(), whole.summary.line());
     EXPECT_EQ(piped.summary.line(),
               "80000 advertisements (27500 iBeacon) from 11 devices over 02:49.9 of recording");
-    EXPECT_EQ(piped.storedVisits.dump(), whole.storedVisits.dump());
+    // The visits as stored, but for the server's own clock.
+    const auto visits = [](JSON stored) {
+        for (auto& visit : stored) visit.erase("received_at");
+        return stored.dump();
+    };
+    ASSERT_EQ(piped.storedVisits.size(), 1u);
+    EXPECT_EQ(visits(piped.storedVisits), visits(whole.storedVisits));
     std::vector<std::string> handedOn;
     for (const auto& event : piped.timeline) {
         if (const auto* content = event.as<events::ContentHandedOn>())
