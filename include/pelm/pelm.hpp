@@ -9,6 +9,7 @@
 #include <pelm/events/visit_event.hpp>
 #include <pelm/model/beacon.hpp>
 #include <pelm/model/content.hpp>
+#include <pelm/model/content_display_type.hpp>
 #include <pelm/model/date.hpp>
 #include <pelm/model/json.hpp>
 #include <pelm/model/language_code.hpp>

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <variant>
 
+#include <pelm/model/content.hpp>
 #include <pelm/model/json_date_transform.hpp>
 
 #include "pelm_server/text_numbers.hpp"

@@ -11,6 +11,7 @@
 #include <map>
 #include <thread>
 
+#include <pelm/model/content.hpp>
 #include <pelm/model/json_date_transform.hpp>
 #include <pelm/platform/ble/recording_reader.hpp>
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 
+#include <pelm/model/content.hpp>
 #include <pelm/model/json_text.hpp>
 
 #include "pelm_lab/event_lines.hpp"

@@ -9,11 +9,17 @@
 #include <vector>
 
 #include <pelm/beacons/discovered_beacon.hpp>
-#include <pelm/model/content.hpp>
+#include <pelm/model/content_display_type.hpp>
 #include <pelm/model/date.hpp>
 #include <pelm/model/session.hpp>
 #include <pelm/model/session_log.hpp>
 #include <pelm/status/status_enums.hpp>
+
+namespace pelm {
+// Handed on by pointer: the events need only its name. A host that reads one includes
+// <pelm/model/content.hpp>.
+struct Content;
+}  // namespace pelm
 
 /// What happened during a visit, as typed values: the same facts the delegates' status lines tell in words,
 /// with the beacon each one concerns. Subscribe with pelm::events::subscribe().
@@ -76,15 +82,15 @@ struct SubRegionLeft {
 
 /// Content the server assigned to a beacon, handed to the host app.
 struct ContentHandedOn {
-    BeaconIdentity beacon;                                           ///< The beacon it belongs to.
-    Content::DisplayType displayType = Content::DisplayType::entry;  ///< Entry or exit content.
-    std::shared_ptr<const Content> content;                          ///< As the delegate receives it.
+    BeaconIdentity beacon;                                       ///< The beacon it belongs to.
+    ContentDisplayType displayType = ContentDisplayType::entry;  ///< Entry or exit content.
+    std::shared_ptr<const Content> content;                      ///< As the delegate receives it.
 };
 
 /// A beacon's content of one display type held back, because the same was handed on within its cool-down.
 struct ContentHeldBack {
-    BeaconIdentity beacon;                                           ///< The beacon it belongs to.
-    Content::DisplayType displayType = Content::DisplayType::entry;  ///< Entry or exit content.
+    BeaconIdentity beacon;                                       ///< The beacon it belongs to.
+    ContentDisplayType displayType = ContentDisplayType::entry;  ///< Entry or exit content.
     /// When it may be handed on again.
     Date until;
 };

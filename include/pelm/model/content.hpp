@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include <pelm/model/content_display_type.hpp>
 #include <pelm/model/json.hpp>
 #include <pelm/model/meta_info.hpp>
 #include <pelm/model/text_record.hpp>
@@ -14,8 +15,8 @@ namespace pelm {
 /// What the server assigns to a beacon for entering or leaving it. The library reads only `coolDownTime`;
 /// everything else reaches the host app as the server sent it.
 struct Content {
-    /// When a content is shown: on entering its beacon's region, or on leaving it.
-    enum class DisplayType { entry, exit };
+    /// When the content is shown: on entering its beacon's region, or on leaving it.
+    using DisplayType = ContentDisplayType;
 
     /// The server's id of the content.
     std::optional<std::int64_t> id;
