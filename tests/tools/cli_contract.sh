@@ -18,6 +18,15 @@ expect() {
   grep -q -- "$pattern" "$work/err.txt" || { echo "$*: no line like '$pattern' in:"; cat "$work/err.txt"; exit 1; }
 }
 expect 2 "pelm status: unknown option --wacth" "$pelm" status --wacth
+# A mistake gets one line that names it: what is missing, which option, why a file cannot be played, and a
+# text pasted where a word belongs is cut, not echoed whole.
+expect 2 "^pelm replay: usage: pelm replay FILE (pelm replay --help shows the options)$" "$pelm" replay
+expect 2 "^pelm simulate: --speed takes a number above 0$" "$pelm" simulate --speed -1
+expect 1 "missing.jsonl: cannot be read: No such file or directory" "$pelm" replay "$work/missing.jsonl"
+expect 1 ": is a folder, not a recording" "$pelm" replay "$work"
+expect 2 "... (120000 characters)" "$pelm" "$(head -c 120000 /dev/zero | tr '\0' x)"
+[ "$(wc -c <"$work/err.txt")" -lt 1000 ] || { echo "a usage error echoed a long argument whole"; exit 1; }
+[ "$("$pelm" record --help | grep -c -- "--ca")" = 0 ] || { echo "record --help offers --ca"; exit 1; }
 expect 2 "pelm status: option --host needs a value" "$pelm" status --host
 expect 2 "it holds a scheme; give the host alone" "$pelm" setup --token t --host https://shop.example/api "${cfg[@]}"
 [ ! -e "$work/settings" ] || { echo "a refused setup stored something"; exit 1; }
@@ -85,4 +94,5 @@ expect 1 "pelm setup: the settings could not be stored" \
 # `grep -q` in the pipe would close it at the first match and fail the pipe with the tool's SIGPIPE.
 said=$("$pelm" status --host "localhost:1" --config-dir "$work")
 grep -q "^route to localhost:1 " <<<"$said" || { echo "status does not say it checked a route: $said"; exit 1; }
+[ "$(grep -c "^bluetooth " <<<"$said")" = 1 ] || { echo "status tells Bluetooth more than once: $said"; exit 1; }
 echo "the tool keeps its contract"

@@ -52,7 +52,7 @@ const std::vector<Command>& commands() {
         {"record",
          "FILE.jsonl",
          "write what the Bluetooth adapter hears as a trace",
-         {{"seconds", "N", "stop after N seconds (default: at Ctrl-C)"}, kApp, kConfigDir, kCa},
+         {{"seconds", "N", "stop after N seconds (default: at Ctrl-C)"}, kApp, kConfigDir},
          pelm::cli::recordCommand},
         {"settings",
          "",
@@ -95,13 +95,21 @@ void usage(std::FILE* out, const Command& command) {
     std::fprintf(out, "%s", pelm::tools::optionLines({{"help", "", "show this text"}}).c_str());
 }
 
+// What a user typed, as an error line shows it: a long text (a file pasted in place of its name, say) is cut,
+// with its length.
+std::string shown(const std::string& typed) {
+    constexpr std::size_t kMost = 60;
+    if (typed.size() <= kMost) return typed;
+    return typed.substr(0, kMost) + "... (" + std::to_string(typed.size()) + " characters)";
+}
+
 int run(const Command& command, const pelm::cli::Arguments& args) {
     if (args.flag("help")) return usage(stdout, command), 0;
     std::vector<std::string> known;
     for (const auto& option : command.options) known.emplace_back(option.name);
     for (const auto& option : args.unknown(known)) {
         std::fprintf(stderr, "pelm %s: unknown option %s (pelm %s --help lists them)\n", command.name,
-                     option.c_str(), command.name);
+                     shown(option).c_str(), command.name);
         return 2;
     }
     if (args.error()) {
@@ -110,7 +118,9 @@ int run(const Command& command, const pelm::cli::Arguments& args) {
     }
     const int result = command.run(args);
     if (result != pelm::cli::kShowUsage) return result;
-    usage(stderr, command);
+    // What is missing, in one line; the options are a --help away.
+    std::fprintf(stderr, "pelm %s: usage: pelm %s %s (pelm %s --help shows the options)\n", command.name,
+                 command.name, command.synopsis, command.name);
     return 2;
 }
 
@@ -131,7 +141,7 @@ int main(int argc, char** argv) {
     for (const auto& command : commands()) {
         if (name == command.name) return run(command, args);
     }
-    std::fprintf(stderr, "pelm: unknown command '%s'\n\n", name.c_str());
+    std::fprintf(stderr, "pelm: unknown command '%s'\n\n", shown(name).c_str());
     usage(stderr);
     return 2;
 }

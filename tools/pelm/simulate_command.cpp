@@ -38,8 +38,12 @@ int simulateCommand(const Arguments& args) {
     const auto seed = server::wholeNumber(args.option("seed").value_or("1"), 0, 1LL << 53);
     const auto speed = server::decimalNumber(args.option("speed").value_or("0"));
     // Unset (0) runs as fast as it can; a speed given must be a real one.
-    if (!seed || !speed || *speed < 0 || (args.option("speed") && *speed <= 0)) {
-        std::fprintf(stderr, "pelm simulate: --seed takes a whole number and --speed a number above 0\n");
+    if (!seed) {
+        std::fprintf(stderr, "pelm simulate: --seed takes a whole number from 0 to 2^53\n");
+        return 2;
+    }
+    if (!speed || *speed < 0 || (args.option("speed") && *speed <= 0)) {
+        std::fprintf(stderr, "pelm simulate: --speed takes a number above 0\n");
         return 2;
     }
     options.seed = static_cast<std::uint64_t>(*seed);

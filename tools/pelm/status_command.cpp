@@ -40,8 +40,14 @@ class Printer : public PelmDeviceStatusManagerDelegate {
     }
     void didChangeLocationStatus(LocationStatus status) override { print("location", text(status)); }
     void didChangeBluetoothStatus(BluetoothStatus status) override {
-        print("bluetooth", text(status));
         bluetoothKnown = status != BluetoothStatus::Unknown;
+        // Unknown is what the adapter is while its state is still asked for: one answer a line, so a single
+        // look shows it only when no other came.
+        if (bluetoothKnown || stamped_) print("bluetooth", text(status));
+    }
+    /// The end of a single look: an adapter that never told its state is shown as it stands.
+    void finish() const {
+        if (!bluetoothKnown) print("bluetooth", text(BluetoothStatus::Unknown));
     }
     std::optional<ReachableStatus> reachability;
     bool bluetoothKnown = false;
@@ -104,6 +110,7 @@ int statusCommand(const Arguments& args) {
     // seconds to schedule the watchers' threads, and a missing answer would read as "no route".
     runUntil([&] { return (printer->reachability || !host) && printer->bluetoothKnown; },
              std::chrono::seconds(10));
+    printer->finish();
     return printer->reachability == ReachableStatus::Reachable ? 0 : kExitUnreachable;
 }
 

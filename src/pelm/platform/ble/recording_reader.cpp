@@ -1,6 +1,7 @@
 #include <pelm/platform/ble/recording_reader.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <fstream>
@@ -555,8 +556,11 @@ std::optional<HeardAdvertisement> RecordingReader::next() {
 }
 
 std::unique_ptr<RecordingReader> RecordingReader::open(const std::filesystem::path& file) {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file, ignored))
+        throw RecordingError(file.string() + ": is a folder, not a recording");
     auto in = std::make_unique<std::ifstream>(file, std::ios::binary);
-    if (!*in) throw RecordingError(file.string() + ": cannot be read");
+    if (!*in) throw RecordingError(file.string() + ": cannot be read: " + std::strerror(errno));
     return open(std::move(in), file.string());
 }
 
