@@ -79,6 +79,8 @@ trap 'kill $server 2>/dev/null' EXIT
 for _ in $(seq 200); do grep -q "Ctrl-C stops it" "$work/server.txt" && break; sleep 0.05; done
 ca="$work/server/pelm-server-certificate/ca.pem"
 shop=(--config-dir "$work/shop" --app shop)
+expect 1 "give the CA that signed it with --ca FILE" \
+  "$pelm" setup --token demo-token --host "localhost:$port" --config-dir "$work/no-ca" --app shop
 expect 1 "pelm setup: the server refused the app token (HTTP 401)" \
   "$pelm" setup --token wrong --host "localhost:$port" --ca "$ca" "${shop[@]}"
 "$pelm" setup --token demo-token --host "localhost:$port" "${shop[@]}" >/dev/null 2>&1 ||

@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -61,6 +62,25 @@ platform::FileKeyValueStore toolFile(const Arguments& args) {
     return platform::FileKeyValueStore(path);
 }
 
+// The library's log lines, and after the one a newcomer meets first a line that says what to do: a server
+// whose certificate this machine does not trust (`pelm serve` makes its own) needs the CA given with --ca.
+class HintingLog final : public platform::LogSink {
+  public:
+    explicit HintingLog(std::shared_ptr<platform::LogSink> inner) : inner_(std::move(inner)) {}
+    void write(std::string_view line) override {
+        if (inner_) inner_->write(line);
+        if (line.find("SSL certificate problem") != std::string_view::npos && !hinted_.exchange(true)) {
+            std::fprintf(stderr,
+                         "pelm: this machine does not trust the server's certificate; give the CA that signed it "
+                         "with --ca FILE (pelm serve names the file it made)\n");
+        }
+    }
+
+  private:
+    std::shared_ptr<platform::LogSink> inner_;
+    std::atomic<bool> hinted_{false};
+};
+
 }  // namespace
 
 std::optional<std::string> rememberedCA(const Arguments& args) {
@@ -94,6 +114,7 @@ std::shared_ptr<platform::Platform> installPlatform(const Arguments& args) {
     services->http = watch();
     checkedStore() = std::make_shared<CheckedStore>(services->store);
     services->store = checkedStore();
+    services->log = std::make_shared<HintingLog>(services->log);
     platform::install(services);
     return services;
 }
