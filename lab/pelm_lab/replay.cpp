@@ -189,13 +189,6 @@ class RecordingPass {
         summary.devices = devices_.count();
         summary.median = middle_.median();
         summary.warning = reader_->warning();
-        std::uint64_t most = 0;
-        for (const auto& [uuid, count] : uuids_) {
-            if (count > most) {
-                most = count;
-                summary.mostHeardUuid = platform::ProximityUUID{uuid}.uuidString();
-            }
-        }
         return summary;
     }
     const OddTimes& early() const { return early_; }
@@ -210,10 +203,7 @@ class RecordingPass {
         middle_.add(at);
         if (at < kYear2000) early_.add(at, read.place);
         devices_.add(read.heard.address);
-        if (read.frame) {
-            ++summary_.beaconAdvertisements;
-            ++uuids_[read.frame->proximityUUID.bytes];
-        }
+        if (read.frame) ++summary_.beaconAdvertisements;
     }
 
     std::optional<std::string> scanner_;
@@ -222,7 +212,6 @@ class RecordingPass {
     DistinctCount devices_;
     MedianTime middle_;
     OddTimes early_;
-    std::map<UUIDBytes, std::uint64_t> uuids_;
     OtherReceivers others_;
 };
 
@@ -496,16 +485,15 @@ ReplayResult runReplay(const ReplayOptions& options,
             result.timeWarnings.insert(result.timeWarnings.begin(),
                                        oddTimesWarning(pass.early(), pass, "before 2000"));
     };
-    const auto read = pass.summary().advertisements;
+    const auto before = pass.summary();
     const auto uuid = options.uuid ? options.uuid : mostHeardUuid(ahead);
-    if (read == 0 || !uuid) {
+    if (before.advertisements == 0 || !uuid) {
         summarise();
-        result.failure = nothingToPlay(options, pass, read);
+        result.failure = nothingToPlay(options, pass, before.advertisements);
         return result;
     }
     result.uuid = *uuid;
     // The clock starts a second before the first advertisement, whether it was read ahead or let go.
-    const auto before = pass.summary();
     result.start = std::chrono::floor<std::chrono::seconds>(before.first) - 1s;
     BeaconContents contents(*uuid, ahead);
     ServerChoice server{options.host, options.token, options.caFile, contents.seed()};

@@ -36,7 +36,6 @@ struct RecordingSummary {
     /// The middle of the advertisements' times (from a thinned sample).
     Date median{};
     std::string format;
-    std::optional<std::string> mostHeardUuid;
     std::optional<std::string> warning;
     /// "N advertisements (M iBeacon) from D devices over MM:SS.s of recording"
     std::string line() const;

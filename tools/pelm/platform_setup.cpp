@@ -70,9 +70,10 @@ class HintingLog final : public platform::LogSink {
     void write(std::string_view line) override {
         if (inner_) inner_->write(line);
         if (line.find("SSL certificate problem") != std::string_view::npos && !hinted_.exchange(true)) {
-            std::fprintf(stderr,
-                         "pelm: this machine does not trust the server's certificate; give the CA that signed it "
-                         "with --ca FILE (pelm serve names the file it made)\n");
+            std::fprintf(
+                stderr,
+                "pelm: this machine does not trust the server's certificate; give the CA that signed it "
+                "with --ca FILE (pelm serve names the file it made)\n");
         }
     }
 
