@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Configures and builds one flavour into build/<name>: `scripts/build.sh release|plain|asan|tsan|bench`.
+# Configures and builds one flavour into build/<name>: `scripts/build.sh release|plain|asan|tsan|bench|package`.
+#   release  optimised: the library, the tool and the server (what scripts/pelm runs)
+#   package  release, for /usr: what scripts/package.sh packs
 #   plain  gcc, RelWithDebInfo: tests, tools, benchmarks, install check
 #   asan   clang, AddressSanitizer + UndefinedBehaviorSanitizer, coverage-instrumented: tests and fuzzers
 #   tsan   clang, ThreadSanitizer: the test programs only
@@ -19,8 +21,9 @@ case "$flavour" in
   tsan)    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DPELM_SANITIZE=thread
                  -DPELM_BUILD_BENCH=OFF -DPELM_INSTALL=OFF)
            targets=(--target pelm_unit_tests pelm_integration_tests) ;;
+  package) args=(-DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DPELM_BUILD_TESTS=OFF -DPELM_BUILD_BENCH=OFF) ;;
   bench)   args=(-DCMAKE_BUILD_TYPE=Release -DPELM_BUILD_TESTS=OFF -DPELM_BUILD_TOOLS=ON) ;;
-  *) echo "unknown build flavour: $flavour (release, plain, asan, tsan or bench)" >&2; exit 2 ;;
+  *) echo "unknown build flavour: $flavour (release, plain, asan, tsan, bench or package)" >&2; exit 2 ;;
 esac
 
 cmake -S . -B "build/$flavour" -G Ninja "${args[@]}" "$@" >/dev/null

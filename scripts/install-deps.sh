@@ -10,7 +10,7 @@ packages=(
   nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev
   libboost-dev libpq-dev postgresql
   libsdbus-c++-dev libsystemd-dev dbus-daemon libglib2.0-dev doxygen
-  tzdata openssl
+  tzdata openssl systemd
 )
 if [ "${1:-}" = --browser ]; then
   packages+=(chromium fonts-dejavu-core)

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what it needs, then builds and runs everything with gcc, again under
 # AddressSanitizer + UndefinedBehaviorSanitizer with clang (which also builds the fuzzers), the threaded tests
-# under ThreadSanitizer, clang-tidy's use-after-move check, builds the API reference (no warning allowed) and
+# under ThreadSanitizer, clang-tidy's use-after-move check, builds the API reference (no warning allowed),
+# builds the Debian packages and tries them on this machine (install, a host's first content, removal), and
 # gives each fuzzer a short run.
 #   FUZZ_SECONDS=N   seconds per fuzzer (default 15; 0 skips fuzzing)
 #   SKIP_TSAN=1      leaves out the ThreadSanitizer build
+#   SKIP_PACKAGES=1  leaves out the packages (they are installed and removed with apt, as root)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -38,6 +40,12 @@ if [ "${SKIP_TSAN:-0}" != 1 ]; then
   # the accesses our own instrumented code makes.
   (cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1 \
      ctest --output-on-failure --no-tests=error -j "$jobs" -R "$threaded")
+fi
+
+if [ "${SKIP_PACKAGES:-0}" != 1 ]; then
+  stage "Debian packages: build, install with apt, a host's first content, removal"
+  scripts/package.sh
+  tests/packages/check_packages.sh
 fi
 
 if [ "$FUZZ_SECONDS" -gt 0 ]; then

@@ -1,0 +1,77 @@
+# Debian packages, one per install component: `scripts/package.sh` builds them into build/packages/.
+# Dependencies on Debian's libraries are read from the binaries by dpkg-shlibdeps; the others are named here.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME pelm)
+set(CPACK_PACKAGE_VENDOR "the pelm developers")
+set(CPACK_PACKAGE_CONTACT "pelm developers <pelm@localhost>")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_OUTPUT_FILE_PREFIX ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_STRIP_FILES ON)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL Runtime Development)
+if(TARGET pelm-cli)
+  list(APPEND CPACK_COMPONENTS_ALL Tools)
+endif()
+if(TARGET pelm-server)
+  list(APPEND CPACK_COMPONENTS_ALL Server)
+endif()
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(PELM_DEB_VERSION "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
+
+# The maintainer scripts go in under the names dpkg expects.
+function(pelm_control_files component)
+  set(files)
+  foreach(pair ${ARGN})
+    string(REPLACE "=" ";" pair ${pair})
+    list(GET pair 0 source)
+    list(GET pair 1 name)
+    configure_file(${PROJECT_SOURCE_DIR}/packaging/${source} ${PROJECT_BINARY_DIR}/debian/${component}/${name}
+      COPYONLY)
+    list(APPEND files ${PROJECT_BINARY_DIR}/debian/${component}/${name})
+  endforeach()
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA ${files} PARENT_SCOPE)
+endfunction()
+
+foreach(component ${CPACK_COMPONENTS_ALL})
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${PELM_PACKAGE_${component}})
+endforeach()
+
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "beacon-triggered content for Linux hosts: the shared library
+pelm fetches an app's configuration from a content server, watches Bluetooth
+Low Energy beacons through BlueZ, asks the server for the content that
+belongs to a beacon as the user comes near it or leaves it, and uploads each
+store visit.")
+pelm_control_files(Runtime libpelm.triggers=triggers)
+
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "beacon-triggered content for Linux hosts: development files
+The headers, the CMake package (find_package(pelm)), the pkg-config file
+(pelm) and the testing library for building host apps with pelm, and two
+example hosts to start from.")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "${PELM_PACKAGE_Runtime} (= ${PELM_DEB_VERSION}), nlohmann-json3-dev (>= 3.10)")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "beacon-triggered content for Linux hosts: the pelm tool
+pelm simulates a store visit against an embedded content server, replays
+Bluetooth recordings to the visits a phone would log, records
+advertisements, and checks a server and this machine.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+
+set(CPACK_DEBIAN_SERVER_DESCRIPTION "beacon-triggered content for Linux hosts: reference content server
+pelm-server serves app configurations and beacon contents over HTTPS and
+stores the uploaded visits in SQLite or PostgreSQL. The service runs as the
+user pelm with its data in /var/lib/pelm-server.")
+set(CPACK_DEBIAN_SERVER_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_SERVER_PACKAGE_DEPENDS "adduser")
+pelm_control_files(Server pelm-server.postinst=postinst pelm-server.prerm=prerm pelm-server.postrm=postrm)
+
+include(CPack)

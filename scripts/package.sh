@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Builds the Debian packages into build/package/packages/: the library, its development files, the pelm
+# tool and pelm-server with its service. Then: sudo apt-get install ./build/package/packages/*.deb
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+scripts/build.sh package
+(cd build/package && cpack -G DEB >/dev/null)
+echo "built:"
+for deb in build/package/packages/*.deb; do
+  printf '  %-48s %6s KiB\n' "$deb" "$(( $(stat -c %s "$deb") / 1024 ))"
+done

@@ -1,0 +1,124 @@
+#!/usr/bin/env bash
+# Installs the Debian packages on this machine with apt, as a user would, and checks them:
+#   - the systemd unit passes `systemd-analyze verify`;
+#   - the server runs as the unit runs it (by systemd where it runs; otherwise with the unit's user, folder and
+#     command line), and minimal_host, built from the installed example with find_package and with
+#     pkg-config and nothing set, gets a content from it and has its visit stored;
+#   - removing the packages leaves nothing of them but the server's data.
+# Prints the time from `apt-get install` to minimal_host's first content.
+#   check_packages.sh [FOLDER WITH THE .debs]   (default build/package/packages)
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+debs=${1:-build/package/packages}
+packages=(libpelm2 libpelm-dev pelm-tools pelm-server)
+unit=/usr/lib/systemd/system/pelm-server.service
+state=/var/lib/pelm-server
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+fail() { echo "check_packages: $*" >&2; exit 1; }
+ms_since() { echo $(( ($(date +%s%N) - $1) / 1000000 )); }
+
+shopt -s nullglob
+files=("$debs"/*.deb)
+[ ${#files[@]} -eq ${#packages[@]} ] || fail "expected ${#packages[@]} packages in $debs, found ${#files[@]} (scripts/package.sh builds them)"
+for package in "${packages[@]}"; do
+  if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q installed; then
+    fail "$package is installed on this machine already; this check installs and removes the packages itself"
+  fi
+done
+had_user=0; getent passwd pelm >/dev/null && had_user=1
+had_state=0; [ -e "$state" ] && had_state=1
+
+work=$(mktemp -d)
+server=""
+cleanup() {
+  set +e
+  if [ -n "$server" ]; then $sudo kill "$server" 2>/dev/null; wait "$server" 2>/dev/null; fi
+  for package in "${packages[@]}"; do
+    if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed\|config-files"; then
+      $sudo dpkg --purge "${packages[@]}" >/dev/null 2>&1 || true
+      break
+    fi
+  done
+  [ "$had_state" = 1 ] || $sudo rm -rf "$state"
+  if [ "$had_user" = 0 ] && getent passwd pelm >/dev/null; then $sudo deluser --quiet --system pelm 2>/dev/null || true; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+echo "installing ${packages[*]}"
+started=$(date +%s%N)
+$sudo apt-get install -y -qq "${files[@]/#/./}" >"$work/apt.log" 2>&1 || { cat "$work/apt.log"; fail "apt-get install failed"; }
+echo "installed in $(ms_since "$started") ms"
+
+systemd-analyze verify "$unit" || fail "systemd-analyze verify $unit failed"
+[ "$(stat -c %U "$state")" = pelm ] || fail "$state does not belong to the user pelm"
+
+# The server, as the unit runs it.
+if [ -d /run/systemd/system ]; then
+  echo "systemd runs here: the package started pelm-server.service"
+  systemctl is-enabled --quiet pelm-server.service || fail "pelm-server.service is not enabled"
+else
+  user=$(sed -n 's/^User=//p' "$unit")
+  folder=$(sed -n 's/^WorkingDirectory=//p' "$unit")
+  command=$(sed -n 's/^ExecStart=//p' "$unit")
+  echo "no systemd here: starting as the unit does, as $user in $folder: $command"
+  $sudo runuser -u "$user" -- sh -c "cd '$folder' && exec $command" >"$work/server.log" 2>&1 &
+  server=$!
+fi
+ca="$state/pelm-server-certificate/ca.pem"
+for _ in $(seq 100); do
+  [ -r "$ca" ] && (exec 3<>/dev/tcp/127.0.0.1/8443) 2>/dev/null && break
+  sleep 0.1
+done
+[ -r "$ca" ] || { cat "$work/server.log" 2>/dev/null; fail "pelm-server did not start (no $ca)"; }
+
+# minimal_host from the installed example, with nothing set: once with find_package, once with pkg-config.
+unset CMAKE_PREFIX_PATH PKG_CONFIG_PATH LD_LIBRARY_PATH CPATH LIBRARY_PATH
+example=/usr/share/doc/libpelm-dev/examples/minimal_host
+cp -r "$example" "$work/minimal_host"
+cmake -S "$work/minimal_host" -B "$work/cmake" -G Ninja >/dev/null || fail "find_package(pelm) failed"
+cmake --build "$work/cmake" >/dev/null || fail "minimal_host did not build with find_package"
+# shellcheck disable=SC2046  # pkg-config's flags are separate words
+g++ -o "$work/minimal_host_pc" "$example/main.cpp" $(pkg-config --cflags --libs pelm) ||
+  fail "minimal_host did not build with pkg-config"
+# With no arguments it loads libpelm.so.2 from /usr and answers with its usage line.
+status=0
+"$work/minimal_host_pc" >/dev/null 2>"$work/usage.txt" || status=$?
+if [ "$status" -ne 2 ] || ! grep -q "^usage: minimal_host" "$work/usage.txt"; then
+  fail "the pkg-config build of minimal_host does not run: $(cat "$work/usage.txt")"
+fi
+echo "minimal_host built from $example with find_package and with pkg-config"
+
+mkdir -p "$work/home"
+first="" ended=""
+while IFS= read -r line; do
+  [[ $line == "exit "* ]] && { ended=${line#exit }; continue; }
+  echo "  $line"
+  if [ -z "$first" ] && [[ $line == content* ]]; then first=$(ms_since "$started"); fi
+done < <(cd "$work" && HOME="$work/home" XDG_CONFIG_HOME="$work/home/.config" timeout 120 \
+           "$work/cmake/minimal_host" localhost:8443 demo-token "$ca" "$example/entrance.json" 2>&1;
+         echo "exit $?")
+[ -n "$first" ] || fail "minimal_host got no content from the installed server"
+[ "$ended" = 0 ] || fail "minimal_host ended with $ended: no content or no visit uploaded"
+echo "from apt-get install to minimal_host's first content: $first ms"
+sessions=$($sudo runuser -u pelm -- pelm-server sessions --db "$state/pelm-server.db")
+grep -q '"session_logs"' <<<"$sessions" || fail "the server stored no visit: $sessions"
+echo "the server stored the visit in $state/pelm-server.db"
+
+if [ -n "$server" ]; then $sudo kill "$server"; wait "$server" 2>/dev/null || true; server=""; fi
+
+# Removal: nothing of the packages is left but the server's data.
+for package in "${packages[@]}"; do dpkg -L "$package"; done | sort -u >"$work/files.txt"
+$sudo apt-get remove -y -qq "${packages[@]}" >"$work/apt.log" 2>&1 || { cat "$work/apt.log"; fail "apt-get remove failed"; }
+left=()
+while IFS= read -r path; do
+  if [ -L "$path" ] || [ -f "$path" ]; then left+=("$path")
+  elif [ -d "$path" ] && [[ $path == *pelm* ]]; then left+=("$path/")
+  fi
+done <"$work/files.txt"
+[ -e /etc/systemd/system/multi-user.target.wants/pelm-server.service ] && left+=("the service's enable link")
+[ ${#left[@]} -eq 0 ] || fail "removed, but left behind: ${left[*]}"
+[ -s "$state/pelm-server.db" ] || fail "removing pelm-server took its data ($state) with it"
+echo "removed: nothing left but $state"
