@@ -81,7 +81,7 @@ ca="$work/server/pelm-server-certificate/ca.pem"
 shop=(--config-dir "$work/shop" --app shop)
 expect 1 "give the CA that signed it with --ca FILE" \
   "$pelm" setup --token demo-token --host "localhost:$port" --config-dir "$work/no-ca" --app shop
-expect 1 "pelm setup: the server refused the app token (HTTP 401)" \
+expect 1 "pelm setup: could not fetch the configuration: the server localhost:$port does not know this app token (HTTP 401); check the token" \
   "$pelm" setup --token wrong --host "localhost:$port" --ca "$ca" "${shop[@]}"
 "$pelm" setup --token demo-token --host "localhost:$port" "${shop[@]}" >/dev/null 2>&1 ||
   { echo "setup without --ca did not use the remembered CA"; exit 1; }

@@ -33,12 +33,15 @@ int setupCommand(const Arguments& args) {
     std::printf("Fetching the configuration of https://%s ...\n", host->c_str());
     std::fflush(stdout);
     std::optional<bool> outcome;
-    PelmSDK::setAppToken(*token, *host, [&](bool successful) { outcome = successful; });
+    std::string reason;
+    PelmSDK::setAppToken(*token, *host, [&](bool successful, const std::string& why) {
+        outcome = successful;
+        reason = why;
+    });
     if (!runUntil([&] { return outcome.has_value(); })) {
         std::fprintf(stderr, "pelm setup: no answer within a minute\n");
         return 1;
     }
-    if (const auto refusal = tokenRefusal()) std::fprintf(stderr, "pelm setup: %s\n", refusal->c_str());
     if (const auto unstored = unstoredSettings(); !unstored.empty()) {
         std::string keys;
         for (const auto& key : unstored) keys += (keys.empty() ? "" : ", ") + key;
@@ -48,10 +51,14 @@ int setupCommand(const Arguments& args) {
         printSettings(*SettingsManager::sharedInstance(), args);
         return 1;
     }
-    std::printf(*outcome
-                    ? "Configuration fetched and stored.\n"
-                    : "Could not fetch the configuration; token and host are stored, the beacon settings are "
-                      "unchanged.\n");
+    if (*outcome) {
+        std::printf("Configuration fetched and stored.\n");
+    } else {
+        std::fprintf(stderr,
+                     "pelm setup: could not fetch the configuration: %s. Token and host are stored, the beacon "
+                     "settings are unchanged.\n",
+                     reason.c_str());
+    }
     printSettings(*SettingsManager::sharedInstance(), args);
     return *outcome ? 0 : 1;
 }

@@ -175,6 +175,11 @@ std::variant<platform::HttpRequest, std::string> APIRequest::urlRequestOrReason(
     if (request.method == "GET") {
         if (!encoded.empty())
             request.url += (request.url.find('?') == std::string::npos ? "?" : "&") + encoded;
+        // curl takes no longer URL, and would say only "No URL set".
+        if (request.url.size() > kMaxURLBytes) {
+            return "Refused to send a request whose URL would be " + std::to_string(request.url.size()) +
+                   " bytes, more than the " + std::to_string(kMaxURLBytes) + " a URL can have.";
+        }
     } else {
         request.body = encoded;
         request.headers.emplace_back("Content-Type", "application/x-www-form-urlencoded; charset=utf-8");

@@ -68,6 +68,8 @@ class APIRequest {
     std::optional<platform::HttpRequest> urlRequest() const;
     /// The same, or the log text that says why there is none.
     std::variant<platform::HttpRequest, std::string> urlRequestOrReason() const;
+    /// The longest URL a request may have: curl's own limit.
+    static constexpr std::size_t kMaxURLBytes = 8'000'000;
 
     /// Why `host` cannot be where requests go, or none when it can. A host is a name or address with an
     /// optional port ("shop.example", "10.0.0.7:8443", "[::1]:8443"), optionally followed by "/" or a

@@ -10,18 +10,25 @@
 namespace pelm {
 namespace {
 
+using Failure = PelmAPIClient::Failure;
+
 // The envelope a reply makes, or why it makes none.
 template <class Envelope>
-std::variant<std::shared_ptr<Envelope>, std::string> judge(const platform::HttpReply& reply,
-                                                           bool exactly200) {
-    if (reply.error) return *reply.error;
+std::variant<std::shared_ptr<Envelope>, Failure> judge(const platform::HttpReply& reply, bool exactly200) {
+    using Kind = Failure::Kind;
+    if (reply.error) return Failure{Kind::noReply, 0, *reply.error};
     const bool accepted = exactly200 ? reply.status == 200 : (reply.status >= 200 && reply.status <= 299);
-    if (!accepted) return "Response status code was unacceptable: " + std::to_string(reply.status) + ".";
-    if (reply.body.empty()) return std::string("The reply could not be read: its body is empty.");
+    if (!accepted) {
+        return Failure{Kind::status, reply.status,
+                       "Response status code was unacceptable: " + std::to_string(reply.status) + "."};
+    }
+    const auto unreadable = [&](const char* why) {
+        return Failure{Kind::unreadable, reply.status, std::string("The reply could not be read: ") + why};
+    };
+    if (reply.body.empty()) return unreadable("its body is empty.");
     const auto parsed = parseJSONText(reply.body);
-    if (!parsed) return std::string("The reply could not be read: its body is not valid JSON.");
-    if (!parsed->is_object())
-        return std::string("The reply could not be read: its body is not a JSON object.");
+    if (!parsed) return unreadable("its body is not valid JSON.");
+    if (!parsed->is_object()) return unreadable("its body is not a JSON object.");
     return Envelope::fromJSON(*parsed);
 }
 
@@ -62,21 +69,24 @@ PelmAPIClient::PelmAPIClient(std::string appToken, std::string apiHost)
 template <class Envelope>
 void PelmAPIClient::perform(const APIRequest& request, Accepted accepted,
                             std::function<void(std::shared_ptr<Envelope>)> onSuccess,
-                            std::function<void()> onFailure) const {
+                            std::function<void(const Failure&)> onFailure) const {
     // Everything the reply needs is captured here; the client itself may be gone by then.
-    auto finish = [token = appToken_, exactly200 = accepted == Accepted::Exactly200,
-                   onSuccess = std::move(onSuccess),
-                   onFailure = std::move(onFailure)](const platform::HttpReply& reply) {
+    auto fail = [onFailure = std::move(onFailure)](Failure failure) {
+        failure.text = withoutSecret(std::move(failure.text));
+        Log::error(failure.text);
+        onFailure(failure);
+    };
+    auto finish = [exactly200 = accepted == Accepted::Exactly200, onSuccess = std::move(onSuccess),
+                   fail](const platform::HttpReply& reply) {
         auto outcome = judge<Envelope>(reply, exactly200);
         if (auto* envelope = std::get_if<std::shared_ptr<Envelope>>(&outcome))
             return onSuccess(std::move(*envelope));
-        Log::error([&] { return withoutSecret(std::get<std::string>(std::move(outcome))); });
-        onFailure();
+        fail(std::get<Failure>(std::move(outcome)));
     };
     auto http = request.urlRequestOrReason();
     if (auto* reason = std::get_if<std::string>(&http)) {
-        mainQueue_->post([finish = std::move(finish), reason = std::move(*reason)] {
-            finish(platform::HttpReply{0, {}, reason});
+        mainQueue_->post([fail = std::move(fail), reason = std::move(*reason)] {
+            fail(Failure{Failure::Kind::notSent, 0, reason});
         });
         return;
     }
@@ -89,7 +99,7 @@ void PelmAPIClient::status(StatusCompletion completion) const {
         [completion](std::shared_ptr<StatusResponse> envelope) {
             if (completion) completion(true, std::move(envelope));
         },
-        [completion] {
+        [completion](const Failure&) {
             if (completion) completion(false, nullptr);
         });
 }
@@ -100,9 +110,19 @@ void PelmAPIClient::appConfig(AppConfigCompletion completion) const {
         [completion](std::shared_ptr<AppConfigResponse> envelope) {
             if (completion) completion(true, envelope->appConfig);
         },
-        [completion] {
+        [completion](const Failure&) {
             if (completion) completion(false, nullptr);
         });
+}
+
+void PelmAPIClient::appConfigOrFailure(AppConfigOutcome outcome) const {
+    perform<AppConfigResponse>(
+        APIRequest::AppConfig{appToken_}, Accepted::Any2xx,
+        [outcome](std::shared_ptr<AppConfigResponse> envelope) {
+            // A reply without a configuration is a configuration without values.
+            outcome(envelope->appConfig ? envelope->appConfig : std::make_shared<AppConfig>(), nullptr);
+        },
+        [outcome](const Failure& failure) { outcome(nullptr, &failure); });
 }
 
 void PelmAPIClient::contentById(std::int64_t id, std::string user, ContentByIdCompletion completion) const {
@@ -111,7 +131,7 @@ void PelmAPIClient::contentById(std::int64_t id, std::string user, ContentByIdCo
         [completion](std::shared_ptr<ContentByIdResponse> envelope) {
             if (completion) completion(true, envelope->content);
         },
-        [completion] {
+        [completion](const Failure&) {
             if (completion) completion(false, nullptr);
         });
 }
@@ -123,7 +143,7 @@ void PelmAPIClient::contentByHardware(std::shared_ptr<Beacon> beacon, std::strin
         [completion](std::shared_ptr<ContentByHardwareResponse> envelope) {
             if (completion) completion(true, envelope->entryContent, envelope->exitContent);
         },
-        [completion] {
+        [completion](const Failure&) {
             if (completion) completion(false, nullptr, nullptr);
         });
 }
@@ -139,7 +159,7 @@ void PelmAPIClient::createSession(std::shared_ptr<Session> session, std::string 
         [completion](std::shared_ptr<SessionResponse>) {
             if (completion) completion(true);
         },
-        [completion] {
+        [completion](const Failure&) {
             if (completion) completion(false);
         });
 }

@@ -20,8 +20,22 @@ namespace pelm {
 /// still completes it.
 class PelmAPIClient {
   public:
+    /// Why a call failed, and the error line's text.
+    struct Failure {
+        enum class Kind {
+            notSent,     ///< the request could not be made (host, or a URL too long to send)
+            noReply,     ///< the server could not be reached or did not answer in time
+            status,      ///< it answered with an HTTP status not accepted
+            unreadable,  ///< it answered, with a body that is not the expected reply
+        };
+        Kind kind = Kind::noReply;
+        long status = 0;
+        std::string text;
+    };
     using StatusCompletion = std::function<void(bool successful, std::shared_ptr<StatusResponse> status)>;
     using AppConfigCompletion = std::function<void(bool successful, std::shared_ptr<AppConfig> appConfig)>;
+    /// The configuration, or why there is none.
+    using AppConfigOutcome = std::function<void(std::shared_ptr<AppConfig> appConfig, const Failure* failure)>;
     using ContentByIdCompletion = std::function<void(bool succesful, std::shared_ptr<Content> content)>;
     using ContentByHardwareCompletion = std::function<void(
         bool successful, std::shared_ptr<Content> entryContent, std::shared_ptr<Content> exitContent)>;
@@ -34,6 +48,8 @@ class PelmAPIClient {
 
     void status(StatusCompletion completion) const;
     void appConfig(AppConfigCompletion completion) const;
+    /// As appConfig(), telling the failure: exactly one of the two is given.
+    void appConfigOrFailure(AppConfigOutcome outcome) const;
     void contentById(std::int64_t id, std::string user, ContentByIdCompletion completion) const;
     void contentByHardware(std::shared_ptr<Beacon> beacon, std::string user,
                            ContentByHardwareCompletion completion) const;
@@ -50,7 +66,7 @@ class PelmAPIClient {
     template <class Envelope>
     void perform(const APIRequest& request, Accepted accepted,
                  std::function<void(std::shared_ptr<Envelope>)> onSuccess,
-                 std::function<void()> onFailure) const;
+                 std::function<void(const Failure&)> onFailure) const;
 
     std::string appToken_;
     std::string apiHost_;

@@ -151,15 +151,20 @@ class CurlTransport::Worker {
             transfer->easy = curl_easy_init();
         }
         if (transfer->easy == nullptr) return finish(std::move(transfer), "Unable to start the request");
-        configure(*transfer);
+        if (const auto refused = configure(*transfer)) return finish(std::move(transfer), *refused);
         curl_multi_add_handle(multi_, transfer->easy);
         active_.push_back(std::move(transfer));
     }
 
-    void configure(Transfer& t) {
+    // Sets the transfer up; says why when curl refuses its URL, which it would otherwise report only as
+    // "No URL set".
+    std::optional<std::string> configure(Transfer& t) {
         CURL* easy = t.easy;
         curl_easy_setopt(easy, CURLOPT_PRIVATE, &t);
-        curl_easy_setopt(easy, CURLOPT_URL, t.request.url.c_str());
+        if (const auto refused = curl_easy_setopt(easy, CURLOPT_URL, t.request.url.c_str()); refused != CURLE_OK) {
+            return "The URL (" + std::to_string(t.request.url.size()) + " bytes) was refused: " +
+                   curl_easy_strerror(refused);
+        }
         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -195,6 +200,7 @@ class CurlTransport::Worker {
             curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
         }
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, t.headers);
+        return std::nullopt;
     }
 
     void collectFinished() {
