@@ -1,5 +1,6 @@
 // A host app in one file: it stores the app token (which fetches the app's configuration), then makes a
 // beacon manager and a device status manager and runs the Linux run loop until a visit has been uploaded.
+// Ctrl-C (or SIGTERM) ends the visit in progress, uploads it and exits within a second.
 //
 //   minimal_host HOST TOKEN CA_FILE [SCENARIO.json | RECORDING]
 //
@@ -8,7 +9,9 @@
 #include <pelm/pelm.hpp>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 namespace {
@@ -48,6 +51,7 @@ class Host : public pelm::PelmBeaconManagerDelegate, public pelm::PelmDeviceStat
 
     int contents = 0;
     bool uploaded = false;
+    std::optional<pelm::VisitAtStop> stopped;  // set when a stop signal ended the run
 
   private:
     pelm::platform::RunLoop& loop_;
@@ -91,10 +95,9 @@ int main(int argc, char** argv) {
 
     // 2. The token and host. The beacon manager reads the stored settings once, when it is made, so it is
     //    made only once they are stored: one made earlier would stay idle for its whole life.
-    pelm::PelmSDK::setAppToken(token, host, [&](bool successful) {
+    pelm::PelmSDK::setAppToken(token, host, [&](bool successful, const std::string& reason) {
         if (!successful) {
-            std::fprintf(stderr, "minimal_host: the app configuration could not be fetched from %s\n",
-                         host.c_str());
+            std::fprintf(stderr, "minimal_host: no app configuration: %s\n", reason.c_str());
             loop->stop();
             return;
         }
@@ -109,8 +112,33 @@ int main(int argc, char** argv) {
         status->startBluetoothNotifier();
     });
 
-    // 3. The loop: every completion and delegate call of the library runs here, until the visit is uploaded.
+    // 3. Ctrl-C or SIGTERM: the beacon manager stops and ends the visit in progress as if the shopper left
+    //    now, and uploads it. The loop stops with the server's answer, or after 800 ms without one. A second
+    //    Ctrl-C ends the program at once.
+    loop->onStopSignal([&](int signal) {
+        std::printf("stopping on %s\n", signal == SIGINT ? "SIGINT" : "SIGTERM");
+        app->stopped = beacons ? pelm::VisitAtStop::notUploaded : pelm::VisitAtStop::none;
+        if (!beacons) return loop->stop();
+        beacons->stop([&](pelm::VisitAtStop visit) {
+            app->stopped = visit;
+            loop->stop();
+        });
+        loop->postAfter(std::chrono::milliseconds(800), [&] { loop->stop(); });
+    });
+
+    // 4. The loop: every completion and delegate call of the library runs here, until the visit is uploaded
+    //    or a stop signal came. Then the managers go, before the platform and the loop they use.
     loop->run();
+    beacons.reset();
+    status.reset();
+    if (app->stopped) {
+        const auto visit = *app->stopped;
+        std::printf("%d content%s, %s\n", app->contents, app->contents == 1 ? "" : "s",
+                    visit == pelm::VisitAtStop::uploaded ? "visit uploaded at stop"
+                    : visit == pelm::VisitAtStop::none   ? "no visit in progress at stop"
+                                                         : "visit not uploaded at stop: the server did not take it in time");
+        return visit == pelm::VisitAtStop::notUploaded ? 1 : 0;
+    }
     std::printf("%d content%s, visit %s\n", app->contents, app->contents == 1 ? "" : "s",
                 app->uploaded ? "uploaded" : "not uploaded");
     return app->contents > 0 && app->uploaded ? 0 : 1;

@@ -3,6 +3,7 @@
 #include <pelm/export.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +21,13 @@ namespace detail {
 class BeaconManagerEngine;
 }
 class PelmSessionManager;
+
+/// What became of the visit in progress when a beacon manager stopped (see PelmBeaconManager::stop).
+enum class VisitAtStop {
+    none,         ///< there was none: nothing was recorded since the last upload
+    uploaded,     ///< it was ended then and the server stored it
+    notUploaded,  ///< it was ended then, and the server refused it or could not be reached: it is lost
+};
 
 /// What a host app creates to have beacons detected. It sets up the beacon vendor with the stored key,
 /// watches the main region of the stored UUID and, inside it, ranges beacons and watches one sub-region per
@@ -57,6 +65,13 @@ class PELM_EXPORT PelmBeaconManager : public std::enable_shared_from_this<PelmBe
     virtual void startDiscoveryWithInterval(std::optional<double> interval);
     /// Stops nearby-device discovery.
     virtual void stopDiscovery();
+    /// Stops for a host that is about to exit. Monitoring, ranging and discovery stop, and no vendor
+    /// callback is acted on afterwards. The visit in progress ends as it would had the shopper left the
+    /// store at this moment, and is uploaded; no exit content is asked for. `done` is called once, on the
+    /// main queue: at once when there is no visit, otherwise with the server's answer (an upload already
+    /// under way is waited for, not repeated). The host bounds the wait itself, with a timer on its loop.
+    /// `startMonitoring()` starts again.
+    void stop(std::function<void(VisitAtStop visit)> done);
 
     /// The main region, watched once monitoring starts; none without a valid stored UUID.
     const std::optional<platform::BeaconRegion>& mainRegion() const;

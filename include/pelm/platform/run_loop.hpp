@@ -34,6 +34,16 @@ class PELM_EXPORT RunLoop final : public MainQueue {
     /// Runs until `done()` holds (checked after every task) or `timeout` passes; answers whether it held.
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
+    /// Calls `handler` on this loop, with the signal's number, when the process gets SIGINT or SIGTERM:
+    /// how a host stops cleanly on Ctrl-C or `kill` (the README's "Stopping" shows the order). `handler` is
+    /// called once. A second signal ends the process at once, as it would have without this, when it comes
+    /// 200 ms or more after the first; sooner, it is taken for the same one (wrappers such as timeout(1)
+    /// pass one Ctrl-C on twice).
+    /// One loop at a time may watch them; when it is destroyed, the handling there was before returns.
+    /// Throws std::logic_error when another loop watches them, std::system_error when the signals cannot
+    /// be handled.
+    void onStopSignal(std::function<void(int signal)> handler);
+
   private:
     struct State;
     std::unique_ptr<State> state_;

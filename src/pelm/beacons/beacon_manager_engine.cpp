@@ -109,6 +109,7 @@ void BeaconManagerEngine::setupMainRegion() {
 // --- monitoring -------------------------------------------------------------------------------------------
 
 void BeaconManagerEngine::startMonitoring() {
+    stopped_ = false;
     if (!mainRegion_) {
         Log::error("Current region is not set.");
         return;
@@ -128,6 +129,25 @@ void BeaconManagerEngine::stopMonitoring(const std::optional<BeaconRegion>& regi
         return;
     }
     beaconManger_->stopMonitoring(*region);
+}
+
+void BeaconManagerEngine::stop(std::function<void(VisitAtStop)> done) {
+    stopped_ = true;
+    if (beaconManger_) {
+        beaconManger_->stopMonitoringForAllRegions();
+        beaconManger_->stopRangingBeaconsInAllRegions();
+    }
+    if (deviceManager_ && deviceManager_->isDiscovering()) deviceManager_->stopDiscovery();
+
+    if (!done) done = [](VisitAtStop) {};
+    const auto answered = [done](bool stored) {
+        done(stored ? VisitAtStop::uploaded : VisitAtStop::notUploaded);
+    };
+    // An upload under way is the visit's; otherwise the visit ends now, as leaving the store ends it.
+    if (sessionManager_->whenUploaded(answered)) return;
+    if (sessionManager_->visitInProgress() && sessionManager_->finishSession(answered)) return;
+    const auto visit = sessionManager_->visitInProgress() ? VisitAtStop::notUploaded : VisitAtStop::none;
+    platform::current()->mainQueue->post([done, visit] { done(visit); });
 }
 
 void BeaconManagerEngine::monitorNewRegion(const platform::ProximityUUID& uuid, std::uint16_t major,
@@ -168,6 +188,7 @@ void BeaconManagerEngine::addSessionEntryLogForRegion(const BeaconRegion& region
 // --- the vendor's callbacks -------------------------------------------------------------------------------
 
 void BeaconManagerEngine::didChangeLocationAuthorizationStatus(platform::AuthorizationStatus status) {
+    if (stopped_) return;
     std::string line = "DidChangeLocationAuthorizationState";
     line += authorizationText(status);
     if (status == 3 && mainRegion_ && beaconManger_) beaconManger_->requestState(*mainRegion_);
@@ -175,6 +196,7 @@ void BeaconManagerEngine::didChangeLocationAuthorizationStatus(platform::Authori
 }
 
 void BeaconManagerEngine::didDetermineState(platform::RegionState state, const BeaconRegion& region) {
+    if (stopped_) return;
     std::string line = "DidDetermineState";
     switch (state) {
         case platform::RegionState::Unknown:
@@ -196,6 +218,7 @@ void BeaconManagerEngine::didDetermineState(platform::RegionState state, const B
 }
 
 void BeaconManagerEngine::didEnterRegion(const BeaconRegion& region) {
+    if (stopped_) return;
     publishEntry(region, false);
     startRangingForRegion(region);
     const auto uuid = uuidText(region);
@@ -214,6 +237,7 @@ void BeaconManagerEngine::didEnterRegion(const BeaconRegion& region) {
 
 void BeaconManagerEngine::didRangeBeacons(const std::vector<platform::RangedBeacon>& beacons,
                                           const BeaconRegion&) {
+    if (stopped_) return;
     events::emit([&] {
         events::BeaconsRanged ranged;
         for (const auto& beacon : beacons) {
@@ -232,6 +256,7 @@ void BeaconManagerEngine::didRangeBeacons(const std::vector<platform::RangedBeac
 }
 
 void BeaconManagerEngine::didExitRegion(const BeaconRegion& region) {
+    if (stopped_) return;
     const auto uuid = uuidText(region);
     if (isSubRegion(region)) {
         events::emit([&] { return events::SubRegionLeft{events::identityOf(region)}; });
@@ -298,7 +323,7 @@ void BeaconManagerEngine::stopDiscovery() {
 
 void BeaconManagerEngine::didDiscoverDevices(
     const std::optional<std::vector<platform::NearbyDevice>>& devices) {
-    if (!devices) return;
+    if (stopped_ || !devices) return;
     std::vector<DiscoveredBeacon> found;
     found.reserve(devices->size());
     for (const auto& device : *devices) {

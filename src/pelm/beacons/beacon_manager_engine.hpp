@@ -28,6 +28,7 @@ class BeaconManagerEngine final : public PelmSessionManagerDelegate,
     void stopMonitoring(const std::optional<platform::BeaconRegion>& region);
     void startDiscovery(std::optional<double> interval);
     void stopDiscovery();
+    void stop(std::function<void(VisitAtStop)> done);
 
     const std::shared_ptr<PelmSessionManager>& sessionManager() const { return sessionManager_; }
     const std::optional<platform::BeaconRegion>& mainRegion() const { return mainRegion_; }
@@ -74,6 +75,7 @@ class BeaconManagerEngine final : public PelmSessionManagerDelegate,
     std::shared_ptr<PelmSessionManager> sessionManager_;
     std::optional<platform::BeaconRegion> mainRegion_;
     bool firstBeacon_ = true;
+    bool stopped_ = false;  // by stop(), until startMonitoring()
     std::optional<std::int64_t> lastBeaconMajorId_;
 };
 

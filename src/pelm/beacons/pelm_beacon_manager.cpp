@@ -37,6 +37,10 @@ void PelmBeaconManager::stopDiscovery() {
     engine_->stopDiscovery();
 }
 
+void PelmBeaconManager::stop(std::function<void(VisitAtStop visit)> done) {
+    engine_->stop(std::move(done));
+}
+
 const std::optional<platform::BeaconRegion>& PelmBeaconManager::mainRegion() const {
     return engine_->mainRegion();
 }

@@ -1,5 +1,7 @@
 #include <pelm/platform/run_loop.hpp>
 
+#include <pelm/platform/stop_signal_watch.hpp>
+
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -28,7 +30,10 @@ struct QueueState {
 
 }  // namespace detail
 
-struct RunLoop::State : detail::QueueState {};
+struct RunLoop::State : detail::QueueState {
+    // Destroyed first, so that its thread is gone before the queue it posts to.
+    std::unique_ptr<detail::StopSignalWatch> stopSignals;
+};
 
 RunLoop::RunLoop() : state_(std::make_unique<State>()) {}
 
@@ -123,6 +128,13 @@ bool RunLoop::runUntil(const std::function<bool()>& done, std::chrono::milliseco
     std::lock_guard lock(state_->mutex_);
     state_->stopping_ = false;
     return held;
+}
+
+void RunLoop::onStopSignal(std::function<void(int signal)> handler) {
+    auto watch = std::make_unique<detail::StopSignalWatch>([this, handler = std::move(handler)](int signal) {
+        post([handler, signal] { handler(signal); });
+    });
+    state_->stopSignals = std::move(watch);
 }
 
 }  // namespace pelm::platform

@@ -1,5 +1,7 @@
 #include <pelm/session/pelm_session_manager.hpp>
 
+#include <utility>
+
 #include <pelm/model/json_date_transform.hpp>
 #include <pelm/platform/platform.hpp>
 #include <pelm/sdk/pelm_constants.hpp>
@@ -194,18 +196,18 @@ void PelmSessionManager::finishFirstEntryEvent() {
     sessionLogs_.push_back(first);
 }
 
-void PelmSessionManager::finishSession() {
+bool PelmSessionManager::finishSession(std::function<void(bool stored)> answered) {
     finishFirstEntryEvent();
     if (sessionLogs_.empty()) {
         sendLog("Cant' finish session, session logs array is empty", true);
-        return;
+        return false;
     }
     const auto& first = *sessionLogs_.front();
-    if (!first.uuid || !first.major || !first.minor || !first.entranceTime) return;
+    if (!first.uuid || !first.major || !first.minor || !first.entranceTime) return false;
     auto beacon = std::make_shared<Beacon>(*first.uuid, *first.major, *first.minor);
     auto session = initSession(*first.entranceTime);
     const auto user = SettingsManager::sharedInstance()->userID();
-    if (!pelmAPIClient_) return;  // the lines stay for a later upload
+    if (!pelmAPIClient_) return false;  // the lines stay for a later upload
     // What was sent, as the event will tell it; the lines themselves may change before the answer.
     auto sent = std::make_shared<events::VisitUploaded>();
     if (events::anyListener()) {
@@ -216,6 +218,15 @@ void PelmSessionManager::finishSession() {
     pelmAPIClient_->createSession(
         session, user, beacon, sessionLogs_,
         [self = shared_from_this(), sent](bool ok) { self->onUploaded(ok, *sent); });
+    ++uploadsInFlight_;
+    if (answered) uploadWaiters_.push_back(std::move(answered));
+    return true;
+}
+
+bool PelmSessionManager::whenUploaded(std::function<void(bool stored)> answered) {
+    if (uploadsInFlight_ == 0) return false;
+    uploadWaiters_.push_back(std::move(answered));
+    return true;
 }
 
 void PelmSessionManager::onUploaded(bool successful, events::VisitUploaded& sent) {
@@ -229,6 +240,8 @@ void PelmSessionManager::onUploaded(bool successful, events::VisitUploaded& sent
     // Whatever happened, the visit is over: lines recorded meanwhile go with it.
     sessionLogs_.clear();
     unfinishedSessionLogs_.clear();
+    --uploadsInFlight_;
+    for (auto& waiter : std::exchange(uploadWaiters_, {})) waiter(successful);
 }
 
 void PelmSessionManager::sendLog(const std::string& status, bool critical) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,8 +53,13 @@ class PelmSessionManager : public std::enable_shared_from_this<PelmSessionManage
     void addEntryEvent(const std::shared_ptr<Beacon>& beacon);
     /// The beacon's sub-region was left: closes the last open log line of that beacon.
     void addExitEvent(const std::shared_ptr<Beacon>& beacon);
-    /// The main region was left: closes the first open line and uploads the finished lines.
-    void finishSession();
+    /// The main region was left: closes the first open line and uploads the finished lines. True when an
+    /// upload was sent; `answered`, if given, is then called with the server's answer.
+    bool finishSession(std::function<void(bool stored)> answered = {});
+    /// Whether lines were recorded that are not yet uploaded.
+    bool visitInProgress() const { return !sessionLogs_.empty() || !unfinishedSessionLogs_.empty(); }
+    /// When an upload awaits the server's answer, true, and `answered` is called with that answer.
+    bool whenUploaded(std::function<void(bool stored)> answered);
     /// A visit record starting at `startTime` and ending now.
     std::shared_ptr<Session> initSession(Date startTime) const;
 
@@ -93,6 +99,8 @@ class PelmSessionManager : public std::enable_shared_from_this<PelmSessionManage
     std::vector<CoolDownBeacon> coolDownBeacons_;
     std::vector<std::shared_ptr<SessionLog>> sessionLogs_;
     std::vector<std::shared_ptr<SessionLog>> unfinishedSessionLogs_;
+    int uploadsInFlight_ = 0;
+    std::vector<std::function<void(bool stored)>> uploadWaiters_;
 };
 
 }  // namespace pelm
