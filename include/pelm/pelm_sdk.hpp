@@ -8,6 +8,7 @@
 namespace pelm {
 
 /// Where a host app starts: tell the library its token and server, and it fetches the app's configuration.
+/// \ingroup host_api
 class PelmSDK {
   public:
     /// Stores token and host at once (before any server call, whatever the server answers), then fetches

@@ -12,6 +12,7 @@ namespace pelm {
 
 /// One nearby beacon device with its technical data, as the host app receives it. A value: copies are
 /// independent.
+/// \ingroup host_api
 struct DiscoveredBeacon {
     /// The device's unique id, as its vendor tells it.
     std::string identifier;

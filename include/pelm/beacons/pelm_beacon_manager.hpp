@@ -23,6 +23,7 @@ class BeaconManagerEngine;
 class PelmSessionManager;
 
 /// What became of the visit in progress when a beacon manager stopped (see PelmBeaconManager::stop).
+/// \ingroup host_api
 enum class VisitAtStop {
     none,         ///< there was none: nothing was recorded since the last upload
     uploaded,     ///< it was ended then and the server stored it
@@ -37,6 +38,7 @@ enum class VisitAtStop {
 /// It owns the vendor's monitor and scanner and its session manager; destroying it ends their callbacks.
 /// A subclass (made with `make<Subclass>()`) sees the operations the manager calls on itself: discovery,
 /// stopping the monitoring of a region, and every analytics event.
+/// \ingroup host_api
 class PELM_EXPORT PelmBeaconManager : public std::enable_shared_from_this<PelmBeaconManager> {
   public:
     /// Reads the stored vendor key and UUID once, now, and sets up accordingly. Never fails: without a key

@@ -15,6 +15,7 @@ namespace pelm {
 struct Content;
 
 /// What the host app implements to hear from the beacon manager. All calls arrive on the main queue.
+/// \ingroup host_api
 class PELM_EXPORT PelmBeaconManagerDelegate {
   public:
     virtual ~PelmBeaconManagerDelegate() = default;

@@ -14,6 +14,7 @@ namespace pelm {
 
 /// What the server assigns to a beacon for entering or leaving it. The library reads only `coolDownTime`;
 /// everything else reaches the host app as the server sent it.
+/// \ingroup host_api
 struct Content {
     /// When the content is shown: on entering its beacon's region, or on leaving it.
     using DisplayType = ContentDisplayType;

@@ -40,6 +40,7 @@ struct Platform {
 
 /// Makes `platform` the one the library uses from now on. Objects built earlier keep the services they
 /// took at construction; process-wide conveniences (the shared settings, the host snapshot) start afresh.
+/// \ingroup host_api
 PELM_EXPORT void install(std::shared_ptr<const Platform> platform);
 
 /// The installed platform, or the Linux default (made on first use) when none was installed.

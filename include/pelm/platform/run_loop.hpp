@@ -12,6 +12,7 @@ namespace pelm::platform {
 
 /// A real-time main queue. The host runs it on a thread of its choice with `run()` (until `stop()`), or
 /// drives it in slices with `runFor`/`runUntil`.
+/// \ingroup host_api
 class PELM_EXPORT RunLoop final : public MainQueue {
   public:
     RunLoop();

@@ -12,6 +12,7 @@ namespace pelm {
 /// Tells the host app whether the content server's host can be reached, whether location use is allowed and
 /// whether Bluetooth is on, and again at every change. Make it, set `delegate`, start the notifiers wanted.
 /// Everything reaches the delegate on the main queue; nothing arrives after the manager is destroyed.
+/// \ingroup host_api
 class PelmDeviceStatusManager : public std::enable_shared_from_this<PelmDeviceStatusManager> {
     struct State;
 

@@ -7,6 +7,7 @@
 namespace pelm {
 
 /// What the host app hears from the device status manager, on the main queue.
+/// \ingroup host_api
 class PELM_EXPORT PelmDeviceStatusManagerDelegate {
   public:
     virtual ~PelmDeviceStatusManagerDelegate() = default;

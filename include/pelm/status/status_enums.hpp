@@ -5,12 +5,15 @@
 namespace pelm {
 
 /// Whether the content server's host can be reached. `Unknown` is never reported.
+/// \ingroup host_api
 enum class ReachableStatus { Reachable, UnReachable, Unknown };
 
 /// Whether the app may use location services.
+/// \ingroup host_api
 enum class LocationStatus { AlwaysAllowed, WhenInUseAllowed, NotAllowed, Unknown };
 
 /// Whether Bluetooth is on.
+/// \ingroup host_api
 enum class BluetoothStatus { On, Off, Error, Unknown };
 
 /// From the platform's authorisation status: 3 always, 4 when in use, 0 unknown, anything else not allowed.

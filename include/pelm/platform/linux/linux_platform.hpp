@@ -15,6 +15,7 @@ namespace pelm::platform {
 /// store that does not exist yet, with no adapter and no beacons: its advertisements are played in real time
 /// into the same region engine the adapter would feed, once the first region monitor or device scanner is
 /// made.
+/// \ingroup host_api
 struct BeaconSource {
     /// Where the advertisements come from.
     enum class Kind {
@@ -43,6 +44,7 @@ struct BeaconSource {
 };
 
 /// What a host tells the Linux platform about itself. Every field has a sensible default.
+/// \ingroup host_api
 struct LinuxPlatformOptions {
     /// Names the settings file; defaults to the running program's name.
     std::string appName;
@@ -77,6 +79,7 @@ PELM_EXPORT std::string defaultAppName();
 /// The Linux platform. Every completion and delegate call of the library arrives on its main queue: the
 /// options' own, or a RunLoop that the host runs (see run_loop.hpp). Throws std::runtime_error naming the
 /// file when the beacon source is a scenario or recording that cannot be read.
+/// \ingroup host_api
 PELM_EXPORT std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options);
 
 }  // namespace pelm::platform
