@@ -10,7 +10,9 @@ ads=${1:-10000000}
 addresses=${2:-1000000}
 command -v /usr/bin/time >/dev/null 2>&1 || [ -x /usr/bin/time ] ||
   { apt-get install -y -qq time >/dev/null || { apt-get update -qq && apt-get install -y -qq time >/dev/null; }; }
-"$root/scripts/build.sh" release >/dev/null
+# shellcheck source=scripts/lib/show-build.sh
+. "$root/scripts/lib/show-build.sh"
+show_build "$root/build/release-build.log" "$root/scripts/build.sh" release
 pelm="$root/build/release/tools/pelm/pelm"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -22,8 +22,10 @@ case "$part" in steady | crowd | attacks | stop | all) ;; *)
 esac
 
 build="$root/build/bench"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPELM_BUILD_TESTS=OFF -DPELM_BUILD_TOOLS=ON >/dev/null
-cmake --build "$build" --target pelm-server pelm-phones >/dev/null
+# shellcheck source=scripts/lib/show-build.sh
+. "$root/scripts/lib/show-build.sh"
+show_build "$build-build.log" bash -c "cmake -S '$root' -B '$build' -G Ninja -DCMAKE_BUILD_TYPE=Release \
+  -DPELM_BUILD_TESTS=OFF -DPELM_BUILD_TOOLS=ON && cmake --build '$build' --target pelm-server pelm-phones"
 phones="$build/bench/pelm-phones"
 
 work=$(mktemp -d)

@@ -25,8 +25,8 @@ for shared in ON OFF; do
               exit 1
             fi
             if ! cmake --build "$dir" -j "$jobs" >"$dir.log" 2>&1; then
-              grep -E "error|Error" "$dir.log" | head -20
-              echo "configures but does not build: $line" >&2
+              grep -E -A4 "error:|FAILED:" "$dir.log" | head -40
+              echo "configures but does not build: $line (the whole log is $dir.log)" >&2
               exit 1
             fi
             count=$((count + 1))
