@@ -4,13 +4,13 @@
 # under ThreadSanitizer, clang-tidy's use-after-move check, builds the API reference (no warning allowed),
 # builds the Debian packages and tries them on this machine (install, a host's first content, removal), and
 # gives each fuzzer a short run.
-#   FUZZ_SECONDS=N   seconds per fuzzer (default 15; 0 skips fuzzing)
+#   FUZZ_SECONDS=N   seconds per fuzzer (default 10; 0 skips fuzzing)
 #   SKIP_TSAN=1      leaves out the ThreadSanitizer build
 #   SKIP_PACKAGES=1  leaves out the packages (they are installed and removed with apt, as root)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-FUZZ_SECONDS=${FUZZ_SECONDS:-15}
+FUZZ_SECONDS=${FUZZ_SECONDS:-10}
 jobs=$(nproc 2>/dev/null || echo 2)
 started=$SECONDS
 stage() { echo "== $1 ($((SECONDS - started)) s in)"; }
