@@ -32,6 +32,7 @@ TEST(RunLoopStopSignal, ArrivesOnceOnTheLoopThreadAndLeavesTheEarlierHandlingInP
         std::optional<int> received;
         int calls = 0;
         std::thread::id ranOn;
+        loop.onStopSignal([](int) { ADD_FAILURE() << "the handler a second call replaced was called"; });
         loop.onStopSignal([&](int signal) {
             received = signal;
             ++calls;

@@ -40,7 +40,8 @@ class PELM_EXPORT RunLoop final : public MainQueue {
     /// called once. A second signal ends the process at once, as it would have without this, when it comes
     /// 200 ms or more after the first; sooner, it is taken for the same one (wrappers such as timeout(1)
     /// pass one Ctrl-C on twice).
-    /// One loop at a time may watch them; when it is destroyed, the handling there was before returns.
+    /// One loop at a time may watch them (a second call on the same loop replaces `handler`); when it is
+    /// destroyed, the handling there was before returns.
     /// Throws std::logic_error when another loop watches them, std::system_error when the signals cannot
     /// be handled.
     void onStopSignal(std::function<void(int signal)> handler);
