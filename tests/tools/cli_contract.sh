@@ -79,6 +79,8 @@ trap 'kill $server 2>/dev/null' EXIT
 for _ in $(seq 200); do grep -q "Ctrl-C stops it" "$work/server.txt" && break; sleep 0.05; done
 ca="$work/server/pelm-server-certificate/ca.pem"
 shop=(--config-dir "$work/shop" --app shop)
+expect 1 "^pelm setup: the CA file /etc/hostname holds no PEM certificate$" \
+  "$pelm" setup --token demo-token --host "localhost:$port" --ca /etc/hostname --config-dir "$work/no-pem" --app shop
 expect 1 "give the CA that signed it with --ca FILE" \
   "$pelm" setup --token demo-token --host "localhost:$port" --config-dir "$work/no-ca" --app shop
 expect 1 "pelm setup: could not fetch the configuration: the server localhost:$port does not know this app token (HTTP 401); check the token" \

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -116,7 +117,14 @@ int run(const Command& command, const pelm::cli::Arguments& args) {
         std::fprintf(stderr, "pelm %s: %s\n", command.name, args.error()->c_str());
         return 2;
     }
-    const int result = command.run(args);
+    int result = 1;
+    try {
+        result = command.run(args);
+    } catch (const std::exception& error) {
+        // What the library refuses to start with (a CA file that holds no certificate, say) is one line.
+        std::fprintf(stderr, "pelm %s: %s\n", command.name, error.what());
+        return 1;
+    }
     if (result != pelm::cli::kShowUsage) return result;
     // What is missing, in one line; the options are a --help away.
     std::fprintf(stderr, "pelm %s: usage: pelm %s %s (pelm %s --help shows the options)\n", command.name,

@@ -78,7 +78,8 @@ PELM_EXPORT std::string defaultAppName();
 
 /// The Linux platform. Every completion and delegate call of the library arrives on its main queue: the
 /// options' own, or a RunLoop that the host runs (see run_loop.hpp). Throws std::runtime_error naming the
-/// file when the beacon source is a scenario or recording that cannot be read.
+/// file when the beacon source is a scenario or recording that cannot be read, or when `extraCABundle`
+/// cannot be read or holds no PEM certificate.
 /// \ingroup host_api
 PELM_EXPORT std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options);
 

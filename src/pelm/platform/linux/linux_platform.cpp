@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <stdexcept>
 
+#include <pelm/platform/linux/bounded_file.hpp>
 #include <pelm/platform/linux/curl_transport.hpp>
 #include <pelm/platform/linux/file_key_value_store.hpp>
 #include <pelm/platform/linux/linux_beacon_vendor.hpp>
@@ -62,7 +64,24 @@ std::filesystem::path settingsFilePath(const LinuxPlatformOptions& options) {
     return folder / (app + ".json");
 }
 
+namespace {
+
+// What a CA bundle may weigh: the system's own is a few hundred KiB.
+constexpr std::size_t kMaxCABundleBytes = std::size_t{16} << 20;
+
+// A CA file that cannot be used fails every call later, in curl's words ("error setting certificate file",
+// taken for an unreachable server); it is named at once instead.
+void checkCABundle(const std::filesystem::path& file) {
+    const auto contents = readBoundedFile(file, kMaxCABundleBytes);
+    if (!contents.bytes) throw std::runtime_error("the CA file " + file.string() + " " + contents.error);
+    if (contents.bytes->find("-----BEGIN CERTIFICATE-----") == std::string::npos)
+        throw std::runtime_error("the CA file " + file.string() + " holds no PEM certificate");
+}
+
+}  // namespace
+
 std::shared_ptr<Platform> makeLinuxPlatform(LinuxPlatformOptions options) {
+    if (options.extraCABundle) checkCABundle(*options.extraCABundle);
     if (options.appName.empty()) options.appName = defaultAppName();
     if (options.vendorName.empty()) options.vendorName = options.appName;
     auto platform = std::make_shared<Platform>();
