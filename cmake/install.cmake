@@ -9,9 +9,10 @@ set(PELM_PACKAGE_Runtime libpelm${PROJECT_VERSION_MAJOR})
 set(PELM_PACKAGE_Development libpelm-dev)
 set(PELM_PACKAGE_Tools pelm-tools)
 set(PELM_PACKAGE_Server pelm-server)
-# Every package carries the licence as its copyright file, where Debian looks for it.
+# Every package carries the licence in Debian's copyright format, and a Debian changelog, where Debian looks
+# for them (the changelog is made by cmake/package.cmake).
 function(pelm_install_copyright component)
-  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE RENAME copyright
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/debian/changelog.Debian.gz
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${PELM_PACKAGE_${component}} COMPONENT ${component})
 endfunction()
 
@@ -40,6 +41,7 @@ set(PELM_PC_REQUIRES_PRIVATE "libcurl, openssl, sdbus-c++, libsystemd")
 file(RELATIVE_PATH PELM_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/pelm.pc.in ${PROJECT_BINARY_DIR}/pelm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/pelm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+include(cmake/package.cmake)  # the packages' settings and changelog; CPack itself is included last
 pelm_install_copyright(Runtime)
 pelm_install_copyright(Development)
 # The examples, to be built against the install as they stand.
@@ -64,4 +66,4 @@ if(TARGET pelm-server)
     DESTINATION lib/systemd/system COMPONENT Server)
 endif()
 
-include(cmake/package.cmake)
+include(CPack)

@@ -11,10 +11,10 @@ set(CPACK_STRIP_FILES ON)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL Runtime Development)
-if(TARGET pelm-cli)
+if(PELM_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL Tools)
 endif()
-if(TARGET pelm-server)
+if(PELM_BUILD_SERVER)
   list(APPEND CPACK_COMPONENTS_ALL Server)
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -23,6 +23,14 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(PELM_DEB_VERSION "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)  # only the library's package has one
+
+# The Debian changelog every package carries, dated now (or at SOURCE_DATE_EPOCH, for a reproducible build).
+string(TIMESTAMP PELM_DEB_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/changelog.Debian.in ${PROJECT_BINARY_DIR}/debian/changelog.Debian
+  @ONLY)
+file(ARCHIVE_CREATE OUTPUT ${PROJECT_BINARY_DIR}/debian/changelog.Debian.gz
+  PATHS ${PROJECT_BINARY_DIR}/debian/changelog.Debian FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME 0)
 
 # The maintainer scripts go in under the names dpkg expects.
 function(pelm_control_files component)
@@ -49,6 +57,7 @@ pelm fetches an app's configuration from a content server, watches Bluetooth
 Low Energy beacons through BlueZ, asks the server for the content that
 belongs to a beacon as the user comes near it or leaves it, and uploads each
 store visit.")
+# The loader's cache is brought up to date by dpkg's trigger, once for all the libraries of a run.
 pelm_control_files(Runtime libpelm.triggers=triggers)
 
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "beacon-triggered content for Linux hosts: development files
@@ -74,4 +83,4 @@ set(CPACK_DEBIAN_SERVER_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_SERVER_PACKAGE_DEPENDS "adduser")
 pelm_control_files(Server pelm-server.postinst=postinst pelm-server.prerm=prerm pelm-server.postrm=postrm)
 
-include(CPack)
+# include(CPack) comes last in install.cmake, once every install rule is known.
