@@ -27,6 +27,9 @@ for package in "${packages[@]}"; do
     fail "$package is installed on this machine already; this check installs and removes the packages itself"
   fi
 done
+if (exec 3<>/dev/tcp/127.0.0.1/8443) 2>/dev/null; then
+  fail "port 8443 is in use; the service listens there (stop what holds it: ss -ltnp 'sport = :8443')"
+fi
 had_user=0; getent passwd pelm >/dev/null && had_user=1
 had_state=0; [ -e "$state" ] && had_state=1
 
