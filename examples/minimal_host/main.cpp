@@ -135,8 +135,9 @@ int main(int argc, char** argv) {
         const auto visit = *app->stopped;
         std::printf("%d content%s, %s\n", app->contents, app->contents == 1 ? "" : "s",
                     visit == pelm::VisitAtStop::uploaded ? "visit uploaded at stop"
-                    : visit == pelm::VisitAtStop::none   ? "no visit in progress at stop"
-                                                         : "visit not uploaded at stop: the server did not take it in time");
+                    : visit == pelm::VisitAtStop::none
+                        ? "no visit in progress at stop"
+                        : "visit not uploaded at stop: the server did not take it in time");
         return visit == pelm::VisitAtStop::notUploaded ? 1 : 0;
     }
     std::printf("%d content%s, visit %s\n", app->contents, app->contents == 1 ? "" : "s",

@@ -17,7 +17,8 @@ std::string clause(std::string text) {
 }
 
 // What a host can do about a failed fetch, in its words.
-std::string reasonFor(const PelmAPIClient::Failure& failure, const std::string& token, const std::string& host) {
+std::string reasonFor(const PelmAPIClient::Failure& failure, const std::string& token,
+                      const std::string& host) {
     using Kind = PelmAPIClient::Failure::Kind;
     const auto server = "the server " + host;
     const auto code = " (HTTP " + std::to_string(failure.status) + ")";
@@ -27,7 +28,8 @@ std::string reasonFor(const PelmAPIClient::Failure& failure, const std::string& 
         case Kind::noReply:
             return server + " could not be reached: " + clause(failure.text);
         case Kind::unreadable:
-            return server + " answered with something that is not an app configuration: " + clause(failure.text);
+            return server +
+                   " answered with something that is not an app configuration: " + clause(failure.text);
         case Kind::status:
             break;
     }
@@ -54,14 +56,15 @@ void updateAppConfig(const std::string& appToken, const std::string& apiHost, Co
     // The client may go at once: its call completes without it.
     PelmAPIClient(appToken, apiHost)
         .appConfigOrFailure([completion, appToken, apiHost](std::shared_ptr<AppConfig> config,
-                                                  const PelmAPIClient::Failure* failure) {
+                                                            const PelmAPIClient::Failure* failure) {
             if (config) {
                 // A configuration without a value removes what an earlier one stored.
                 const auto settings = SettingsManager::sharedInstance();
                 settings->setDefaultBeaconUUID(config->defaultBeaconUUID);
                 settings->setKontaktIoAPIKey(config->kontaktIoAPIKey);
             }
-            if (completion) completion(config != nullptr, failure ? reasonFor(*failure, appToken, apiHost) : "");
+            if (completion)
+                completion(config != nullptr, failure ? reasonFor(*failure, appToken, apiHost) : "");
         });
 }
 
@@ -70,7 +73,8 @@ void updateAppConfig(const std::string& appToken, const std::string& apiHost, Co
 void PelmSDK::setAppToken(const std::string& token, const std::string& host,
                           std::function<void(bool successful)> completion) {
     Completion withoutReason;
-    if (completion) withoutReason = [completion](bool successful, const std::string&) { completion(successful); };
+    if (completion)
+        withoutReason = [completion](bool successful, const std::string&) { completion(successful); };
     setAppToken(token, host, std::move(withoutReason));
 }
 

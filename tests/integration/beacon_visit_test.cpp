@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 
+#include <optional>
+
 #include "support/beacon_recorders.hpp"
 #include "support/server_fixture.hpp"
 
@@ -190,6 +192,76 @@ TEST_F(BeaconVisitTest, StatusLinesKeepTheirCriticalFlagAndNoDelegateDropsThem) 
     settle();
     EXPECT_THAT(host_->events, IsEmpty());
     EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Views | Discovered | " + U + "+1+11"));
+}
+
+// A host that stops: what becomes of the visit in progress.
+class HostStopTest : public BeaconVisitTest {
+  protected:
+    // Into the store and up to the cheese counter: one open log line.
+    void walkIn() {
+        manager_->startMonitoring();
+        vendor().enter(region());
+        vendor().range({heard(11)}, region());
+        vendor().enter(region(1, 11));
+        settle();
+        host_->take();
+        manager_->takeAnalytics();
+        vendor().takeCalls();
+    }
+    std::optional<VisitAtStop> stop() {
+        std::optional<VisitAtStop> visit;
+        manager_->stop([&](VisitAtStop answer) {
+            EXPECT_FALSE(visit) << "answered twice";
+            visit = answer;
+        });
+        EXPECT_EQ(visit, std::nullopt) << "answered before the main queue ran";
+        settle();
+        return visit;
+    }
+    std::size_t storedVisits() const { return server_->store().sessions().size(); }
+};
+
+TEST_F(HostStopTest, AVisitInProgressEndsAsLeavingWouldAndIsUploadedOnce) {
+    walkIn();
+    EXPECT_EQ(stop(), VisitAtStop::uploaded);
+    EXPECT_THAT(vendor().takeCalls(), ::testing::Contains("stopMonitoringForAllRegions"));
+    const auto stored = server_->store().sessions();
+    ASSERT_EQ(stored.size(), 1u);
+    const auto& lines = stored[0]["session_logs"];
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0]["minor"], "11");
+    EXPECT_TRUE(lines[0].contains("exit_time"));
+    EXPECT_THAT(host_->take(), ::testing::Contains("log Session upload successful finished"));
+
+    // The vendor's last words are not acted on: no exit content, no second upload.
+    vendor().exit(region(1, 11));
+    vendor().exit(region());
+    settle();
+    EXPECT_THAT(host_->take(), IsEmpty());
+    EXPECT_EQ(storedVisits(), 1u);
+    EXPECT_EQ(stop(), VisitAtStop::none);
+}
+
+TEST_F(HostStopTest, WithoutAVisitNothingIsSentAndAnUploadUnderWayIsWaitedFor) {
+    manager_->startMonitoring();
+    EXPECT_EQ(stop(), VisitAtStop::none);
+    EXPECT_EQ(storedVisits(), 0u);
+
+    // Leaving the store starts the upload; a stop before its answer gets that answer.
+    walkIn();
+    vendor().exit(region(1, 11));
+    vendor().exit(region());
+    EXPECT_EQ(stop(), VisitAtStop::uploaded);
+    EXPECT_EQ(storedVisits(), 1u);
+}
+
+TEST_F(HostStopTest, AVisitTheServerRefusesIsReportedLost) {
+    walkIn();
+    server::PelmServer::Fault refused;
+    refused.status = 500;
+    server_->setFault("/api/v1/sessions", refused);
+    EXPECT_EQ(stop(), VisitAtStop::notUploaded);
+    EXPECT_THAT(host_->take(), ::testing::Contains("log Failed to upload session (critical)"));
 }
 
 }  // namespace

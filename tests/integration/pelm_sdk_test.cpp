@@ -53,7 +53,8 @@ TEST_F(PelmSDKTest, AFailureTellsTheHostWhatToCheck) {
     std::vector<std::pair<bool, std::string>> answers;
     const auto ask = [&](const std::string& token, const std::string& host) {
         answers.clear();
-        PelmSDK::setAppToken(token, host, [&](bool ok, const std::string& why) { answers.emplace_back(ok, why); });
+        PelmSDK::setAppToken(token, host,
+                             [&](bool ok, const std::string& why) { answers.emplace_back(ok, why); });
         settle();
         EXPECT_EQ(answers.size(), 1u);
         return answers.empty() ? std::pair<bool, std::string>{} : answers.front();
@@ -71,19 +72,23 @@ TEST_F(PelmSDKTest, AFailureTellsTheHostWhatToCheck) {
     fault.status = 200;
     fault.body = "<html>captive portal</html>";
     server_->setFault("/api/v1/app_config/by_app_token", fault);
-    EXPECT_EQ(ask(testing::kToken, host).second,
-              "the server " + host +
-                  " answered with something that is not an app configuration: The reply could not be read: its "
-                  "body is not valid JSON");
+    EXPECT_EQ(
+        ask(testing::kToken, host).second,
+        "the server " + host +
+            " answered with something that is not an app configuration: The reply could not be read: its "
+            "body is not valid JSON");
 
     // Too long for the server, too long for a URL.
-    EXPECT_EQ(ask(std::string(1'000'000, 'a'), host).second,
-              "the server " + host +
-                  " refused the request as too long (HTTP 431): the app token is 1000000 bytes; check the token");
+    EXPECT_EQ(
+        ask(std::string(1'000'000, 'a'), host).second,
+        "the server " + host +
+            " refused the request as too long (HTTP 431): the app token is 1000000 bytes; check the token");
     const auto tooLong = ask(std::string(9'000'000, 'a'), host).second;
-    EXPECT_TRUE(tooLong.starts_with("nothing was sent: Refused to send a request whose URL would be 90000")) << tooLong;
-    EXPECT_EQ(ask("\xFF", host),
-              std::pair(false, std::string("the app token and the host must be UTF-8 text; nothing was stored")));
+    EXPECT_TRUE(tooLong.starts_with("nothing was sent: Refused to send a request whose URL would be 90000"))
+        << tooLong;
+    EXPECT_EQ(
+        ask("\xFF", host),
+        std::pair(false, std::string("the app token and the host must be UTF-8 text; nothing was stored")));
     server_->stop();
     const auto unreachable = ask(testing::kToken, host);
     EXPECT_FALSE(unreachable.first);

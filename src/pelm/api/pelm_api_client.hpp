@@ -35,7 +35,8 @@ class PelmAPIClient {
     using StatusCompletion = std::function<void(bool successful, std::shared_ptr<StatusResponse> status)>;
     using AppConfigCompletion = std::function<void(bool successful, std::shared_ptr<AppConfig> appConfig)>;
     /// The configuration, or why there is none.
-    using AppConfigOutcome = std::function<void(std::shared_ptr<AppConfig> appConfig, const Failure* failure)>;
+    using AppConfigOutcome =
+        std::function<void(std::shared_ptr<AppConfig> appConfig, const Failure* failure)>;
     using ContentByIdCompletion = std::function<void(bool succesful, std::shared_ptr<Content> content)>;
     using ContentByHardwareCompletion = std::function<void(
         bool successful, std::shared_ptr<Content> entryContent, std::shared_ptr<Content> exitContent)>;

@@ -132,10 +132,8 @@ bool RunLoop::runUntil(const std::function<bool()>& done, std::chrono::milliseco
 
 void RunLoop::onStopSignal(std::function<void(int signal)> handler) {
     state_->stopSignals.reset();  // a second call replaces the first handler
-    auto watch = std::make_unique<detail::StopSignalWatch>([this, handler = std::move(handler)](int signal) {
-        post([handler, signal] { handler(signal); });
-    });
-    state_->stopSignals = std::move(watch);
+    state_->stopSignals = std::make_unique<detail::StopSignalWatch>(
+        [this, handler = std::move(handler)](int signal) { post([handler, signal] { handler(signal); }); });
 }
 
 }  // namespace pelm::platform

@@ -34,7 +34,8 @@ extern "C" void onStopSignal(int signal) {
     std::int64_t none = 0;
     if (firstSignalNs.compare_exchange_strong(none, now)) {
         const auto number = static_cast<unsigned char>(signal);
-        if (const int fd = signalPipe.load(); fd >= 0) [[maybe_unused]] auto written = ::write(fd, &number, 1);
+        if (const int fd = signalPipe.load(); fd >= 0) [[maybe_unused]]
+            auto written = ::write(fd, &number, 1);
     } else if (now - none >= kSecondSignalAfterNs) {
         // The host hangs in its stop and the user insists: end as the signal would have without us.
         struct sigaction action {};

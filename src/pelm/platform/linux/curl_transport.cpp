@@ -161,9 +161,10 @@ class CurlTransport::Worker {
     std::optional<std::string> configure(Transfer& t) {
         CURL* easy = t.easy;
         curl_easy_setopt(easy, CURLOPT_PRIVATE, &t);
-        if (const auto refused = curl_easy_setopt(easy, CURLOPT_URL, t.request.url.c_str()); refused != CURLE_OK) {
-            return "The URL (" + std::to_string(t.request.url.size()) + " bytes) was refused: " +
-                   curl_easy_strerror(refused);
+        if (const auto refused = curl_easy_setopt(easy, CURLOPT_URL, t.request.url.c_str());
+            refused != CURLE_OK) {
+            return "The URL (" + std::to_string(t.request.url.size()) +
+                   " bytes) was refused: " + curl_easy_strerror(refused);
         }
         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
