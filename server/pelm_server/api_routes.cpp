@@ -11,7 +11,7 @@ namespace pelm::server {
 namespace {
 
 ApiAnswer reply(int status, const JSON& body) {
-    return {status, jsonText(body)};
+    return {status, jsonText(body), std::nullopt};
 }
 
 std::string text(const JSON& form, const char* key) {
@@ -42,14 +42,25 @@ ApiAnswer ApiRoutes::error(int status, const std::string& message) {
     return reply(status, JSON{{"status", "error"}, {"message", message}});
 }
 
+ApiAnswer ApiRoutes::unavailable(const std::string& message) {
+    auto answer = error(503, message);
+    answer.retryAfter = kRetryAfterSeconds;
+    return answer;
+}
+
 ApiAnswer ApiRoutes::answer(std::string_view method, std::string_view target, const std::string& body) const {
     const auto mark = target.find('?');
     const auto path = target.substr(0, mark);
     const auto query = mark == std::string_view::npos ? std::string_view() : target.substr(mark + 1);
     try {
         return route(method, path, query, body);
+    } catch (const StoreError& e) {
+        log_("database unavailable",
+             "request " + std::string(method) + " " + std::string(path) + " not answered: " + e.what());
+        return unavailable("The database is unavailable; send the request again later");
     } catch (const std::exception& e) {
-        log_("request " + std::string(method) + " " + std::string(path) + " failed: " + e.what());
+        log_("request failed",
+             "request " + std::string(method) + " " + std::string(path) + " failed: " + e.what());
         return error(500, "Internal server error");
     }
 }
@@ -79,12 +90,15 @@ ApiAnswer ApiRoutes::route(std::string_view method, std::string_view path, std::
     return error(404, "Not found");
 }
 
+// Answered from the cache through an outage; "database" then says what the server knows of it.
 ApiAnswer ApiRoutes::status(const JSON& query) const {
     if (!store_.appConfig(text(query, "app_token"))) return error(401, "Unknown app token");
+    const auto outage = store_.outage();
     return reply(200, {{"status", "successful"},
                        {"version", "1.0.0"},
                        {"api_version", "v1"},
-                       {"git_revision", "pelm-server"}});
+                       {"git_revision", "pelm-server"},
+                       {"database", outage ? "unavailable: " + *outage : std::string("available")}});
 }
 
 ApiAnswer ApiRoutes::appConfig(const JSON& query) const {
@@ -118,20 +132,20 @@ ApiAnswer ApiRoutes::contentForHardware(const JSON& query) const {
     return reply(200, body);
 }
 
-// An upload the database did not take is answered 503, so that the phone keeps the visit and sends it again,
-// and the operator reads why.
+// An upload the database did not take (or whose token it could not check) is answered 503, so that the
+// phone keeps the visit and sends it again, and the operator reads why.
 ApiAnswer ApiRoutes::upload(const std::string& body) const {
     const auto form = parseFormBody(body);
     const auto token = text(form, "app_token");
-    if (!store_.appConfig(token)) return error(401, "Unknown app token");
-    const auto session = form.value("session", JSON());
-    if (!session.is_object()) return error(422, "The upload has no session");
     try {
+        if (!store_.appConfig(token)) return error(401, "Unknown app token");
+        const auto session = form.value("session", JSON());
+        if (!session.is_object()) return error(422, "The upload has no session");
         store_.storeSession(token, text(form, "session_user"), session, form.value("beacon", JSON::object()),
                             form.value("session_logs", JSON::array()));
-    } catch (const std::exception& e) {
-        log_("upload for app " + tokenHint(token) + " not stored: " + e.what());
-        return error(503, "The upload could not be stored; send it again later");
+    } catch (const StoreError& e) {
+        log_("upload not stored", "upload for app " + tokenHint(token) + " not stored: " + e.what());
+        return unavailable("The upload could not be stored; send it again later");
     }
     return reply(201, {{"status", "successful"}});
 }

@@ -24,6 +24,7 @@ std::shared_ptr<http::response<http::string_body>> responseOf(Reply reply, bool 
         std::make_shared<http::response<http::string_body>>(static_cast<http::status>(reply.status), 11);
     response->set(http::field::content_type, kJSON);
     if (reply.location) response->set(http::field::location, *reply.location);
+    if (reply.retryAfter) response->set(http::field::retry_after, std::to_string(*reply.retryAfter));
     response->keep_alive(keepAlive);
     response->body() = std::move(reply.body);
     response->prepare_payload();

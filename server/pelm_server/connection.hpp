@@ -26,6 +26,7 @@ struct Reply {
     int status = 200;
     std::string body;
     std::optional<std::string> location;
+    std::optional<int> retryAfter;       // seconds, for a 503
     std::chrono::milliseconds delay{0};  // waited on a timer, holding no thread
     bool dropConnection = false;         // send the head, then close without the promised body
 };

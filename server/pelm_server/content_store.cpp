@@ -149,19 +149,61 @@ void ContentStore::seed(const JSON& data) {
     writeSeed(appRows, contentRows);
 }
 
+template <class Call>
+auto ContentStore::throughOutage(Call&& call) const -> decltype(call()) {
+    const bool probe = failing_.load() && !probing_.exchange(true);
+    if (failing_.load() && !probe) {
+        std::lock_guard lock(outageMutex_);
+        throw StoreError(lastError_);
+    }
+    try {
+        auto result = call();
+        failing_ = false;
+        if (probe) probing_ = false;
+        return result;
+    } catch (const StoreError& error) {
+        noteFailure(error);
+        if (probe) probing_ = false;
+        throw;
+    }
+}
+
+void ContentStore::noteFailure(const StoreError& error) const {
+    std::lock_guard lock(outageMutex_);
+    lastError_ = error.what();
+    failing_ = true;
+}
+
+std::optional<std::string> ContentStore::outage() const {
+    if (!failing_.load()) return std::nullopt;
+    std::lock_guard lock(outageMutex_);
+    return lastError_;
+}
+
 std::optional<JSON> ContentStore::cached(const std::string& key,
                                          const std::function<std::optional<std::string>()>& query) const {
     std::uint64_t generation = 0;
     const auto now = std::chrono::steady_clock::now();
+    std::optional<Cached> stale;
     {
         std::shared_lock lock(cacheMutex_);
-        if (const auto found = cache_.find(key);
-            found != cache_.end() && now - found->second.readAt < cacheLifetime_)
-            return found->second.value;
+        if (const auto found = cache_.find(key); found != cache_.end()) {
+            const auto age = now - found->second.readAt;
+            if (age < cacheLifetime_) return found->second.value;
+            if (age < kLongestStale) stale = found->second;
+        }
         generation = generation_;
     }
+    // Through an outage the last answer stands, without a wait on the database.
+    if (stale && failing_.load()) return stale->value;
     requireDatabaseAllowed();
-    const auto text = query();
+    std::optional<std::string> text;
+    try {
+        text = throughOutage(query);
+    } catch (const StoreError&) {
+        if (stale) return stale->value;
+        throw;
+    }
     std::optional<JSON> value;
     if (text) value = storedJSON(*text);
     std::unique_lock lock(cacheMutex_);
@@ -178,7 +220,7 @@ std::optional<JSON> ContentStore::appConfig(const std::string& token) const {
 
 std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t id) const {
     requireDatabaseAllowed();
-    const auto text = queryContent(token, id);
+    const auto text = throughOutage([&] { return queryContent(token, id); });
     if (!text) return std::nullopt;
     return storedJSON(*text);
 }
@@ -221,7 +263,7 @@ std::int64_t ContentStore::storeSession(const std::string& token, const std::str
         }
     }
     upload.digest = sha256Hex(jsonText(uploadJSON(0, upload, "")));
-    return writeUpload(upload);
+    return throughOutage([&] { return writeUpload(upload); });
 }
 
 JSON ContentStore::uploadJSON(std::int64_t id, const Upload& upload, const std::string& receivedAt) {

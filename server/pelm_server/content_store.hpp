@@ -1,12 +1,15 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <shared_mutex>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -14,6 +17,13 @@
 #include <pelm/model/json_binding.hpp>
 
 namespace pelm::server {
+
+/// The database failed a call or did not answer in time: nothing the request did wrong, so the client is
+/// told to try again later.
+class StoreError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
 
 /// The server's data: apps by token, contents by id and beacon, and every session upload as received. One
 /// interface over two databases: a SQLite file for one machine, PostgreSQL for several servers sharing one.
@@ -26,6 +36,10 @@ class ContentStore {
     /// request reads them, so they are not read from the database each time; a change made in the database
     /// by other hands is served within this time. A seed through this store is served at once.
     static constexpr std::chrono::milliseconds kDefaultCacheLifetime{5000};
+    /// While the database fails or does not answer, what was read from it before is answered for up to this
+    /// long after it was read, so that phones keep getting their configuration and content through an
+    /// outage. Past it a lookup fails like an upload.
+    static constexpr std::chrono::hours kLongestStale{1};
 
     /// Thrown, inside a MemoryOnly scope, by a call that would have to wait on the database.
     struct NotInMemory {};
@@ -65,6 +79,8 @@ class ContentStore {
     virtual JSON sessions() const = 0;
     /// Which database this is, for the operator: "SQLite file X", "PostgreSQL database D on H".
     virtual std::string description() const = 0;
+    /// Why the last call to the database failed, while it fails; none once one succeeds again.
+    std::optional<std::string> outage() const;
 
   protected:
     explicit ContentStore(std::chrono::milliseconds cacheLifetime);
@@ -104,6 +120,13 @@ class ContentStore {
     static JSON storedJSON(const std::string& text);
 
   private:
+    // Every call to the database goes through here. While calls fail, one at a time still goes to the
+    // database to learn whether it is back, and the others fail at once with the last error, so that no
+    // thread queues on a database that does not answer.
+    template <class Call>
+    auto throughOutage(Call&& call) const -> decltype(call());
+    void noteFailure(const StoreError& error) const;
+
     struct Cached {
         std::optional<JSON> value;
         std::chrono::steady_clock::time_point readAt;
@@ -118,6 +141,11 @@ class ContentStore {
     mutable std::unordered_map<std::string, Cached> cache_;
     // Counts seedings, so that an answer read before one is not kept after it.
     std::uint64_t generation_ = 0;
+
+    mutable std::atomic<bool> failing_{false};
+    mutable std::atomic<bool> probing_{false};
+    mutable std::mutex outageMutex_;
+    mutable std::string lastError_;
 };
 
 /// True for a PostgreSQL connection URI ("postgresql://…" or "postgres://…").

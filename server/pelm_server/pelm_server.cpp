@@ -45,11 +45,57 @@ Reply replyOf(ApiAnswer answer, std::chrono::milliseconds delay = std::chrono::m
     Reply reply;
     reply.status = answer.status;
     reply.body = std::move(answer.body);
+    reply.retryAfter = answer.retryAfter;
     reply.delay = delay;
     return reply;
 }
 
+void writeToStandardError(const std::string& line) {
+    std::fprintf(stderr, "pelm-server: %s\n", line.c_str());
+}
+
 }  // namespace
+
+// The answer to one request handed to the store's threads. Whoever answers first is heard: the store, the
+// deadline, or a server that stops; the others find it answered. The connection is let go with the answer.
+class PelmServer::PendingAnswer {
+  public:
+    PendingAnswer(std::function<void(Reply)> done, net::any_io_executor executor)
+        : done_(std::move(done)), deadline_(std::move(executor)) {}
+
+    /// True when this call answered.
+    bool answer(Reply reply) {
+        std::function<void(Reply)> done;
+        {
+            std::lock_guard lock(mutex_);
+            done.swap(done_);
+        }
+        if (!done) return false;
+        done(std::move(reply));
+        return true;
+    }
+    bool answered() const {
+        std::lock_guard lock(mutex_);
+        return !done_;
+    }
+    /// Answers 503 when nothing else has by `within`.
+    void answerUnavailableAfter(std::chrono::milliseconds within, std::shared_ptr<PendingAnswer> self) {
+        deadline_.expires_after(within);
+        deadline_.async_wait([self = std::move(self)](boost::system::error_code error) {
+            if (error) return;
+            self->answer(replyOf(
+                ApiRoutes::unavailable("The database did not answer in time; send the request again later")));
+        });
+    }
+    void cancelDeadline(std::shared_ptr<PendingAnswer> self) {
+        net::post(deadline_.get_executor(), [self = std::move(self)] { self->deadline_.cancel(); });
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::function<void(Reply)> done_;
+    net::steady_timer deadline_;
+};
 
 struct PelmServer::Loop {
     explicit Loop(int storeThreads) : store(static_cast<std::size_t>(storeThreads)) {}
@@ -64,9 +110,11 @@ struct PelmServer::Loop {
 
 PelmServer::PelmServer(Options options)
     : options_(std::move(options)),
+      log_(&writeToStandardError),
       store_(
           openContentStore(options_.database, ContentStore::Open::CreateIfMissing, options_.cacheLifetime)),
-      routes_(*store_, &PelmServer::log),
+      routes_(*store_,
+              [this](const std::string& cause, const std::string& line) { log_.write(cause, line); }),
       loop_(std::make_unique<Loop>(std::max(1, options_.storeThreads))) {
     limits_.maxHeaderBytes = kMaxHeaderBytes;
     limits_.maxHeaderCount = kMaxHeaderCount;
@@ -123,6 +171,7 @@ void PelmServer::start() {
     {
         std::lock_guard lock(connectionsMutex_);
         accepting_ = true;
+        state_ = State::Running;
     }
     net::post(acceptor.get_executor(), [this] { accept(); });
     loop_->work.emplace(loop_->io.get_executor());
@@ -193,12 +242,27 @@ void PelmServer::closeConnections(bool gracefully) {
     }
 }
 
-// Stops accepting, lets the requests in flight be answered for up to a second, closes whatever is left,
-// and returns once every store call has ended.
 void PelmServer::stop() {
-    if (!loop_ || loop_->threads.empty()) return;
+    if (beginStop() || state_ == State::Stopping) {
+        waitForStoreCalls(std::chrono::milliseconds::max());
+        finishStop();
+    }
+}
+
+bool PelmServer::stopWithin(std::chrono::milliseconds most) {
+    if (!beginStop() && state_ != State::Stopping) return true;
+    if (!waitForStoreCalls(most)) return false;
+    finishStop();
+    return true;
+}
+
+// Stops accepting, answers what waits on the store, lets the requests in flight be answered for up to a
+// second and closes whatever is left. False when the server was not running.
+bool PelmServer::beginStop() {
     {
         std::lock_guard lock(connectionsMutex_);
+        if (state_ != State::Running) return false;
+        state_ = State::Stopping;
         accepting_ = false;
     }
     net::post(loop_->acceptor.get_executor(), [this] {
@@ -206,6 +270,14 @@ void PelmServer::stop() {
         loop_->acceptor.close(ignored);
         loop_->acceptRetry.cancel();
     });
+    std::set<std::shared_ptr<PendingAnswer>> waiting;
+    {
+        std::lock_guard lock(storeMutex_);
+        waiting = waitingOnStore_;
+    }
+    for (const auto& pending : waiting)
+        pending->answer(
+            replyOf(ApiRoutes::unavailable("The server is stopping; send the request again later")));
     const auto waitForConnections = [this](std::chrono::milliseconds most) {
         std::unique_lock lock(connectionsMutex_);
         connectionEnded_.wait_for(lock, most, [this] { return open_.empty(); });
@@ -214,11 +286,28 @@ void PelmServer::stop() {
     waitForConnections(std::chrono::seconds(1));
     closeConnections(false);
     waitForConnections(std::chrono::milliseconds(200));
+    return true;
+}
+
+bool PelmServer::waitForStoreCalls(std::chrono::milliseconds most) {
+    std::unique_lock lock(storeMutex_);
+    const auto ended = [this] { return waitingOnStore_.empty(); };
+    if (most == std::chrono::milliseconds::max()) {
+        storeCallEnded_.wait(lock, ended);
+        return true;
+    }
+    return storeCallEnded_.wait_for(lock, most, ended);
+}
+
+void PelmServer::finishStop() {
     loop_->store.join();
     loop_->work.reset();
     loop_->io.stop();
     for (auto& thread : loop_->threads) thread.join();
     loop_.reset();  // and with it every connection still waiting on the loop
+    log_.flush();
+    std::lock_guard lock(connectionsMutex_);
+    state_ = State::Stopped;
 }
 
 void PelmServer::handle(Request request, int remotePort, std::function<void(Reply)> done) {
@@ -239,13 +328,41 @@ void PelmServer::handle(Request request, int remotePort, std::function<void(Repl
     if (auto answer = routes_.answerFromMemory({method.data(), method.size()}, target)) {
         return done(replyOf(std::move(*answer), delay));
     }
-    net::post(loop_->store, [this, request = std::move(request), done = std::move(done), delay] {
-        const auto method = request.method_string();
-        const auto target = request.target();
-        auto answer =
-            routes_.answer({method.data(), method.size()}, {target.data(), target.size()}, request.body());
-        done(replyOf(std::move(answer), delay));
+    auto pending = std::make_shared<PendingAnswer>(std::move(done), net::make_strand(loop_->io));
+    askStore(std::move(request), std::move(pending), delay);
+}
+
+// The store's threads may all be waiting on a database that does not answer: the request is answered 503 at
+// its deadline whatever they do, and one still queued then is not asked of the store at all.
+void PelmServer::askStore(Request request, std::shared_ptr<PendingAnswer> pending,
+                          std::chrono::milliseconds delay) {
+    {
+        std::lock_guard lock(storeMutex_);
+        if (waitingOnStore_.size() >= options_.maxStoreQueue) {
+            pending->answer(
+                replyOf(ApiRoutes::unavailable("The server is busy; send the request again later")));
+            return;
+        }
+        waitingOnStore_.insert(pending);
+    }
+    pending->answerUnavailableAfter(options_.storeDeadline, pending);
+    net::post(loop_->store, [this, request = std::move(request), pending = std::move(pending), delay] {
+        if (!pending->answered()) {
+            const auto method = request.method_string();
+            const auto target = request.target();
+            auto answer = routes_.answer({method.data(), method.size()}, {target.data(), target.size()},
+                                         request.body());
+            pending->answer(replyOf(std::move(answer), delay));
+        }
+        storeCallEnded(pending);
     });
+}
+
+void PelmServer::storeCallEnded(const std::shared_ptr<PendingAnswer>& pending) {
+    pending->cancelDeadline(pending);
+    std::lock_guard lock(storeMutex_);
+    waitingOnStore_.erase(pending);
+    if (waitingOnStore_.empty()) storeCallEnded_.notify_all();
 }
 
 Reply PelmServer::refusal(int status) {
@@ -263,10 +380,6 @@ Reply PelmServer::refusal(int status) {
     }();
     auto answer = ApiRoutes::error(status, message);
     return replyOf(std::move(answer));
-}
-
-void PelmServer::log(const std::string& line) {
-    std::fprintf(stderr, "pelm-server: %s\n", line.c_str());
 }
 
 void PelmServer::setFault(const std::string& path, Fault fault) {

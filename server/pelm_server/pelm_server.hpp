@@ -18,6 +18,7 @@
 #include "pelm_server/certificates.hpp"
 #include "pelm_server/connection.hpp"
 #include "pelm_server/content_store.hpp"
+#include "pelm_server/rate_limited_log.hpp"
 
 namespace pelm::server {
 
@@ -42,6 +43,11 @@ class PelmServer : private ConnectionOwner {
         int threads = 0;
         /// Threads for the store's calls: each may wait on the database.
         int storeThreads = 8;
+        /// A request that waits on the store is answered 503 (Retry-After) when the store has not answered it
+        /// within this time: a database that does not answer costs a phone this long, not its timeout.
+        std::chrono::milliseconds storeDeadline{10000};
+        /// Requests waiting on the store at once; more are answered 503 at once instead of queueing.
+        std::size_t maxStoreQueue = 4096;
         /// Connections open at once; more are closed as soon as they are accepted.
         std::size_t maxConnections = 10000;
         /// Keep what arrived, for tests: the last `recordRequests` requests (and their connections).
@@ -87,7 +93,12 @@ class PelmServer : private ConnectionOwner {
     ContentStore& store() { return *store_; }
     /// Binds and starts serving on a thread of its own; throws std::runtime_error when it cannot bind.
     void start();
+    /// Stops accepting, answers 503 to every request still waiting on the store, lets the answers in flight
+    /// be written for up to a second, closes what is left, and returns once every store call has ended.
     void stop();
+    /// The same, but gives up waiting for the store's calls after `most` (a database that does not answer):
+    /// false then, and the server must not be destroyed before they end (the destructor waits for them).
+    bool stopWithin(std::chrono::milliseconds most);
     int port() const { return port_; }
     /// "localhost:PORT", the host a client is given.
     std::string host() const { return "localhost:" + std::to_string(port_); }
@@ -103,6 +114,8 @@ class PelmServer : private ConnectionOwner {
 
   private:
     struct Loop;
+    class PendingAnswer;
+    enum class State { Made, Running, Stopping, Stopped };
 
     const ConnectionLimits& limits() const override { return limits_; }
     void handle(Request request, int remotePort, std::function<void(Reply)> done) override;
@@ -114,9 +127,14 @@ class PelmServer : private ConnectionOwner {
     void record(const Request& request, int remotePort);
     std::optional<Fault> faultFor(const std::string& path) const;
     void closeConnections(bool gracefully);
-    static void log(const std::string& line);
+    void askStore(Request request, std::shared_ptr<PendingAnswer> pending, std::chrono::milliseconds delay);
+    void storeCallEnded(const std::shared_ptr<PendingAnswer>& pending);
+    bool beginStop();
+    bool waitForStoreCalls(std::chrono::milliseconds most);
+    void finishStop();
 
     Options options_;
+    RateLimitedLog log_;
     ConnectionLimits limits_;
     std::unique_ptr<ContentStore> store_;
     ApiRoutes routes_;
@@ -130,6 +148,12 @@ class PelmServer : private ConnectionOwner {
     std::condition_variable connectionEnded_;
     std::map<const void*, std::weak_ptr<Connection>> open_;
     bool accepting_ = false;
+    State state_ = State::Made;
+
+    // The requests handed to the store's threads and not yet ended there.
+    std::mutex storeMutex_;
+    std::condition_variable storeCallEnded_;
+    std::set<std::shared_ptr<PendingAnswer>> waitingOnStore_;
 
     mutable std::mutex mutex_;
     std::map<std::string, Fault> faults_;

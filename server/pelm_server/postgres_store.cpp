@@ -2,9 +2,16 @@
 
 #include <libpq-fe.h>
 
+#include <poll.h>
+
+#include <atomic>
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <map>
 #include <stdexcept>
+#include <string_view>
+#include <thread>
 
 #include <pelm/model/json_text.hpp>
 
@@ -49,7 +56,7 @@ SELECT id FROM s
 )sql";
 
 // libpq's messages span lines (a cause, then a hint); the operator gets them on one.
-std::string withoutTrailingNewline(std::string text) {
+std::string oneLine(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     std::string line;
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -63,22 +70,67 @@ std::string withoutTrailingNewline(std::string text) {
     return line;
 }
 
+// A warning of the database's, on one line of the server's log.
+void logNotice(void*, const char* message) {
+    std::fprintf(stderr, "pelm-server: postgresql: %s\n", oneLine(message).c_str());
+}
+
+// Waits until the connection's socket is ready for `events` or `deadline` passes; false then.
+bool waitForSocket(pg_conn* connection, short events, std::chrono::steady_clock::time_point deadline) {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd socket{PQsocket(connection), events, 0};
+        const int ready = ::poll(&socket, 1, static_cast<int>(std::min<std::int64_t>(left.count(), 1000)));
+        if (ready > 0) return true;
+        if (ready < 0 && errno != EINTR) return true;  // let libpq meet the error and name it
+    }
+}
+
+// Cancels the statement a connection that gave up on waits for, so that the database does not go on with
+// it. Sending the cancel waits on the database too, so it is sent from a thread of its own, and only a few
+// such threads are ever waiting: a database that answers nothing gets no more.
+void cancelInBackground(pg_conn* connection) {
+    static std::atomic<int> sending{0};
+    constexpr int kMostSending = 4;
+    if (sending.fetch_add(1) >= kMostSending) {
+        sending.fetch_sub(1);
+        return;
+    }
+    PGcancel* cancel = PQgetCancel(connection);
+    if (cancel == nullptr) {
+        sending.fetch_sub(1);
+        return;
+    }
+    std::thread([cancel] {
+        char ignored[256];
+        PQcancel(cancel, ignored, sizeof ignored);
+        PQfreeCancel(cancel);
+        sending.fetch_sub(1);
+    }).detach();
+}
+
 }  // namespace
 
-// One query's answer, cleared on every path out; a failed query throws with PostgreSQL's own words.
+// One statement's answers, cleared on every path out. The statement is sent and its answer awaited with a
+// deadline: a database that stopped answering (a stalled disk, a network cut, a stopped process) costs a
+// caller that long, never more. A failed or timed-out statement throws a StoreError with PostgreSQL's own
+// words; the connection is then left broken, so that the pool drops it.
 class PostgresStore::Result {
   public:
-    Result(pg_conn* connection, const char* sql, const std::vector<Text>& parameters) {
+    Result(pg_conn* connection, const char* sql, const std::vector<Text>& parameters)
+        : connection_(connection) {
+        const auto deadline = std::chrono::steady_clock::now() + kStatementDeadline;
         std::vector<const char*> values;
         for (const auto& parameter : parameters) values.push_back(parameter ? parameter->c_str() : nullptr);
-        result_ = PQexecParams(connection, sql, static_cast<int>(values.size()), nullptr, values.data(),
-                               nullptr, nullptr, 0);
-        const auto status = PQresultStatus(result_);
-        if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-            const std::string message = withoutTrailingNewline(PQerrorMessage(connection));
-            PQclear(result_);
-            throw std::runtime_error("postgresql: " + message);
-        }
+        const int sent = parameters.empty()
+                             ? PQsendQuery(connection, sql)
+                             : PQsendQueryParams(connection, sql, static_cast<int>(values.size()), nullptr,
+                                                 values.data(), nullptr, nullptr, 0);
+        if (sent != 1) fail();
+        flush(deadline);
+        collect(deadline);
     }
     ~Result() { PQclear(result_); }
     Result(const Result&) = delete;
@@ -95,11 +147,55 @@ class PostgresStore::Result {
         std::int64_t value = 0;
         const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
         if (error != std::errc() || end != digits.data() + digits.size())
-            throw std::runtime_error("postgresql: \"" + digits + "\" where a whole number was expected");
+            throw StoreError("postgresql: \"" + digits + "\" where a whole number was expected");
         return value;
     }
 
   private:
+    [[noreturn]] void fail() {
+        PQclear(result_);
+        throw StoreError("postgresql: " + oneLine(PQerrorMessage(connection_)));
+    }
+    [[noreturn]] void timedOut() {
+        cancelInBackground(connection_);
+        // A connection with a statement still under way cannot take another: the pool must drop it.
+        PQclear(result_);
+        result_ = nullptr;
+        throw StoreError("postgresql: no answer within " + std::to_string(kStatementDeadline.count()) +
+                         " ms; the statement was cancelled");
+    }
+    void flush(std::chrono::steady_clock::time_point deadline) {
+        for (;;) {
+            const int left = PQflush(connection_);
+            if (left == 0) return;
+            if (left < 0) fail();
+            if (!waitForSocket(connection_, POLLIN | POLLOUT, deadline)) timedOut();
+            if (PQconsumeInput(connection_) != 1) fail();
+        }
+    }
+    // Every result of the statement (a script gives one a statement); the last one is kept, and the first
+    // that failed is thrown.
+    void collect(std::chrono::steady_clock::time_point deadline) {
+        std::optional<std::string> failure;
+        for (;;) {
+            while (PQisBusy(connection_) == 1) {
+                if (!waitForSocket(connection_, POLLIN, deadline)) timedOut();
+                if (PQconsumeInput(connection_) != 1) fail();
+            }
+            PGresult* next = PQgetResult(connection_);
+            if (next == nullptr) break;
+            const auto status = PQresultStatus(next);
+            if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK && !failure)
+                failure = oneLine(PQresultErrorMessage(next));
+            PQclear(result_);
+            result_ = next;
+        }
+        if (!failure) return;
+        PQclear(result_);
+        throw StoreError("postgresql: " + *failure);
+    }
+
+    pg_conn* connection_;
     PGresult* result_ = nullptr;
 };
 
@@ -139,34 +235,51 @@ class PostgresStore::Lease {
 
 PostgresStore::PostgresStore(std::string address, std::chrono::milliseconds cacheLifetime)
     : ContentStore(cacheLifetime), address_(std::move(address)) {
-    auto* connection = connect();
+    Lease lease(*this);
+    auto* connection = lease.get();
     const auto name = [&](const char* value) {
         return value != nullptr ? std::string(value) : std::string();
     };
     description_ = "PostgreSQL database " + name(PQdb(connection)) + " on " + name(PQhost(connection)) + ":" +
                    name(PQport(connection));
-    auto* result = PQexec(connection, kSchema);
-    const bool made = PQresultStatus(result) == PGRES_COMMAND_OK;
-    PQclear(result);
-    if (!made) {
-        const std::string message = withoutTrailingNewline(PQerrorMessage(connection));
-        PQfinish(connection);
-        throw std::runtime_error("postgresql: cannot make the tables: " + message);
+    try {
+        Result(connection, kSchema, {});
+    } catch (const StoreError& e) {
+        throw StoreError(std::string("postgresql: cannot make the tables: ") +
+                         (e.what() + std::string_view("postgresql: ").size()));
     }
-    idle_.push_back(connection);
 }
 
 PostgresStore::~PostgresStore() {
     for (auto* connection : idle_) PQfinish(connection);
 }
 
+// libpq's defaults wait on a silent database for ever; these bound every wait. The URI's own settings come
+// after them and win.
 pg_conn* PostgresStore::connect() const {
-    auto* connection = PQconnectdb(address_.c_str());
+    const std::string connectTimeout = std::to_string(kConnectDeadline.count());
+    const std::string options = "-c statement_timeout=" + std::to_string(kStatementDeadline.count()) +
+                                " -c client_min_messages=warning";
+    const char* keys[] = {"connect_timeout",
+                          "keepalives",
+                          "keepalives_idle",
+                          "keepalives_interval",
+                          "keepalives_count",
+                          "tcp_user_timeout",
+                          "options",
+                          "dbname",
+                          nullptr};
+    const char* values[] = {connectTimeout.c_str(), "1",    "10", "5", "3", "15000", options.c_str(),
+                            address_.c_str(),       nullptr};
+    auto* connection = PQconnectdbParams(keys, values, 1);
     if (PQstatus(connection) != CONNECTION_OK) {
-        const std::string message = withoutTrailingNewline(PQerrorMessage(connection));
+        const std::string message = oneLine(PQerrorMessage(connection));
         PQfinish(connection);
-        throw std::runtime_error("cannot connect to PostgreSQL: " + message);
+        throw StoreError("cannot connect to PostgreSQL: " + message);
     }
+    PQsetNoticeProcessor(connection, &logNotice, nullptr);
+    // Statements are sent without waiting for the socket to take them, so that their deadline holds.
+    PQsetnonblocking(connection, 1);
     // Texts are UTF-8 whatever the database's own encoding.
     PQsetClientEncoding(connection, "UTF8");
     return connection;
@@ -203,7 +316,11 @@ void PostgresStore::writeSeed(const std::vector<App>& apps, const std::vector<Co
         }
         Result(connection, "COMMIT", {});
     } catch (...) {
-        PQclear(PQexec(connection, "ROLLBACK"));
+        try {
+            Result(connection, "ROLLBACK", {});
+        } catch (const StoreError&) {
+            // The connection is dropped by the pool, and the transaction with it.
+        }
         throw;
     }
 }
@@ -247,7 +364,7 @@ std::int64_t PostgresStore::writeUpload(const Upload& upload) {
     if (stored.rows() == 1) return stored.integer(0, 0);
     // Sent before, perhaps to another server: the first one stands.
     const Result earlier(lease.get(), "SELECT id FROM sessions WHERE digest = $1", {upload.digest});
-    if (earlier.rows() != 1) throw std::runtime_error("postgresql: an upload was neither stored nor found");
+    if (earlier.rows() != 1) throw StoreError("postgresql: an upload was neither stored nor found");
     return earlier.integer(0, 0);
 }
 

@@ -16,6 +16,10 @@ class PostgresStore final : public ContentStore {
     /// Connects and makes the tables when they are missing. Throws std::runtime_error naming the cause when
     /// the database cannot be reached.
     PostgresStore(std::string address, std::chrono::milliseconds cacheLifetime);
+    /// The longest a call waits for a connection to be made, and for one statement's answer. The statement
+    /// deadline is also the database's own statement_timeout.
+    static constexpr std::chrono::seconds kConnectDeadline{3};
+    static constexpr std::chrono::milliseconds kStatementDeadline{5000};
     ~PostgresStore() override;
 
     JSON sessions() const override;

@@ -1,6 +1,7 @@
 #include "pelm_server/server_main.hpp"
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 
@@ -19,6 +20,10 @@ namespace {
 struct UsageError {
     std::string message;
 };
+
+// How long a stop waits for the database after the connections have closed: with the second the answers
+// in flight are given, a stop takes under three.
+constexpr std::chrono::milliseconds kStoreCallsAtStop{1500};
 
 int say(const ServeStyle& style, const std::string& message, int code) {
     std::fprintf(stderr, "%s: %s\n", style.program.c_str(), message.c_str());
@@ -77,10 +82,16 @@ int listSessions(const PelmServer::Options& options) {
 }
 
 int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, const ServeStyle& style) {
-    blockStopSignals();  // before the server's threads start, so that they inherit it
+    // Before the server's threads start, so that the signals come to the watcher alone. Until the server
+    // listens there is nothing to finish: a stop then ends the process at once, even while a database keeps
+    // it waiting.
+    auto& stop = StopSignals::watch();
+    const std::string stoppedWhileStarting = style.program + ": stopped while starting; nothing was served";
+    stop.exitAtOnce(stoppedWhileStarting.c_str());
     PelmServer server(options);
     if (seed) server.store().seed(*seed);
     server.start();
+    stop.stopExitingAtOnce();
     std::printf("pelm-server listening on https://%s:%d (%s)\n", options.bindAddress.c_str(), server.port(),
                 server.store().description().c_str());
     if (seed && style.demoData) std::printf("serving the demo data: app token demo-token\n");
@@ -91,9 +102,17 @@ int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, c
     }
     std::printf("Ctrl-C stops it.\n");
     std::fflush(stdout);
-    waitForStopSignal();
-    // Idle connections close at once; requests in flight have a second to be answered.
-    server.stop();
+    stop.wait();
+    // Requests waiting on the database are answered 503, idle connections close at once, requests in flight
+    // have a second to be answered. A store call that a database keeps waiting is not waited for beyond that:
+    // its request was answered, and an upload it may still store is stored once when the phone sends it
+    // again.
+    if (!server.stopWithin(kStoreCallsAtStop)) {
+        std::fprintf(stderr, "%s: stopped without waiting for the database any longer\n",
+                     style.program.c_str());
+        std::fflush(nullptr);
+        std::_Exit(0);
+    }
     return 0;
 }
 

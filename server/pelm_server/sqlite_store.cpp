@@ -19,7 +19,7 @@ class Statement {
   public:
     Statement(sqlite3* db, const char* sql) {
         if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-            throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(db));
+            throw StoreError(std::string("sqlite: ") + sqlite3_errmsg(db));
         }
     }
     ~Statement() { sqlite3_finalize(statement_); }
@@ -43,7 +43,7 @@ class Statement {
         const int result = sqlite3_step(statement_);
         if (result == SQLITE_ROW) return true;
         if (result == SQLITE_DONE) return false;
-        throw std::runtime_error(std::string("sqlite: ") + sqlite3_errstr(result));
+        throw StoreError(std::string("sqlite: ") + sqlite3_errstr(result));
     }
     std::string text(int column) const {
         const auto* value = sqlite3_column_text(statement_, column);
@@ -133,7 +133,7 @@ void SqliteStore::execute(const char* sql) const {
     if (sqlite3_exec(db_, sql, nullptr, nullptr, &error) != SQLITE_OK) {
         const std::string message = error != nullptr ? error : "unknown error";
         sqlite3_free(error);
-        throw std::runtime_error("sqlite: " + message);
+        throw StoreError("sqlite: " + message);
     }
 }
 
@@ -268,7 +268,7 @@ std::int64_t SqliteStore::insertUpload(UploadStatements& statements, const Uploa
     if (sqlite3_changes(db_) == 0) {  // sent before: the first one stands
         Statement earlier(db_, "SELECT id FROM sessions WHERE digest = ?");
         earlier.bind(1, upload.digest);
-        if (!earlier.step()) throw std::runtime_error("sqlite: an upload was neither stored nor found");
+        if (!earlier.step()) throw StoreError("sqlite: an upload was neither stored nor found");
         return earlier.integer(0);
     }
     const auto id = sqlite3_last_insert_rowid(db_);

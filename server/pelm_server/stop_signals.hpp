@@ -1,29 +1,37 @@
 #pragma once
 
-#include <csignal>
+#include <chrono>
 
 namespace pelm::server {
 
-/// Keeps SIGINT and SIGTERM from interrupting this thread and every thread started after this call, so that
-/// waitForStopSignal alone receives them. Call it before the server starts its threads.
-inline void blockStopSignals() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-}
+/// SIGINT and SIGTERM for a program that stops cleanly. The first is taken by a thread of its own, which
+/// raises a flag the program reads at no cost and wakes whoever waits for it; a second, 200 ms or more after
+/// the first, ends the process at once as it would have ended with no one watching (sooner, it is taken for
+/// the same press: wrappers such as `timeout` pass one on twice).
+///
+/// `watch()` must run before the program starts any thread: it blocks both signals in the calling thread, and
+/// every thread made later inherits that, so that only the watcher takes them.
+class StopSignals {
+  public:
+    /// The process's watcher, started by the first call.
+    static StopSignals& watch();
 
-/// Returns as soon as SIGINT or SIGTERM arrives (the signal's number), with no polling delay.
-inline int waitForStopSignal() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    int received = 0;
-    while (sigwait(&stop, &received) != 0) {
-    }
-    return received;
-}
+    /// True once a stop signal has arrived; it stays true. An atomic read: cheap enough for every loop turn.
+    bool requested() const;
+    /// Waits until a stop signal arrives or `most` has passed; true when one arrived.
+    bool waitFor(std::chrono::milliseconds most) const;
+    /// Waits for a stop signal; its number.
+    int wait() const;
+    /// 128 + the signal's number, as a shell reports a program that the signal ended; 0 before one came.
+    int exitCode() const;
+    /// While set, the first signal ends the process at once with `exitCode()`, after `line` is written to
+    /// standard error: for the start-up of a server, which may wait on a database with nothing to save yet.
+    void exitAtOnce(const char* line);
+    void stopExitingAtOnce();
+
+  private:
+    StopSignals();
+    void run();
+};
 
 }  // namespace pelm::server

@@ -1,4 +1,3 @@
-#include <csignal>
 #include <cstdio>
 
 #include "cli.hpp"
@@ -30,15 +29,8 @@ int recordCommand(const Arguments& args) {
         return 1;
     }
     // Ctrl-C and SIGTERM end the recording; they are taken here, between lines, never in the middle of one.
-    server::blockStopSignals();
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    const auto stopRequested = [&] {
-        const timespec now{0, 0};
-        return sigtimedwait(&stopSignals, nullptr, &now) > 0;
-    };
+    const auto& stop = server::StopSignals::watch();
+    const auto stopRequested = [&stop] { return stop.requested(); };
     std::fprintf(stderr, "Recording to %s%s; Ctrl-C ends it.\n", words[1].c_str(),
                  duration ? (" for " + std::to_string(duration->count() / 1000) + " s").c_str() : "");
     try {

@@ -5,8 +5,8 @@
 #include <pelm/platform/proximity_uuid.hpp>
 
 #include "cli.hpp"
-#include "interruption.hpp"
 #include "pelm_lab/replay.hpp"
+#include "pelm_server/stop_signals.hpp"
 #include "pelm_server/text_numbers.hpp"
 #include "run_output.hpp"
 
@@ -75,12 +75,13 @@ std::chrono::milliseconds lengthOf(const ReplayResult& result) {
     return result.timeline.empty() ? std::chrono::milliseconds(0) : result.timeline.back().at;
 }
 
-int replayOne(ReplayOptions& options, const Arguments& args, Interruption& interruption, RunOutput& output) {
+int replayOne(ReplayOptions& options, const Arguments& args, const server::StopSignals& stop,
+              RunOutput& output) {
     std::printf("Replaying %s%s\nWhat the host app sees:\n", options.recording.c_str(),
                 options.scanner ? (" as heard by " + *options.scanner).c_str() : "");
     std::fflush(stdout);
     const auto result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
-    if (result.interrupted) return output.interrupted(interruption.exitCode());
+    if (result.interrupted) return output.interrupted(stop.exitCode());
     if (const auto failure = reportRun(options, result, args)) return *failure;
     const auto name = options.recording.filename().string();
     const ReportHeader header{options.scanner ? *options.scanner + " \u2014 " + name : name,
@@ -91,7 +92,7 @@ int replayOne(ReplayOptions& options, const Arguments& args, Interruption& inter
 }
 
 // Each receiver as a phone of its own, one after the other, and one report of them all.
-int replayEachScanner(ReplayOptions& options, const Arguments& args, Interruption& interruption,
+int replayEachScanner(ReplayOptions& options, const Arguments& args, const server::StopSignals& stop,
                       RunOutput& output) {
     const auto list = listScanners(options.recording);
     std::vector<RoomRun> rooms;
@@ -102,7 +103,7 @@ int replayEachScanner(ReplayOptions& options, const Arguments& args, Interruptio
         std::printf("\n== %s\n", scanner.line().c_str());
         std::fflush(stdout);
         const auto result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
-        if (result.interrupted) return output.interrupted(interruption.exitCode());
+        if (result.interrupted) return output.interrupted(stop.exitCode());
         if (const auto failure = reportRun(options, result, args)) return *failure;
         rooms.push_back({scanner.name, scanner.heard(), result.start, result.timeline, lengthOf(result),
                          result.storedVisits});
@@ -128,12 +129,12 @@ int replayCommand(const Arguments& args) {
     if (const auto failure = readOptions(args, options)) return *failure;
     try {
         if (args.flag("scanners")) return listScannersOf(options);
-        Interruption interruption;  // before the embedded server's threads start
+        auto& stop = server::StopSignals::watch();  // before the embedded server's threads start
         RunOutput output("replay");
         if (const auto failure = output.open(args, {options.recording.string()})) return *failure;
-        options.stopRequested = [&] { return interruption.requestedEvery(4096); };
-        if (options.scanner == "all") return replayEachScanner(options, args, interruption, output);
-        return replayOne(options, args, interruption, output);
+        options.stopRequested = [&stop] { return stop.requested(); };
+        if (options.scanner == "all") return replayEachScanner(options, args, stop, output);
+        return replayOne(options, args, stop, output);
     } catch (const platform::RecordingError& e) {
         std::fprintf(stderr, "pelm replay: %s\n", e.what());
         return 1;

@@ -7,10 +7,10 @@
 #include <pelm/platform/linux/bounded_file.hpp>
 
 #include "cli.hpp"
-#include "interruption.hpp"
 #include "pelm_lab/simulation.hpp"
 #include "pelm_lab/timeline_output.hpp"
 #include "pelm_server/demo_seed.hpp"
+#include "pelm_server/stop_signals.hpp"
 #include "pelm_server/text_numbers.hpp"
 #include "run_output.hpp"
 
@@ -27,7 +27,7 @@ std::optional<JSON> readScenario(const std::vector<std::string>& words, std::str
 }  // namespace
 
 int simulateCommand(const Arguments& args) {
-    Interruption interruption;  // before the embedded server's threads start
+    auto& stop = server::StopSignals::watch();  // before the embedded server's threads start
     std::string error;
     const auto json = readScenario(args.positional(), error);
     if (!json) {
@@ -66,7 +66,7 @@ int simulateCommand(const Arguments& args) {
     const auto inputs = args.positional().size() >= 2 ? std::vector<std::string>{args.positional()[1]}
                                                       : std::vector<std::string>{};
     if (const auto failure = output.open(args, inputs)) return *failure;
-    options.stopRequested = [&] { return interruption.requested(); };
+    options.stopRequested = [&stop] { return stop.requested(); };
     std::printf(
         "Simulating \"%s\": %zu beacons, a walk of %s, seed %llu, %s\n", options.scenario.name.c_str(),
         options.scenario.beacons.size(), clockText(options.scenario.duration()).c_str(),
@@ -89,7 +89,7 @@ int simulateCommand(const Arguments& args) {
             std::fflush(stdout);
         });
     if (realTime) std::printf("\n");
-    if (result.interrupted) return output.interrupted(interruption.exitCode());
+    if (result.interrupted) return output.interrupted(stop.exitCode());
     if (!result.failure.empty()) {
         std::fprintf(stderr, "pelm simulate: %s\n", result.failure.c_str());
         return 1;

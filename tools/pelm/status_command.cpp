@@ -73,7 +73,7 @@ void watchUntilStopped() {
     std::atomic<bool> stopped{false};
     auto queue = platform::current()->mainQueue;
     std::thread waiter([&] {
-        server::waitForStopSignal();
+        server::StopSignals::watch().wait();
         stopped = true;
         queue->post([] {});
     });
@@ -85,7 +85,7 @@ void watchUntilStopped() {
 
 int statusCommand(const Arguments& args) {
     const bool watch = args.flag("watch");
-    if (watch) server::blockStopSignals();
+    if (watch) server::StopSignals::watch();
     auto services = installPlatform(args);
     if (const auto host = args.option("host")) {
         // Ask about this host without touching the app's stored settings.
