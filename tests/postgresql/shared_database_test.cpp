@@ -15,49 +15,10 @@
 
 #include "pelm_server/certificates.hpp"
 #include "support/server_fixture.hpp"
+#include "support/server_process.hpp"
 
 namespace pelm::testing {
 namespace {
-
-// One pelm-server process, its standard output read until it says where it listens.
-class ServerProcess {
-  public:
-    ServerProcess(const std::vector<std::string>& arguments) {
-        int out[2];
-        if (pipe(out) != 0) throw std::runtime_error("pipe");
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            std::vector<char*> argv{const_cast<char*>(PELM_SERVER)};
-            for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-            argv.push_back(nullptr);
-            execv(PELM_SERVER, argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        std::FILE* output = fdopen(out[0], "r");
-        char line[512];
-        while (port_ == 0 && std::fgets(line, sizeof line, output) != nullptr) {
-            if (const char* at = std::strstr(line, "https://127.0.0.1:")) port_ = std::atoi(at + 18);
-        }
-        std::fclose(output);
-        if (port_ == 0) throw std::runtime_error("pelm-server did not start");
-    }
-    ~ServerProcess() {
-        if (pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
-    }
-    void killNow() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-    std::string host() const { return "localhost:" + std::to_string(port_); }
-
-  private:
-    pid_t pid_ = -1;
-    int port_ = 0;
-};
 
 std::int64_t storedCount(const std::string& database) {
     auto* connection = PQconnectdb(database.c_str());
