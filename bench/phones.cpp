@@ -4,9 +4,11 @@
 //
 //   pelm-phones --host localhost:PORT --ca FILE [--phones N] [--seconds S] [--uploads PERCENT]
 //               [--server-pid PID] [--hold SECONDS]
-//               [--attack slowloris|gzip|headers] [--attackers N] [--body FILE]
+//               [--reconnect yes|no] [--attack slowloris|gzip|headers|silent] [--attackers N] [--body FILE]
 //
 // Prints one line per figure, "name value", for scripts to read.
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -51,6 +53,7 @@ struct Options {
     int uploadPercent = 10;
     int serverPid = 0;
     int hold = 0;
+    bool reconnect = false;  // a new connection for every request, as a phone after an idle gap
     std::string attack;
     int attackers = 0;
     std::string body;
@@ -147,6 +150,7 @@ net::awaitable<void> phone(Run& run, int index) {
                 }
                 ++phone.answers;
                 phone.micros.push_back(static_cast<std::uint32_t>(micros.count()));
+                if (run.options.reconnect) break;
             }
             if (run.options.hold > 0) {  // idle, connection open, while the server is stopped
                 co_await pause(std::chrono::seconds(run.options.hold));
@@ -176,6 +180,31 @@ net::awaitable<void> slowloris(Run& run) {
             ++run.attackRefusals;  // the server closed it
         }
         co_await pause(std::chrono::milliseconds(100));
+    }
+}
+
+// Connections that send nothing, from another loopback address (127.0.0.2), as many as the attackers: a
+// client that would hold every slot of the server. One the server closes is opened again.
+net::awaitable<void> silent(Run& run) {
+    const auto executor = co_await net::this_coro::executor;
+    const tcp::endpoint from(net::ip::make_address("127.0.0.2"), 0);
+    while (Clock::now() < run.end) {
+        try {
+            tcp::socket socket(executor);
+            socket.open(tcp::v4());
+            socket.bind(from);
+            co_await socket.async_connect(*run.endpoints.begin(), net::use_awaitable);
+            ++run.attackConnections;
+            char byte = 0;
+            beast::tcp_stream stream(std::move(socket));
+            stream.expires_at(run.end);
+            co_await stream.async_read_some(net::buffer(&byte, 1), net::use_awaitable);
+        } catch (const std::exception&) {
+        }
+        if (Clock::now() < run.end) {
+            ++run.attackRefusals;  // the server closed it
+            co_await pause(std::chrono::milliseconds(100));
+        }
     }
 }
 
@@ -282,7 +311,8 @@ int usage(const std::string& problem) {
     std::fprintf(
         stderr,
         "usage: pelm-phones --host HOST:PORT --ca FILE [--phones N] [--seconds S] [--uploads PERCENT]\n"
-        "                   [--server-pid PID] [--hold S] [--attack slowloris|gzip|headers]\n"
+        "                   [--server-pid PID] [--hold S] [--reconnect yes|no]\n"
+        "                   [--attack slowloris|gzip|headers|silent]\n"
         "                   [--attackers N] [--body FILE]\n");
     return 2;
 }
@@ -314,6 +344,8 @@ std::optional<Options> parse(int argc, char** argv, std::string& problem) {
                 options.serverPid = std::stoi(value);
             else if (word == "--hold")
                 options.hold = std::stoi(value);
+            else if (word == "--reconnect")
+                options.reconnect = value == "yes";
             else if (word == "--attack")
                 options.attack = value;
             else if (word == "--attackers")
@@ -330,8 +362,8 @@ std::optional<Options> parse(int argc, char** argv, std::string& problem) {
     if (options.port.empty() || options.ca.empty()) problem = "--host and --ca are needed";
     if (options.uploadPercent < 0 || options.uploadPercent > 100) problem = "--uploads takes 0 to 100";
     if (!options.attack.empty() && options.attack != "slowloris" && options.attack != "gzip" &&
-        options.attack != "headers")
-        problem = "--attack takes slowloris, gzip or headers";
+        options.attack != "headers" && options.attack != "silent")
+        problem = "--attack takes slowloris, gzip, headers or silent";
     if (options.attack == "gzip" && options.body.empty()) problem = "--attack gzip needs --body FILE";
     if (!problem.empty()) return std::nullopt;
     return options;
@@ -343,6 +375,12 @@ int main(int argc, char** argv) {
     std::string problem;
     const auto options = parse(argc, argv, problem);
     if (!options) return usage(problem);
+    // Each phone and each silent connection takes a descriptor.
+    rlimit descriptors{};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0) {
+        descriptors.rlim_cur = descriptors.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &descriptors);
+    }
     Run run;
     run.options = *options;
     try {
@@ -361,6 +399,7 @@ int main(int argc, char** argv) {
         if (run.options.attack == "slowloris") net::co_spawn(run.io, slowloris(run), net::detached);
         if (run.options.attack == "gzip") net::co_spawn(run.io, oversized(run, false), net::detached);
         if (run.options.attack == "headers") net::co_spawn(run.io, oversized(run, true), net::detached);
+        if (run.options.attack == "silent") net::co_spawn(run.io, silent(run), net::detached);
     }
     std::thread stopper([&] {
         std::this_thread::sleep_for(std::chrono::seconds(run.options.seconds + run.options.hold + 5));

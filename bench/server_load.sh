@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # pelm-server under a store full of phones and under attack, measured by bench/phones.cpp (pelm-phones), which
 # counts every phone's answers, so a phone the server never answers is seen. Each part starts a fresh server.
-#   bench/server_load.sh [steady|crowd|attacks|stop|all] [--db URI]
+#   bench/server_load.sh [steady|crowd|attacks|silent|stop|all] [--db URI]
 #     steady   200 phones for 30 s, 10 % uploads, after 30 s of the same: req/s, p50/p99/max, starved phones,
 #              errors, the server's RSS and threads before and after
 #     crowd    2,000 phones for 30 s
 #     attacks  20 phones for 15 s alone, then beside 300 slowloris connections, 4 senders of a 1 MB gzip body
 #              that inflates to 1 GB, and 5 senders of 80 MB of header lines: throughput as a ratio to the
 #              phones alone, and the server's peak RSS
+#     silent   20 phones that open a new connection for every request, 15 s alone, then beside one client
+#              (127.0.0.2) that holds 10,100 connections open and sends nothing: throughput as a ratio to the
+#              phones alone, the server's peak RSS, and its RSS once the silent connections have closed
 #     stop     200 idle phones connected, then SIGTERM: how long the server takes to exit
 #   --db URI   a PostgreSQL database instead of a fresh SQLite file
 set -euo pipefail
@@ -15,8 +18,8 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 part=${1:-all}
 database=""
 [ "${2:-}" = --db ] && database=${3:?--db needs a URI}
-case "$part" in steady | crowd | attacks | stop | all) ;; *)
-  echo "server_load.sh: no part named $part (steady, crowd, attacks, stop or all)" >&2
+case "$part" in steady | crowd | attacks | silent | stop | all) ;; *)
+  echo "server_load.sh: no part named $part (steady, crowd, attacks, silent, stop or all)" >&2
   exit 2
   ;;
 esac
@@ -79,6 +82,21 @@ attacks() {
   done
 }
 
+silent() {
+  echo "== 10,100 silent connections from one address beside 20 phones that reconnect for every request, 15 s each"
+  start_server
+  run_phones --phones 20 --seconds 15 --reconnect yes >"$work/alone"
+  echo "alone: $(figure req_per_s "$work/alone") req/s, p99 $(figure p99_ms "$work/alone") ms"
+  run_phones --phones 20 --seconds 15 --reconnect yes --attack silent --attackers 10100 >"$work/silent"
+  sleep 12  # past the head deadline: the server has closed every silent connection it kept
+  echo "beside them: $(figure req_per_s "$work/silent") req/s, p99 $(figure p99_ms "$work/silent") ms," \
+    "ratio to alone $(echo "scale=2; $(figure answers "$work/silent") / $(figure answers "$work/alone")" | bc)," \
+    "starved $(figure starved_phones "$work/silent"), silent connections made $(figure attack_connections "$work/silent")," \
+    "closed by the server $(figure attack_refused "$work/silent")," \
+    "server peak RSS $(($(figure server_peak_rss_kib "$work/silent") / 1024)) MiB," \
+    "RSS after they closed $(($(awk '/VmRSS/ {print $2}' "/proc/$server/status") / 1024)) MiB"
+}
+
 stop() {
   echo "== SIGTERM with 200 idle phones connected"
   start_server
@@ -96,6 +114,6 @@ stop() {
 }
 
 case "$part" in
-  all) steady; crowd; attacks; stop ;;
+  all) steady; crowd; attacks; silent; stop ;;
   *) "$part" ;;
 esac

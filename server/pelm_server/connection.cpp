@@ -38,22 +38,38 @@ bool isParseError(const beast::error_code& error) {
 }  // namespace
 
 Connection::Connection(net::ip::tcp::socket socket, net::ssl::context& tls, ConnectionOwner& owner)
-    : stream_(std::move(socket), tls), owner_(owner), delay_(stream_.get_executor()) {
+    : executor_(socket.get_executor()), tls_(tls), tcp_(std::move(socket)), owner_(owner), delay_(executor_) {
     beast::error_code ignored;
-    remotePort_ = beast::get_lowest_layer(stream_).socket().remote_endpoint(ignored).port();
+    remotePort_ = tcp_.socket().remote_endpoint(ignored).port();
 }
 
 Connection::~Connection() {
     if (!closed_) owner_.ended(this);
 }
 
+// The head's deadline runs from the connection's first moment: a client that sends nothing is closed
+// when it passes, as one that sends its head too slowly is.
 void Connection::start() {
-    beast::get_lowest_layer(stream_).expires_after(owner_.limits().headDeadline);
-    stream_.async_handshake(net::ssl::stream_base::server,
-                            [self = shared_from_this()](beast::error_code error) {
-                                if (error) return self->closeSocket();
-                                self->waitForRequest();
-                            });
+    delay_.expires_after(owner_.limits().headDeadline);
+    delay_.async_wait([self = shared_from_this()](beast::error_code error) {
+        if (!error && !self->stream_) self->closeSocket();
+    });
+    tcp_.socket().async_wait(net::socket_base::wait_read,
+                             [self = shared_from_this()](beast::error_code error) {
+                                 if (error || self->closed_) return self->closeSocket();
+                                 self->delay_.cancel();
+                                 self->handshake();
+                             });
+}
+
+void Connection::handshake() {
+    stream_.emplace(std::move(tcp_), tls_);
+    beast::get_lowest_layer(*stream_).expires_after(owner_.limits().headDeadline);
+    stream_->async_handshake(net::ssl::stream_base::server,
+                             [self = shared_from_this()](beast::error_code error) {
+                                 if (error) return self->closeSocket();
+                                 self->waitForRequest();
+                             });
 }
 
 void Connection::stopGracefully() {
@@ -69,15 +85,16 @@ void Connection::close() {
 // keep-alive allows, and only then must the whole head follow in time.
 void Connection::waitForRequest() {
     idle_ = true;
+    if (phase_.load() == Phase::Busy) phase_ = Phase::Idle;
     if (stopping_) return closeSocket();
     if (buffer_.size() > 0) return readHead();  // the next request came with the last one
-    beast::get_lowest_layer(stream_).expires_after(owner_.limits().keepAlive);
-    stream_.async_read_some(buffer_.prepare(4096),
-                            [self = shared_from_this()](beast::error_code error, std::size_t read) {
-                                self->buffer_.commit(read);
-                                if (error || self->closed_) return self->closeSocket();
-                                self->readHead();
-                            });
+    beast::get_lowest_layer(*stream_).expires_after(owner_.limits().keepAlive);
+    stream_->async_read_some(buffer_.prepare(4096),
+                             [self = shared_from_this()](beast::error_code error, std::size_t read) {
+                                 self->buffer_.commit(read);
+                                 if (error || self->closed_) return self->closeSocket();
+                                 self->readHead();
+                             });
 }
 
 void Connection::readHead() {
@@ -86,9 +103,9 @@ void Connection::readHead() {
     parser_.emplace();
     parser_->header_limit(static_cast<std::uint32_t>(limits.maxHeaderBytes));
     parser_->body_limit(limits.maxBodyBytes);
-    beast::get_lowest_layer(stream_).expires_after(limits.headDeadline);
+    beast::get_lowest_layer(*stream_).expires_after(limits.headDeadline);
     http::async_read_header(
-        stream_, buffer_, *parser_,
+        *stream_, buffer_, *parser_,
         [self = shared_from_this()](beast::error_code error, std::size_t) { self->onHead(error); });
 }
 
@@ -98,10 +115,11 @@ void Connection::onHead(beast::error_code error) {
     if (error == http::error::body_limit) return refuse(413);  // announced by its length alone
     if (error && isParseError(error)) return refuse(400);
     if (error) return closeSocket();  // the deadline passed, or the client left
+    phase_ = Phase::Busy;
     if (const auto problem = headProblem()) return refuse(*problem);
     if (beast::iequals(parser_->get()[http::field::expect], "100-continue")) {
         static const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
-        net::async_write(stream_, net::buffer(kContinue),
+        net::async_write(*stream_, net::buffer(kContinue),
                          [self = shared_from_this()](beast::error_code written, std::size_t) {
                              if (written) return self->closeSocket();
                              self->readBody();
@@ -125,10 +143,10 @@ void Connection::readBody() {
     if (parser_->is_done()) return onBody({});
     const auto& limits = owner_.limits();
     const auto announced = parser_->content_length().value_or(limits.maxBodyBytes);
-    beast::get_lowest_layer(stream_).expires_after(
+    beast::get_lowest_layer(*stream_).expires_after(
         limits.bodyGrace + std::chrono::seconds(announced / limits.minBodyBytesPerSecond));
     http::async_read(
-        stream_, buffer_, *parser_,
+        *stream_, buffer_, *parser_,
         [self = shared_from_this()](beast::error_code error, std::size_t) { self->onBody(error); });
 }
 
@@ -140,10 +158,10 @@ void Connection::onBody(beast::error_code error) {
     auto request = parser_->release();
     parser_.reset();
     const bool keepAlive = request.keep_alive();
-    beast::get_lowest_layer(stream_)
+    beast::get_lowest_layer(*stream_)
         .expires_never();  // the answer may take its time; the write has a deadline
     owner_.handle(std::move(request), remotePort_, [self = shared_from_this(), keepAlive](Reply reply) {
-        auto executor = self->stream_.get_executor();
+        auto executor = self->executor_;
         net::post(executor, [self = std::move(self), reply = std::move(reply), keepAlive]() mutable {
             self->answer(std::move(reply), keepAlive);
         });
@@ -160,19 +178,19 @@ void Connection::answer(Reply reply, bool keepAlive) {
 
 void Connection::write(Reply reply, bool keepAlive) {
     if (closed_) return;
-    beast::get_lowest_layer(stream_).expires_after(kWriteDeadline);
+    beast::get_lowest_layer(*stream_).expires_after(kWriteDeadline);
     if (reply.dropConnection) {
         auto head =
             std::make_shared<std::string>("HTTP/1.1 " + std::to_string(reply.status) +
                                           " OK\r\nContent-Type: " + kJSON + "\r\nContent-Length: 64\r\n\r\n");
         net::async_write(
-            stream_, net::buffer(*head),
+            *stream_, net::buffer(*head),
             [self = shared_from_this(), head](beast::error_code, std::size_t) { self->closeSocket(); });
         return;
     }
     keepAlive = keepAlive && !stopping_;
     auto response = responseOf(std::move(reply), keepAlive);
-    http::async_write(stream_, *response,
+    http::async_write(*stream_, *response,
                       [self = shared_from_this(), response, keepAlive](beast::error_code error, std::size_t) {
                           if (error || !keepAlive) return self->closeSocket();
                           self->waitForRequest();
@@ -184,8 +202,8 @@ void Connection::write(Reply reply, bool keepAlive) {
 void Connection::refuse(int status) {
     idle_ = false;
     auto response = responseOf(owner_.refusal(status), false);
-    beast::get_lowest_layer(stream_).expires_after(kWriteDeadline);
-    http::async_write(stream_, *response,
+    beast::get_lowest_layer(*stream_).expires_after(kWriteDeadline);
+    http::async_write(*stream_, *response,
                       [self = shared_from_this(), response](beast::error_code error, std::size_t) {
                           if (error) return self->closeSocket();
                           self->drain(0);
@@ -194,20 +212,20 @@ void Connection::refuse(int status) {
 
 void Connection::drain(std::size_t drained) {
     if (closed_ || drained > kMaxDrainBytes) return closeSocket();
-    if (drained == 0) beast::get_lowest_layer(stream_).expires_after(kDrainDeadline);
+    if (drained == 0) beast::get_lowest_layer(*stream_).expires_after(kDrainDeadline);
     buffer_.clear();
-    stream_.async_read_some(buffer_.prepare(16 * 1024),
-                            [self = shared_from_this(), drained](beast::error_code error, std::size_t read) {
-                                if (error) return self->closeSocket();
-                                self->drain(drained + read);
-                            });
+    stream_->async_read_some(buffer_.prepare(16 * 1024),
+                             [self = shared_from_this(), drained](beast::error_code error, std::size_t read) {
+                                 if (error) return self->closeSocket();
+                                 self->drain(drained + read);
+                             });
 }
 
 void Connection::closeSocket() {
     if (closed_) return;
     closed_ = true;
     delay_.cancel();
-    auto& socket = beast::get_lowest_layer(stream_).socket();
+    auto& socket = stream_ ? beast::get_lowest_layer(*stream_).socket() : tcp_.socket();
     beast::error_code ignored;
     socket.shutdown(net::ip::tcp::socket::shutdown_both, ignored);
     socket.close(ignored);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -58,9 +59,15 @@ class ConnectionOwner {
 };
 
 /// One client's TLS connection: requests read one after another under deadlines and limits, each answered in
-/// turn. It holds no thread between its reads and writes; all it does runs on its own strand.
+/// turn. It holds no thread between its reads and writes; all it does runs on its own strand. Until its
+/// first byte arrives it is a bare socket: no TLS state, no buffer, so that a crowd of silent connections
+/// costs little.
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
+    /// Where a connection is, for a server that must free a slot: one that has not yet sent a complete
+    /// request head, or waits between requests, can be closed at no loss to its client's work.
+    enum class Phase { Unproven, Idle, Busy };
+
     Connection(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context& tls, ConnectionOwner& owner);
     ~Connection();
     Connection(const Connection&) = delete;
@@ -68,7 +75,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     void start();
     /// The strand everything of this connection runs on.
-    boost::asio::any_io_executor executor() { return stream_.get_executor(); }
+    boost::asio::any_io_executor executor() const { return executor_; }
+    /// Read from any thread.
+    Phase phase() const { return phase_.load(std::memory_order_relaxed); }
     /// The server stops: an idle connection closes now, a busy one after its answer.
     void stopGracefully();
     /// Closes now, whatever it was doing.
@@ -78,6 +87,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     using Stream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
     using Parser = boost::beast::http::request_parser<boost::beast::http::string_body>;
 
+    void handshake();
     void waitForRequest();
     void readHead();
     void onHead(boost::beast::error_code error);
@@ -90,12 +100,16 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::optional<int> headProblem() const;
     void closeSocket();
 
-    Stream stream_;
+    boost::asio::any_io_executor executor_;
+    boost::asio::ssl::context& tls_;
+    boost::beast::tcp_stream tcp_;  // until the first byte; then inside stream_
+    std::optional<Stream> stream_;
     ConnectionOwner& owner_;
     boost::beast::flat_buffer buffer_;
     std::optional<Parser> parser_;
     boost::asio::steady_timer delay_;
     int remotePort_ = 0;
+    std::atomic<Phase> phase_{Phase::Unproven};
     bool idle_ = true;  // waiting for a request (or the handshake), nothing half read or unanswered
     bool stopping_ = false;
     bool closed_ = false;

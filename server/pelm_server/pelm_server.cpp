@@ -1,5 +1,6 @@
 #include "pelm_server/pelm_server.hpp"
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -198,37 +199,89 @@ void PelmServer::accept() {
         });
 }
 
-// Past the limit a connection is closed as soon as it is accepted: the phone learns at once, and those
-// already connected keep being served.
+// At a limit, the new connection takes the slot of one that has cost its client nothing yet: a client that
+// opens thousands of connections and sends nothing (or waits between requests) then loses its own oldest
+// ones, not the phones their slots. With every slot busy, the new one is closed at once: the phone learns at
+// once, and those already connected keep being served.
 void PelmServer::onAccepted(tcp::socket socket) {
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
+    auto address = socket.remote_endpoint(ignored).address().to_string();
     std::shared_ptr<Connection> connection;
     {
         std::lock_guard lock(connectionsMutex_);
-        if (!accepting_ || open_.size() >= options_.maxConnections) {
+        const auto fromAddress = openByAddress_[address];
+        const bool admitted = accepting_ &&
+                              (fromAddress < options_.maxConnectionsPerAddress || freeSlot(address)) &&
+                              (open_.size() - closing_ < options_.maxConnections || freeSlot({}));
+        if (!admitted) {
+            if (fromAddress == 0) openByAddress_.erase(address);
             socket.close(ignored);
             return;
         }
         ConnectionOwner& owner = *this;
         connection = std::make_shared<Connection>(std::move(socket), loop_->tls, owner);
-        open_[connection.get()] = connection;
+        ++openByAddress_[address];
+        open_[connection.get()] = {connection, std::move(address), accepted_++, false};
+        mostOpenSinceTrim_ = std::max(mostOpenSinceTrim_, open_.size());
     }
     net::post(connection->executor(), [connection] { connection->start(); });
 }
 
+bool PelmServer::freeSlot(const std::string& address) {
+    OpenConnection* victim = nullptr;
+    int victimRank = 0;
+    for (auto& [key, open] : open_) {
+        if (open.closing || (!address.empty() && open.address != address)) continue;
+        // The connection is alive while it is listed: it leaves the list before it is destroyed.
+        const auto phase = static_cast<const Connection*>(key)->phase();
+        const int rank = phase == Connection::Phase::Unproven ? 2 : phase == Connection::Phase::Idle ? 1 : 0;
+        if (rank > victimRank || (rank == victimRank && rank > 0 && open.order < victim->order)) {
+            victim = &open;
+            victimRank = rank;
+        }
+    }
+    if (victim == nullptr) return false;
+    auto connection = victim->connection.lock();
+    if (!connection) return false;
+    victim->closing = true;
+    ++closing_;
+    if (const auto count = openByAddress_.find(victim->address); --count->second == 0)
+        openByAddress_.erase(count);
+    net::post(connection->executor(), [connection] { connection->close(); });
+    return true;
+}
+
 void PelmServer::ended(const void* connection) {
     std::lock_guard lock(connectionsMutex_);
-    open_.erase(connection);
+    const auto found = open_.find(connection);
+    if (found == open_.end()) return;
+    if (found->second.closing) {
+        --closing_;
+    } else if (const auto address = openByAddress_.find(found->second.address);
+               address != openByAddress_.end() && --address->second == 0) {
+        openByAddress_.erase(address);
+    }
+    open_.erase(found);
     if (open_.empty()) connectionEnded_.notify_all();
+    returnMemoryOfClosedConnections();
+}
+
+// The allocator keeps what thousands of closed connections held (their TLS buffers) for the process. Once
+// most of a crowd has gone, that memory is given back to the system, off the event loop.
+void PelmServer::returnMemoryOfClosedConnections() {
+    constexpr std::size_t kCrowd = 1000;
+    if (mostOpenSinceTrim_ < open_.size() + kCrowd || open_.size() > mostOpenSinceTrim_ / 2) return;
+    mostOpenSinceTrim_ = open_.size();
+    if (loop_) net::post(loop_->store, [] { malloc_trim(0); });
 }
 
 void PelmServer::closeConnections(bool gracefully) {
     std::vector<std::shared_ptr<Connection>> open;
     {
         std::lock_guard lock(connectionsMutex_);
-        for (const auto& [address, connection] : open_) {
-            if (auto alive = connection.lock()) open.push_back(std::move(alive));
+        for (const auto& [key, entry] : open_) {
+            if (auto alive = entry.connection.lock()) open.push_back(std::move(alive));
         }
     }
     for (auto& connection : open) {

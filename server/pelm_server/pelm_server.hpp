@@ -48,8 +48,13 @@ class PelmServer : private ConnectionOwner {
         std::chrono::milliseconds storeDeadline{10000};
         /// Requests waiting on the store at once; more are answered 503 at once instead of queueing.
         std::size_t maxStoreQueue = 4096;
-        /// Connections open at once; more are closed as soon as they are accepted.
+        /// Connections open at once. At the limit a new connection takes the slot of the oldest one that has
+        /// not yet sent a complete request head, or else of the oldest waiting between requests; with none
+        /// such, it is closed as soon as it is accepted.
         std::size_t maxConnections = 10000;
+        /// Connections open at once from one client address, by the same rule: one client cannot hold the
+        /// slots every other phone needs. Generous, since a store's phones may share one address.
+        std::size_t maxConnectionsPerAddress = 1000;
         /// Keep what arrived, for tests: the last `recordRequests` requests (and their connections).
         std::size_t recordRequests = 0;
         /// Certificate and key; a throwaway pair is made in `certificateFolder` when none is given.
@@ -122,8 +127,19 @@ class PelmServer : private ConnectionOwner {
     Reply refusal(int status) override;
     void ended(const void* connection) override;
 
+    struct OpenConnection {
+        std::weak_ptr<Connection> connection;
+        std::string address;
+        std::uint64_t order = 0;  // of acceptance
+        bool closing = false;     // chosen to free a slot; it ends soon
+    };
+
     void accept();
     void onAccepted(boost::asio::ip::tcp::socket socket);
+    /// Frees one slot (of `address`, or of anyone when empty) by closing the connection that loses least;
+    /// false when every one is busy. Under connectionsMutex_.
+    bool freeSlot(const std::string& address);
+    void returnMemoryOfClosedConnections();
     void record(const Request& request, int remotePort);
     std::optional<Fault> faultFor(const std::string& path) const;
     void closeConnections(bool gracefully);
@@ -146,7 +162,11 @@ class PelmServer : private ConnectionOwner {
     // The open connections, by address; a connection tells when it ends.
     std::mutex connectionsMutex_;
     std::condition_variable connectionEnded_;
-    std::map<const void*, std::weak_ptr<Connection>> open_;
+    std::map<const void*, OpenConnection> open_;
+    std::map<std::string, std::size_t> openByAddress_;
+    std::size_t closing_ = 0;
+    std::uint64_t accepted_ = 0;
+    std::size_t mostOpenSinceTrim_ = 0;
     bool accepting_ = false;
     State state_ = State::Made;
 

@@ -50,6 +50,10 @@ PelmServer::Options readOptions(const tools::Arguments& args, const ServeStyle& 
     options.maxConnections = static_cast<std::size_t>(
         numberOption(args, "max-connections", 1, 1000000, static_cast<long long>(options.maxConnections),
                      "--max-connections takes a number from 1 to 1000000"));
+    options.maxConnectionsPerAddress = static_cast<std::size_t>(
+        numberOption(args, "max-connections-per-address", 1, 1000000,
+                     static_cast<long long>(options.maxConnectionsPerAddress),
+                     "--max-connections-per-address takes a number from 1 to 1000000"));
     options.bindAddress = args.option("bind").value_or(options.bindAddress);
     if (const auto names = args.option("name")) {
         if (const auto problem = readServerNames(*names, options.names)) throw UsageError{*problem};
@@ -132,7 +136,11 @@ const std::vector<tools::Option>& serverOptions() {
          "localhost, so devices on the LAN can trust it"},
         {"threads", "N",
          "event-loop threads, each serving any number of connections (default: one per core)"},
-        {"max-connections", "N", "connections open at once; more are closed as they come (default 10000)"},
+        {"max-connections", "N",
+         "connections open at once (default 10000); at the limit a new one takes the slot of the oldest that "
+         "has sent no request yet or waits between requests, and is closed when every one is busy"},
+        {"max-connections-per-address", "N",
+         "connections open at once from one client address, by the same rule (default 1000)"},
         {"cert", "FILE",
          "the server's certificate, with --key; otherwise a throwaway authority in "
          "./pelm-server-certificate/ "

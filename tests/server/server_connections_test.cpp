@@ -1,5 +1,13 @@
 // What pelm-server does with connections that are slow, too many, compressed, or open when it stops.
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
 
 #include <thread>
 
@@ -115,19 +123,102 @@ TEST_F(ServerConnections, ACompressedBodyIsRefusedUnreadAndAnUnreadableHeadIs400
     EXPECT_TRUE(server->store().sessions().empty());
 }
 
-TEST_F(ServerConnections, PastTheLimitNewConnectionsAreClosedAndThoseOpenAreStillServed) {
+TEST_F(ServerConnections, WithEverySlotBusyANewConnectionIsClosedAndThoseOpenAreStillServed) {
     PelmServer::Options options;
     options.maxConnections = 2;
     const auto server = start(options);
+    PelmServer::Fault slow;
+    slow.delay = std::chrono::milliseconds(500);
+    server->setFault("/api/v1/status", slow);
     RawClient first(server->port(), *server->caFile()), second(server->port(), *server->caFile());
-    first.handshake();
-    second.handshake();
+    for (auto* busy : {&first, &second}) {
+        busy->handshake();
+        busy->send(statusRequest());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // both heads are in, their answers wait
     RawClient third(server->port(), *server->caFile());
     EXPECT_TRUE(third.closedBeforeHandshake());
-    for (auto* open : {&first, &second}) {
-        open->send(statusRequest());
-        EXPECT_THAT(open->readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));
+    for (auto* busy : {&first, &second})
+        EXPECT_THAT(busy->readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));
+}
+
+// A slot held by a connection that sent nothing, or that waits between requests, is worth less than a new
+// phone's: the oldest silent one goes first, then the oldest waiting one.
+TEST_F(ServerConnections, AtTheLimitANewConnectionTakesTheSlotOfTheOldestSilentOneThenOfTheOldestIdle) {
+    PelmServer::Options options;
+    options.maxConnections = 3;
+    const auto server = start(options);
+    RawClient idle(server->port(), *server->caFile());
+    idle.handshake();
+    idle.send(statusRequest());
+    EXPECT_THAT(idle.readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));  // kept alive, waiting
+    RawClient silentOld(server->port(), *server->caFile());
+    RawClient silentNew(server->port(), *server->caFile());
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // all three accepted
+    RawClient phone(server->port(), *server->caFile());
+    phone.handshake();
+    phone.send(statusRequest());
+    EXPECT_THAT(phone.readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));
+    EXPECT_TRUE(silentOld.closedBeforeHandshake());
+
+    RawClient another(server->port(), *server->caFile());
+    another.handshake();
+    another.send(statusRequest());
+    EXPECT_THAT(another.readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));
+    EXPECT_TRUE(silentNew.closedBeforeHandshake());
+    // Then the one that waited longest between requests; the two phones just answered stay.
+    RawClient last(server->port(), *server->caFile());
+    last.handshake();
+    EXPECT_EQ(idle.readUntilClosed(), "");
+    phone.send(statusRequest());
+    EXPECT_THAT(phone.readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));
+}
+
+// One client opens more connections than the server takes and sends nothing on any; phones from another
+// address, each opening a new connection for every request, are all answered.
+TEST_F(ServerConnections, TenThousandSilentConnectionsFromOneAddressLeaveEveryPhoneServed) {
+    // Both ends of every connection are in this process: the silent ones and the (at most 1,000) the server
+    // keeps of them, besides the phones'.
+    rlimit descriptors{};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    rlimit wanted{40000, std::max<rlim_t>(descriptors.rlim_max, 40000)};
+    if (setrlimit(RLIMIT_NOFILE, &wanted) != 0) {
+        wanted.rlim_cur = wanted.rlim_max = descriptors.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &wanted);
     }
+    if (wanted.rlim_cur < 15000) GTEST_SKIP() << "this machine allows " << wanted.rlim_cur << " files";
+
+    const auto server = start({});
+    constexpr int kSilent = 10100;
+    std::vector<int> silent;
+    for (int i = 0; i < kSilent; ++i) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in from{}, to{};
+        from.sin_family = to.sin_family = AF_INET;
+        from.sin_addr.s_addr = htonl(0x7f000002);  // 127.0.0.2
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        to.sin_port = htons(static_cast<std::uint16_t>(server->port()));
+        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from), 0) << std::strerror(errno);
+        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0) << std::strerror(errno);
+        silent.push_back(fd);
+    }
+    int answered = 0;
+    for (int request = 0; request < 200; ++request) {
+        RawClient phone(server->port(), *server->caFile());
+        phone.handshake();
+        phone.send(statusRequest());
+        answered += phone.readUntilClosed(12).starts_with("HTTP/1.1 200") ? 1 : 0;
+    }
+    EXPECT_EQ(answered, 200);
+    std::size_t stillOpen = 0;
+    for (const int fd : silent) {
+        char byte = 0;
+        pollfd ready{fd, POLLIN, 0};
+        // Closed by the server: readable, and the read finds the end (or a reset).
+        if (::poll(&ready, 1, 0) == 0 || ::recv(fd, &byte, 1, MSG_DONTWAIT) > 0) ++stillOpen;
+        ::close(fd);
+    }
+    EXPECT_LE(stillOpen, PelmServer::Options{}.maxConnectionsPerAddress);
 }
 
 // Stopping closes idle connections at once and lets a request in flight be answered.
