@@ -473,6 +473,7 @@ bool ReportFile::open(const std::optional<std::string>& path, std::string& error
     if (!path) return true;
     // Nothing is made or changed yet: an earlier report stays whole, and no empty one is left, should the run
     // be interrupted. An existing file is opened to append; for a new one, its folder must take it.
+    if (isStreamOutput(*path)) return true;  // written into at the end, never replaced
     std::error_code ignored;
     const std::filesystem::path file(*path);
     const auto folder = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");

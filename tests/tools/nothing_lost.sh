@@ -62,4 +62,39 @@ for signal in INT TERM; do
   [ ! -e "$work/events.jsonl.partial" ] && [ ! -e "$work/visit.html.partial" ] || fail "partial files left"
   [ ! -e "${TMPDIR:-/tmp}/pelm-visit-$run" ] || fail "SIG$signal left ${TMPDIR:-/tmp}/pelm-visit-$run"
 done
+# An output that is not a regular file is written into, never replaced: a FIFO stays a FIFO and its reader
+# gets every line; one nobody reads is refused at once; "-" is standard output, with only the data on it.
+mkfifo "$work/events.fifo"
+cat "$work/events.fifo" >"$work/from-fifo.jsonl" &
+reader=$!
+"$pelm" replay "$work/walk.jsonl" --events "$work/events.fifo" >/dev/null 2>&1 || fail "replay into a FIFO failed"
+wait "$reader"
+[ -p "$work/events.fifo" ] || fail "--events replaced the FIFO it was given"
+[ "$(grep -c '"kind"' "$work/from-fifo.jsonl")" -gt 100 ] || fail "the FIFO's reader got no events"
+expect 1 "cannot write $work/events.fifo: no process reads from it" \
+  timeout 10 "$pelm" replay "$work/walk.jsonl" --events "$work/events.fifo"
+"$pelm" replay "$work/walk.jsonl" --events - >"$work/stdout.jsonl" 2>"$work/stderr.txt" || fail "--events - failed"
+grep -qv '^{' "$work/stdout.jsonl" && fail "--events - mixed other lines into the events: $(grep -v '^{' "$work/stdout.jsonl" | head -1)"
+cmp -s "$work/stdout.jsonl" "$work/from-fifo.jsonl" || fail "--events - and the FIFO got different events"
+grep -q "What the host app sees" "$work/stderr.txt" || fail "with --events -, the run's lines were lost"
+
+# Ctrl-C on a replay at real speed is taken at once, even in the middle of a long silence of the recording:
+# the run ends with 130 well within a second, and the events so far are in place.
+{
+  head -n 40 "$work/walk.jsonl"
+  last=$(sed -n 40p "$work/walk.jsonl" | sed 's/.*"t":\([0-9]*\).*/\1/')
+  sed -n 41p "$work/walk.jsonl" | sed "s/\"t\":[0-9]*/\"t\":$((last + 3600000))/"
+} >"$work/sparse.jsonl"
+"$pelm" replay "$work/sparse.jsonl" --speed 1 --events "$work/sparse-events.jsonl" >"$work/run.txt" 2>&1 &
+run=$!
+for _ in $(seq 600); do grep -q '^  \[' "$work/run.txt" && break; sleep 0.05; done
+sleep 2  # into the hour of silence
+kill -INT "$run"
+for _ in $(seq 20); do kill -0 "$run" 2>/dev/null || break; sleep 0.05; done
+if kill -0 "$run" 2>/dev/null; then kill -KILL "$run"; fail "replay --speed 1 was still running a second after Ctrl-C"; fi
+wait "$run"
+rc=$?
+[ "$rc" -eq 130 ] || fail "replay exited $rc on Ctrl-C, not 130"
+[ "$(grep -c '"kind"' "$work/sparse-events.jsonl")" -gt 0 ] || fail "the interrupted replay kept no events"
+
 echo "nothing the tool was given or had written was lost"

@@ -3,6 +3,13 @@
 #include <cstdio>
 
 namespace pelm::cli {
+namespace {
+
+std::string named(const std::string& path) {
+    return path == "-" ? "standard output" : path;
+}
+
+}  // namespace
 
 std::optional<int> RunOutput::failed(const std::string& why, int code) const {
     std::fprintf(stderr, "pelm %s: %s\n", command_.c_str(), why.c_str());
@@ -38,7 +45,7 @@ std::optional<int> RunOutput::finish(const ReportHeader& header, const std::vect
     if (!events_.close(error)) return failed(error, 1);
     if (!report_.path()) return std::nullopt;
     if (!report_.write(htmlReport(header, timeline, length, storedVisits), error)) return failed(error, 1);
-    std::printf("Report written to %s\n", report_.path()->c_str());
+    std::printf("Report written to %s\n", named(*report_.path()).c_str());
     return std::nullopt;
 }
 
@@ -48,7 +55,7 @@ std::optional<int> RunOutput::finishRooms(const std::string& recording, const st
     if (!events_.close(error)) return failed(error, 1);
     if (!report_.path()) return std::nullopt;
     if (!report_.write(htmlRoomsReport(recording, source, rooms), error)) return failed(error, 1);
-    std::printf("Report written to %s\n", report_.path()->c_str());
+    std::printf("Report written to %s\n", named(*report_.path()).c_str());
     return std::nullopt;
 }
 
@@ -57,7 +64,7 @@ int RunOutput::interrupted(int code) {
     const bool kept = events_.close(error);
     std::fprintf(stderr, "pelm %s: interrupted%s\n", command_.c_str(),
                  eventsPath_.empty() ? ""
-                 : kept              ? ("; the events so far are in " + eventsPath_).c_str()
+                 : kept              ? ("; the events so far are in " + named(eventsPath_)).c_str()
                                      : ("; " + error).c_str());
     return code;
 }
