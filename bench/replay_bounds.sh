@@ -2,7 +2,11 @@
 # pelm replay's bounds, each against a baseline measured in the same run:
 #   - a crowd: ADS advertisements (default 10 M) from ADDRESSES distinct senders (default 1 M), against the
 #     same number from 100 senders: peak RSS and time;
-#   - a recording whose times jump 200 years, against the same recording without the jump: time.
+#   - a recording whose times jump 200 years, against the same recording without the jump: time;
+#   - the memory a replay takes whatever the recording, every sender an iBeacon (bench/bounded_recordings.awk),
+#     against a minute of three beacons: 24 h of three beacons; 1 M passing phones heard as one iBeacon; 1 M
+#     distinct beacons beside the app's three; a store of four rooms, FOUR_ROOM_ADS advertisements (default
+#     43 M, a 6 GB file made and removed here).
 #   bench/replay_bounds.sh [ADS] [ADDRESSES]
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -44,6 +48,23 @@ rm "$work/few.jsonl"
 printf '%-44s %8s s %9s KiB peak\n' "$ads ads from $addresses senders" "$crowd_s" "$crowd_kb"
 printf '%-44s %8s s %9s KiB peak\n' "$ads ads from 100 senders (baseline)" "$few_s" "$few_kb"
 echo "  ratio: time $(ratio "$crowd_s" "$few_s"), memory $(ratio "$crowd_kb" "$few_kb")"
+
+echo
+echo "Memory of a replay whatever the recording (the bound: 64 MiB):"
+awk -v kind=minute -f "$root/bench/bounded_recordings.awk" >"$work/minute.jsonl"
+read -r minute_s minute_kb < <(measure "$work/minute.jsonl")
+printf '%-48s %8s s %9s KiB peak\n' "a minute of three beacons (baseline)" "$minute_s" "$minute_kb"
+rooms=${FOUR_ROOM_ADS:-43000000}
+for case in "day 0 24 h of three beacons" "phones 1000000 1 M passing phones as one iBeacon" \
+  "beacons 1000000 1 M distinct beacons beside the app's three" \
+  "rooms $rooms a store of four rooms, $((rooms / 1000000)) M advertisements"; do
+  read -r kind count label <<<"$case"
+  awk -v kind="$kind" -v n="$count" -f "$root/bench/bounded_recordings.awk" >"$work/$kind.jsonl"
+  read -r seconds kb < <(measure "$work/$kind.jsonl")
+  rm "$work/$kind.jsonl"
+  printf '%-48s %8s s %9s KiB peak, %s MiB; ratio to the minute %s\n' "$label" "$seconds" "$kb" \
+    "$((kb / 1024))" "$(ratio "$kb" "$minute_kb")"
+done
 
 # 100 000 advertisements over 10 000 s, then one 200 years later; the baseline ends before the jump.
 trace 100000 50 1680000000000 100 >"$work/steady.jsonl"

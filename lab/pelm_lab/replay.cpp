@@ -114,8 +114,7 @@ struct OddTimes {
 
 constexpr Date kYear2000{std::chrono::seconds(946684800)};
 
-// The app's UUID is the one heard most often among the first advertisements: this many are read ahead, then
-// played.
+// The app's UUID is the one heard most often among the first advertisements: this many are read ahead.
 constexpr std::size_t kLookAhead = 1 << 16;
 
 using UUIDBytes = std::array<std::uint8_t, 16>;
@@ -215,33 +214,49 @@ class RecordingPass {
     OtherReceivers others_;
 };
 
-// Reads ahead kLookAhead advertisements, or on to the first iBeacon, keeping the iBeacons. The radio's other
-// traffic is counted and let go: it is never beacon hardware, so the engine makes nothing of it, and a
-// crowd of phones costs no memory.
-std::vector<ReadAdvertisement> lookAhead(RecordingPass& pass) {
-    std::vector<ReadAdvertisement> ahead;
+// What the first advertisements tell: how often each UUID was heard and its beacons, to choose the app's UUID
+// and the server's contents before anything is played.
+struct LookAhead {
+    std::map<UUIDBytes, std::uint64_t> heard;
+    std::map<UUIDBytes, std::set<BeaconNumbers>> beacons;
+    /// The iBeacons read, to be played first, when the recording cannot be read a second time (a pipe). A
+    /// file is read again from its start instead: a crowd of iBeacons read ahead would cost memory.
+    std::vector<ReadAdvertisement> kept;
+};
+
+// Reads ahead kLookAhead advertisements, or on to the first iBeacon. The radio's other traffic is counted
+// and let go: it is never beacon hardware, so the engine makes nothing of it, and a crowd of phones costs
+// no memory.
+LookAhead lookAhead(RecordingPass& pass, bool keep) {
+    LookAhead ahead;
     ReadAdvertisement read;
-    for (std::size_t count = 0; (count < kLookAhead || ahead.empty()) && pass.next(read); ++count) {
-        if (read.frame) ahead.push_back(read);
+    for (std::size_t count = 0; (count < kLookAhead || ahead.heard.empty()) && pass.next(read); ++count) {
+        if (!read.frame) continue;
+        const auto& uuid = read.frame->proximityUUID.bytes;
+        ++ahead.heard[uuid];
+        ahead.beacons[uuid].insert({read.frame->major, read.frame->minor});
+        if (keep) ahead.kept.push_back(read);
     }
     return ahead;
 }
 
 // The UUID heard most often ahead; of those heard equally often, the first in order of their text.
-std::optional<std::string> mostHeardUuid(const std::vector<ReadAdvertisement>& ahead) {
-    std::map<UUIDBytes, std::uint64_t> counts;
-    for (const auto& read : ahead) {
-        if (read.frame) ++counts[read.frame->proximityUUID.bytes];
-    }
+std::optional<std::string> mostHeardUuid(const LookAhead& ahead) {
     std::optional<std::string> most;
     std::uint64_t best = 0;
-    for (const auto& [uuid, count] : counts) {
+    for (const auto& [uuid, count] : ahead.heard) {
         if (count > best) {
             best = count;
             most = platform::ProximityUUID{uuid}.uuidString();
         }
     }
     return most;
+}
+
+// A recording that can be opened again and read from its start: a regular file.
+bool readableTwice(const std::filesystem::path& recording) {
+    std::error_code ignored;
+    return std::filesystem::is_regular_file(recording, ignored);
 }
 
 std::string dateText(Date at) {
@@ -288,10 +303,14 @@ JSON seedFor(const std::string& uuid, const std::vector<BeaconNumbers>& beacons,
 // each is first heard, before the library can ask for it. Those heard ahead come first, in order.
 class BeaconContents {
   public:
-    BeaconContents(std::string uuid, const std::vector<ReadAdvertisement>& ahead) : uuid_(std::move(uuid)) {
+    BeaconContents(std::string uuid, const LookAhead& ahead) : uuid_(std::move(uuid)) {
         if (const auto parsed = platform::ProximityUUID::parse(uuid_)) bytes_ = parsed->bytes;
-        for (const auto& read : ahead) note(read);
-        std::sort(pending_.begin(), pending_.end());
+        if (const auto found = ahead.beacons.find(bytes_); found != ahead.beacons.end()) {
+            for (const auto& numbers : found->second) {
+                known_.insert(numbers);
+                pending_.push_back(numbers);
+            }
+        }
     }
     /// The seed of the embedded server, with the contents of every beacon noted so far.
     JSON seed() { return take(); }
@@ -472,24 +491,25 @@ std::string nothingToPlay(const ReplayOptions& options, const RecordingPass& pas
 
 }  // namespace
 
-// One pass over the file: the first advertisements are read ahead to choose the app's UUID and the
-// server's contents, then played, then the rest is played as it is read.
+// The first advertisements are read ahead to choose the app's UUID and the server's contents, then the
+// recording is played from its start (read again, or what was read ahead first for a pipe) as it is read.
 ReplayResult runReplay(const ReplayOptions& options,
                        const std::function<void(const TimelineEvent&)>& onEvent) {
     ReplayResult result;
-    RecordingPass pass(options);
-    const auto ahead = lookAhead(pass);
+    const bool again = readableTwice(options.recording);
+    std::optional<RecordingPass> pass(std::in_place, options);
+    const auto ahead = lookAhead(*pass, !again);
     const auto summarise = [&] {
-        result.summary = pass.summary();
-        if (pass.early().count > 0)
+        result.summary = pass->summary();
+        if (pass->early().count > 0)
             result.timeWarnings.insert(result.timeWarnings.begin(),
-                                       oddTimesWarning(pass.early(), pass, "before 2000"));
+                                       oddTimesWarning(pass->early(), *pass, "before 2000"));
     };
-    const auto before = pass.summary();
+    const auto before = pass->summary();
     const auto uuid = options.uuid ? options.uuid : mostHeardUuid(ahead);
     if (before.advertisements == 0 || !uuid) {
         summarise();
-        result.failure = nothingToPlay(options, pass, before.advertisements);
+        result.failure = nothingToPlay(options, *pass, before.advertisements);
         return result;
     }
     result.uuid = *uuid;
@@ -497,22 +517,24 @@ ReplayResult runReplay(const ReplayOptions& options,
     result.start = std::chrono::floor<std::chrono::seconds>(before.first) - 1s;
     BeaconContents contents(*uuid, ahead);
     ServerChoice server{options.host, options.token, options.caFile, contents.seed()};
-    VisitHarness harness(server, result.start, onEvent);
+    VisitHarness harness(server, result.start, onEvent, options.keepTimeline);
     result.failure = harness.failure();
     if (result.failure.empty()) {
+        if (again) pass.emplace(options);
         // A day past the middle of what was read ahead is a time no walk has.
-        Player player(options, pass, harness, contents, before.median + std::chrono::hours(24));
-        result.interrupted = !player.play(ahead);
+        Player player(options, *pass, harness, contents, before.median + std::chrono::hours(24));
+        result.interrupted = !player.play(ahead.kept);
         // The end of a recording is radio silence: regions are left, the visit goes up.
         if (!result.interrupted) harness.loop().advance(45s);
         if (player.late().count > 0)
             result.timeWarnings.push_back(oddTimesWarning(
-                player.late(), pass,
+                player.late(), *pass,
                 "more than a day after the recording's median time (" + dateText(before.median) + ")"));
     }
     harness.finish();
     summarise();
-    result.timeline = harness.events();
+    result.timeline = harness.takeEvents();
+    result.length = harness.length();
     result.storedVisits = harness.storedVisits();
     return result;
 }

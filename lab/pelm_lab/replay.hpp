@@ -25,6 +25,9 @@ struct ReplayOptions {
     std::optional<std::string> host, token, caFile;
     /// Asked between advertisements; true ends the replay where it is (Ctrl-C).
     std::function<bool()> stopRequested;
+    /// Keep every event for ReplayResult::timeline (a report needs them). Without it a replay takes the same
+    /// memory however long the recording: the events go only to the callback, as they happen.
+    bool keepTimeline = true;
 };
 
 /// What one pass over a recording found.
@@ -72,7 +75,10 @@ struct ReplayResult {
     RecordingSummary summary;
     std::string uuid;
     Date start{};
+    /// Every event, when ReplayOptions::keepTimeline.
     std::vector<TimelineEvent> timeline;
+    /// From the start to the last event.
+    std::chrono::milliseconds length{0};
     JSON storedVisits = JSON::array();
     /// Why the replay could not run; empty when it ran.
     std::string failure;

@@ -45,7 +45,7 @@ SimulationResult runSimulation(
         result.advertisements = store.advertisementsSent();
     }
     harness.finish();
-    result.timeline = harness.events();
+    result.timeline = harness.takeEvents();
     result.storedVisits = harness.storedVisits();
     return result;
 }

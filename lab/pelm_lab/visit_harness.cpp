@@ -26,8 +26,9 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
                                public platform::LogSink,
                                public events::VisitEventListener {
   public:
-    Recorder(std::shared_ptr<platform::VirtualLoop> loop, std::function<void(const TimelineEvent&)> onEvent)
-        : loop_(std::move(loop)), start_(loop_->now()), onEvent_(std::move(onEvent)) {}
+    Recorder(std::shared_ptr<platform::VirtualLoop> loop, std::function<void(const TimelineEvent&)> onEvent,
+             bool keep)
+        : loop_(std::move(loop)), start_(loop_->now()), onEvent_(std::move(onEvent)), keep_(keep) {}
 
     // Content and nearby devices arrive as events, with the beacon they concern.
     void didFindContent(std::shared_ptr<Content>) override {}
@@ -82,6 +83,7 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
     }
 
     std::vector<TimelineEvent> events;
+    std::chrono::milliseconds lastAt{0};
 
   private:
     struct Sum {
@@ -125,18 +127,20 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
         record(std::move(event));
     }
     void record(TimelineEvent event) {
-        events.push_back(std::move(event));
-        if (onEvent_) onEvent_(events.back());
+        lastAt = event.at;
+        if (onEvent_) onEvent_(event);
+        if (keep_) events.push_back(std::move(event));
     }
     std::shared_ptr<platform::VirtualLoop> loop_;
     Date start_;
     std::function<void(const TimelineEvent&)> onEvent_;
+    bool keep_;
     std::map<SignalKey, Sum, SignalOrder> pending_;
     Date windowEnd_{};
 };
 
 VisitHarness::VisitHarness(const ServerChoice& server, Date start,
-                           std::function<void(const TimelineEvent&)> onEvent)
+                           std::function<void(const TimelineEvent&)> onEvent, bool keepEvents)
     : start_(start) {
     auto host = server.host;
     auto token = server.token;
@@ -154,7 +158,7 @@ VisitHarness::VisitHarness(const ServerChoice& server, Date start,
         ca = embedded_->caFile()->string();
     }
     loop_ = std::make_shared<platform::VirtualLoop>(start);
-    recorder_ = std::make_shared<Recorder>(loop_, std::move(onEvent));
+    recorder_ = std::make_shared<Recorder>(loop_, std::move(onEvent), keepEvents);
     platform::CurlTransportOptions http;
     if (ca) http.extraCABundle = *ca;
     engine_ = std::make_shared<platform::RegionEngine>(loop_);
@@ -215,8 +219,12 @@ void VisitHarness::finish() {
     }
 }
 
-std::vector<TimelineEvent> VisitHarness::events() const {
-    return recorder_->events;
+std::vector<TimelineEvent> VisitHarness::takeEvents() {
+    return std::move(recorder_->events);
+}
+
+std::chrono::milliseconds VisitHarness::length() const {
+    return recorder_->lastAt;
 }
 
 JSON VisitHarness::storedVisits() const {

@@ -66,7 +66,10 @@ struct ServerChoice {
 /// whose delegate records what the host app receives. The platform is installed for the harness's life.
 class VisitHarness {
   public:
-    VisitHarness(const ServerChoice& server, Date start, std::function<void(const TimelineEvent&)> onEvent);
+    /// Each event goes to `onEvent` as it happens; the events are also kept for events() when `keepEvents`,
+    /// which a long run pays for in memory.
+    VisitHarness(const ServerChoice& server, Date start, std::function<void(const TimelineEvent&)> onEvent,
+                 bool keepEvents = true);
     ~VisitHarness();
     VisitHarness(const VisitHarness&) = delete;
     VisitHarness& operator=(const VisitHarness&) = delete;
@@ -86,7 +89,10 @@ class VisitHarness {
     /// Ends the run: the beacon manager and the platform go, calls in flight complete. Then the events and,
     /// for the embedded server, the visits it stored.
     void finish();
-    std::vector<TimelineEvent> events() const;
+    /// The events kept, handed over (none when they were not kept).
+    std::vector<TimelineEvent> takeEvents();
+    /// The time of the last event, from the start.
+    std::chrono::milliseconds length() const;
     JSON storedVisits() const;
 
   private:

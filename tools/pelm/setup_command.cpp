@@ -54,10 +54,11 @@ int setupCommand(const Arguments& args) {
     if (*outcome) {
         std::printf("Configuration fetched and stored.\n");
     } else {
-        std::fprintf(stderr,
-                     "pelm setup: could not fetch the configuration: %s. Token and host are stored, the beacon "
-                     "settings are unchanged.\n",
-                     reason.c_str());
+        std::fprintf(
+            stderr,
+            "pelm setup: could not fetch the configuration: %s. Token and host are stored, the beacon "
+            "settings are unchanged.\n",
+            reason.c_str());
     }
     printSettings(*SettingsManager::sharedInstance(), args);
     return *outcome ? 0 : 1;
