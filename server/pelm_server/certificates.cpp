@@ -1,8 +1,10 @@
 #include "pelm_server/certificates.hpp"
 
+#include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
@@ -53,11 +55,23 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
     X509_EXTENSION_free(extension);
 }
 
-Cert newCertificate(EVP_PKEY* key, const char* commonName, long serial, int days) {
+// 16 random bytes, positive: a serial no other certificate of the authority (or of another) shares, and that
+// no one can guess.
+void setRandomSerial(X509* cert) {
+    unsigned char bytes[16];
+    check(RAND_bytes(bytes, sizeof bytes) == 1, "no random bytes for a serial");
+    bytes[0] = static_cast<unsigned char>((bytes[0] & 0x7F) | 0x01);
+    BIGNUM* number = BN_bin2bn(bytes, sizeof bytes, nullptr);
+    check(number != nullptr && BN_to_ASN1_INTEGER(number, X509_get_serialNumber(cert)) != nullptr,
+          "cannot set a serial");
+    BN_free(number);
+}
+
+Cert newCertificate(EVP_PKEY* key, const char* commonName, int days) {
     Cert cert(X509_new());
     check(cert != nullptr, "X509_new failed");
     X509_set_version(cert.get(), 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial);
+    setRandomSerial(cert.get());
     X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 60L * 60 * 24 * days);
     X509_set_pubkey(cert.get(), key);
@@ -191,9 +205,7 @@ bool serverReusable(const ThrowawayCertificate& files, X509* ca, const std::set<
 void issueServerCertificate(const ThrowawayCertificate& files, X509* ca, EVP_PKEY* caKey,
                             const std::set<std::string>& names, int days) {
     const auto serverKey = newKey();
-    // Each one gets its own serial, so a client that saw an earlier one never takes the two for one.
-    const auto server =
-        newCertificate(serverKey.get(), "localhost", static_cast<long>(std::time(nullptr)), days);
+    const auto server = newCertificate(serverKey.get(), "localhost", days);
     X509_set_issuer_name(server.get(), X509_get_subject_name(ca));
     addExtension(server.get(), ca, NID_basic_constraints, "critical,CA:FALSE");
     addExtension(server.get(), ca, NID_key_usage, "critical,digitalSignature");
@@ -254,7 +266,7 @@ ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folde
     const auto alternatives = alternativeNames(names);
     std::filesystem::create_directories(folder);
     const auto caKey = newKey();
-    const auto ca = newCertificate(caKey.get(), "pelm-server throwaway authority", 1, days);
+    const auto ca = newCertificate(caKey.get(), "pelm-server throwaway authority", days);
     X509_set_issuer_name(ca.get(), X509_get_subject_name(ca.get()));
     addExtension(ca.get(), ca.get(), NID_basic_constraints, "critical,CA:TRUE");
     addExtension(ca.get(), ca.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
@@ -276,12 +288,14 @@ ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int 
     FolderLock lock(folder);
     const auto files = filesIn(folder);
     const auto ca = readCertificate(files.caFile);
+    auto reused = files;
+    reused.madeAuthority = false;
     if (ca && validFor(ca.get(), kWeek)) {
-        if (serverReusable(files, ca.get(), alternatives)) return files;
+        if (serverReusable(files, ca.get(), alternatives)) return reused;
         const auto caKey = readKey(folder / "ca-key.pem");
         if (caKey && X509_check_private_key(ca.get(), caKey.get()) == 1) {
             issueServerCertificate(files, ca.get(), caKey.get(), alternatives, days);
-            return files;
+            return reused;
         }
     }
     return makeThrowawayCertificate(folder, days, names);

@@ -13,6 +13,8 @@ struct ThrowawayCertificate {
     std::filesystem::path caFile;    // trust this one
     std::filesystem::path certFile;  // the server's certificate
     std::filesystem::path keyFile;   // the server's private key
+    /// Whether this call made the authority (false: the folder's was reused, as devices already trust it).
+    bool madeAuthority = true;
 };
 
 /// Names a server certificate holds besides localhost, 127.0.0.1 and ::1: host names and IP addresses under

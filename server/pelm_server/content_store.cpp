@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -119,6 +120,7 @@ void ContentStore::seed(const JSON& data) {
     const auto contents = data.value("contents", JSON::array());
     if (!contents.is_array()) throw std::invalid_argument("\"contents\" must be an array");
     std::vector<Content> contentRows;
+    std::map<std::int64_t, std::size_t> entryOfId;
     for (std::size_t i = 0; i < contents.size(); ++i) {
         const auto where = "contents[" + std::to_string(i) + "]";
         const auto& entry = contents[i];
@@ -133,6 +135,11 @@ void ContentStore::seed(const JSON& data) {
         const auto id = content.find("id");
         if (id == content.end() || !id->is_number_integer()) {
             throw std::invalid_argument(where + ": \"content\" needs an integer \"id\"");
+        }
+        // Two contents under one id would leave one of them unserved, whichever app each belongs to.
+        if (const auto [earlier, added] = entryOfId.emplace(id->get<std::int64_t>(), i); !added) {
+            throw std::invalid_argument(where + ".content.id: " + std::to_string(earlier->first) +
+                                        " is already the id of contents[" + std::to_string(earlier->second) + "]");
         }
         const auto type = requireText(entry, "display_type", where);
         if (type != "entry" && type != "exit") {

@@ -59,8 +59,8 @@ class ContentStore {
     ContentStore& operator=(const ContentStore&) = delete;
 
     /// Loads {"apps": [{"app_token", "app_config"}], "contents": [{"app_token", "beacon", "display_type",
-    /// "content"}]}; entries with the same token or content id replace earlier ones. Throws
-    /// std::invalid_argument naming the entry that is wrong.
+    /// "content"}]}; entries with the same token or content id as an earlier seed's replace them. Throws
+    /// std::invalid_argument naming the entry that is wrong, two contents of this seed with one id among them.
     void seed(const JSON& data);
 
     std::optional<JSON> appConfig(const std::string& token) const;

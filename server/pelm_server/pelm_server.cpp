@@ -131,11 +131,19 @@ PelmServer::PelmServer(Options options)
         certFile_ = made.certFile;
         keyFile_ = made.keyFile;
         caFile_ = made.caFile;
+        madeAuthority_ = made.madeAuthority;
     }
     auto& tls = loop_->tls;
     tls.set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
                     net::ssl::context::no_sslv3 | net::ssl::context::no_tlsv1 |
                     net::ssl::context::no_tlsv1_1);
+    // TLS 1.2 with forward secrecy and authenticated encryption only (the CBC suites are open to padding
+    // oracles such as Lucky13), in the server's order; TLS 1.3's suites are all of that kind.
+    SSL_CTX_set_options(tls.native_handle(), SSL_OP_CIPHER_SERVER_PREFERENCE);
+    SSL_CTX_set_cipher_list(tls.native_handle(),
+                            "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:"
+                            "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-AES128-GCM-SHA256:"
+                            "ECDHE-RSA-AES256-GCM-SHA384:ECDHE-RSA-CHACHA20-POLY1305");
     // An idle connection then holds no read or write buffer: thousands of phones cost little between
     // requests.
     SSL_CTX_set_mode(tls.native_handle(), SSL_MODE_RELEASE_BUFFERS);

@@ -109,6 +109,8 @@ class PelmServer : private ConnectionOwner {
     std::string host() const { return "localhost:" + std::to_string(port_); }
     /// The authority to trust when the server made its own certificate.
     std::optional<std::filesystem::path> caFile() const { return caFile_; }
+    /// Whether that authority was made now, rather than found in its folder from an earlier start.
+    bool madeAuthority() const { return madeAuthority_; }
 
     void setFault(const std::string& path, Fault fault);
     void clearFaults();
@@ -157,6 +159,7 @@ class PelmServer : private ConnectionOwner {
     std::unique_ptr<Loop> loop_;
     int port_ = 0;
     std::optional<std::filesystem::path> caFile_;
+    bool madeAuthority_ = false;
     std::filesystem::path certFile_, keyFile_;
 
     // The open connections, by address; a connection tells when it ends.

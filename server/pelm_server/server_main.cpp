@@ -100,7 +100,10 @@ int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, c
                 server.store().description().c_str());
     if (seed && style.demoData) std::printf("serving the demo data: app token demo-token\n");
     if (const auto ca = server.caFile()) {
-        std::printf("made a throwaway certificate; clients trust it with --ca %s\n", ca->c_str());
+        std::printf(
+            "%s; clients trust it with --ca %s\n",
+            server.madeAuthority() ? "made a throwaway certificate" : "its throwaway certificate as before",
+            ca->c_str());
         if (const auto hint = lanNameHint(options.bindAddress, options.names))
             std::printf("%s\n", hint->c_str());
     }

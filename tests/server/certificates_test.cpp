@@ -2,6 +2,7 @@
 #include "pelm_server/certificates.hpp"
 
 #include <gmock/gmock.h>
+#include <openssl/bn.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
@@ -32,6 +33,21 @@ bool certifies(const std::filesystem::path& certFile, const std::string& name) {
     return named;
 }
 
+// The serial, as a hex text.
+std::string serialOf(const std::filesystem::path& certFile) {
+    std::FILE* file = std::fopen(certFile.c_str(), "r");
+    if (file == nullptr) return "";
+    X509* cert = PEM_read_X509(file, nullptr, nullptr, nullptr);
+    std::fclose(file);
+    BIGNUM* number = ASN1_INTEGER_to_BN(X509_get_serialNumber(cert), nullptr);
+    char* hex = BN_bn2hex(number);
+    std::string text = hex;
+    OPENSSL_free(hex);
+    BN_free(number);
+    X509_free(cert);
+    return text;
+}
+
 class FolderCertificate : public ::testing::Test {
   protected:
     testing::TempFolder temp_{"pelm-certificates"};
@@ -40,9 +56,12 @@ class FolderCertificate : public ::testing::Test {
 
 TEST_F(FolderCertificate, IsKeptAcrossRestartsAndRemadeOnlyWhenBrokenOrExpiring) {
     const auto first = folderCertificate(folder_);
+    EXPECT_TRUE(first.madeAuthority);
     const auto authority = contents(first.caFile);
     ASSERT_THAT(authority, ::testing::HasSubstr("BEGIN CERTIFICATE"));
-    EXPECT_EQ(contents(folderCertificate(folder_).caFile), authority) << "a restart made a new authority";
+    const auto again = folderCertificate(folder_);
+    EXPECT_EQ(contents(again.caFile), authority) << "a restart made a new authority";
+    EXPECT_FALSE(again.madeAuthority) << "a restart says it made the authority it reused";
     EXPECT_EQ(std::filesystem::status(first.keyFile).permissions() & std::filesystem::perms::all,
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 
@@ -65,6 +84,11 @@ TEST_F(FolderCertificate, IsKeptAcrossRestartsAndRemadeOnlyWhenBrokenOrExpiring)
     makeThrowawayCertificate(folder_, 3);
     const auto expiring = contents(first.caFile);
     EXPECT_NE(contents(folderCertificate(folder_).caFile), expiring);
+
+    // Serials are 16 random bytes (the first one's top bit clear, so the number is positive): no two alike.
+    for (const auto& serial : {serialOf(first.caFile), serialOf(first.certFile), serialOf(other.certFile)})
+        EXPECT_EQ(serial.size(), 32u) << serial;
+    EXPECT_NE(serialOf(first.caFile), serialOf(other.caFile));
 
     // A missing or garbled file is made again, not read.
     std::ofstream(first.keyFile) << "not a key";

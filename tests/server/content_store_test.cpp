@@ -53,6 +53,13 @@ TEST(ContentStore, SeedErrorsNameTheEntryAndChangeNothing) {
         "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "U", "major": 1, "minor": 65536},
                       "content": {"id": 1}}]})"),
               "contents[0].beacon.minor: must be a whole number from 0 to 65535");
+    // Two contents under one id, even of two apps, would leave one unserved.
+    EXPECT_EQ(error(R"({"apps": [{"app_token": "a", "app_config": {}}, {"app_token": "b", "app_config": {}}],
+        "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "U", "major": 1, "minor": 2},
+                      "content": {"id": 7}},
+                     {"app_token": "b", "display_type": "exit", "beacon": {"uuid": "U", "major": 1, "minor": 2},
+                      "content": {"id": 7}}]})"),
+              "contents[1].content.id: 7 is already the id of contents[0]");
 }
 
 TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {

@@ -28,8 +28,9 @@ using tcp = net::ip::tcp;
 // A client that writes exactly the bytes it is given, as slowly or as badly as a test wants.
 class RawClient {
   public:
-    RawClient(int port, const std::filesystem::path& ca)
-        : tls_(net::ssl::context::tls_client), stream_(io_, tls_) {
+    /// `ciphers`, when given, are the only TLS 1.2 suites offered (and TLS 1.3 is not).
+    RawClient(int port, const std::filesystem::path& ca, const char* ciphers = nullptr)
+        : tls_(make(ciphers)), stream_(io_, tls_) {
         tls_.load_verify_file(ca.string());
         tls_.set_verify_mode(net::ssl::verify_peer);
         SSL_set_tlsext_host_name(stream_.native_handle(), "localhost");
@@ -52,6 +53,7 @@ class RawClient {
         }
         return received;
     }
+    const char* cipher() { return SSL_get_cipher_name(stream_.native_handle()); }
     /// Whether the server closed the connection without a word (the handshake never finished).
     bool closedBeforeHandshake() {
         boost::system::error_code error;
@@ -60,6 +62,14 @@ class RawClient {
     }
 
   private:
+    static net::ssl::context make(const char* ciphers) {
+        net::ssl::context tls(net::ssl::context::tls_client);
+        if (ciphers != nullptr) {
+            tls.set_options(net::ssl::context::no_tlsv1_3);
+            SSL_CTX_set_cipher_list(tls.native_handle(), ciphers);
+        }
+        return tls;
+    }
     net::io_context io_;
     net::ssl::context tls_;
     net::ssl::stream<tcp::socket> stream_;
@@ -219,6 +229,18 @@ TEST_F(ServerConnections, TenThousandSilentConnectionsFromOneAddressLeaveEveryPh
         ::close(fd);
     }
     EXPECT_LE(stillOpen, PelmServer::Options{}.maxConnectionsPerAddress);
+}
+
+// TLS 1.2 only with forward secrecy and authenticated encryption: a client that offers nothing but CBC suites
+// (open to padding oracles) is refused, one that offers both gets the server's choice.
+TEST_F(ServerConnections, TlsTwelveTakesOnlyAuthenticatedEncryptionInTheServersOrder) {
+    const auto server = start({});
+    RawClient cbc(server->port(), *server->caFile(), "ECDHE-ECDSA-AES128-SHA:ECDHE-ECDSA-AES256-SHA384");
+    EXPECT_TRUE(cbc.closedBeforeHandshake());
+    RawClient both(server->port(), *server->caFile(),
+                   "ECDHE-ECDSA-AES128-SHA:ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-ECDSA-AES128-GCM-SHA256");
+    both.handshake();
+    EXPECT_STREQ(both.cipher(), "ECDHE-ECDSA-AES128-GCM-SHA256");
 }
 
 // Stopping closes idle connections at once and lets a request in flight be answered.
