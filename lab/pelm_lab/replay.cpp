@@ -191,14 +191,17 @@ class RecordingPass {
         return summary;
     }
     const OddTimes& early() const { return early_; }
+    const OddTimes& backwards() const { return backwards_; }
     std::string placeText(std::uint64_t place) const { return reader_->placeText(place); }
     ScannerList otherReceivers() const { return others_.list(); }
 
   private:
     void count(const ReadAdvertisement& read) {
         const auto at = read.heard.at;
-        if (summary_.advertisements++ == 0) summary_.first = at;
-        summary_.last = at;
+        if (summary_.advertisements++ == 0) summary_.first = summary_.last = at;
+        // A clock set back while recording: such times are played at the time already reached.
+        if (at < summary_.last) backwards_.add(at, read.place);
+        summary_.last = std::max(summary_.last, at);
         middle_.add(at);
         if (at < kYear2000) early_.add(at, read.place);
         devices_.add(read.heard.address);
@@ -210,7 +213,7 @@ class RecordingPass {
     RecordingSummary summary_;
     DistinctCount devices_;
     MedianTime middle_;
-    OddTimes early_;
+    OddTimes early_, backwards_;
     OtherReceivers others_;
 };
 
@@ -269,10 +272,11 @@ std::string dateText(Date at) {
     return text;
 }
 
-std::string oddTimesWarning(const OddTimes& odd, const RecordingPass& pass, const std::string& what) {
+std::string oddTimesWarning(const OddTimes& odd, const RecordingPass& pass, const std::string& what,
+                            const char* consequence = "the clock passes over such gaps in no time") {
     return std::to_string(odd.count) + (odd.count == 1 ? " advertisement is" : " advertisements are") +
            " dated " + what + ", the first at " + pass.placeText(odd.firstPlace) + " (" +
-           dateText(odd.firstAt) + "); the clock passes over such gaps in no time";
+           dateText(odd.firstAt) + "); " + consequence;
 }
 
 // The demo app, watching `uuid`, with an entry and an exit content for each of `beacons`, numbered on from
@@ -501,6 +505,10 @@ ReplayResult runReplay(const ReplayOptions& options,
     const auto ahead = lookAhead(*pass, !again);
     const auto summarise = [&] {
         result.summary = pass->summary();
+        if (pass->backwards().count > 0)
+            result.timeWarnings.insert(result.timeWarnings.begin(),
+                                       oddTimesWarning(pass->backwards(), *pass, "before one read earlier",
+                                                       "they are played at the time already reached"));
         if (pass->early().count > 0)
             result.timeWarnings.insert(result.timeWarnings.begin(),
                                        oddTimesWarning(pass->early(), *pass, "before 2000"));

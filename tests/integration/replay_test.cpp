@@ -195,6 +195,28 @@ TEST(Replay, TimesThatJumpCostNothingAndAreNamed) {
     EXPECT_THAT(result.timeWarnings[1], ::testing::HasSubstr("the first at line 122 (2223-"));
 }
 
+// A clock set back while recording: the summary spans the first time read to the latest, and one warning
+// names how many went back and where the first did.
+TEST(Replay, TimesThatRunBackwardsAreWarnedOfOnceAndTheLengthStaysTrue) {
+    const testing::TempFolder folder("pelm-replay-backwards");
+    const auto file = folder.path() / "backwards.jsonl";
+    constexpr std::int64_t k2023 = 1'680'000'000'000;
+    {
+        std::ofstream out(file);
+        for (int i = 0; i < 60; ++i) out << traceLine(k2023 + i * 1000, "beacon-a", 1);
+        for (int i = 0; i < 30; ++i) out << traceLine(k2023 - 300'000 + i * 1000, "beacon-a", 1);
+    }
+    ReplayOptions options;
+    options.recording = file;
+    const auto result = runReplay(options);
+    ASSERT_EQ(result.failure, "");
+    EXPECT_THAT(result.summary.line(), ::testing::EndsWith("over 00:59.0 of recording"));
+    EXPECT_THAT(
+        result.timeWarnings,
+        ::testing::ElementsAre("30 advertisements are dated before one read earlier, the first at line 61 "
+                               "(2023-03-28 10:35:00 UTC); they are played at the time already reached"));
+}
+
 // The file is read once, from start to end: a pipe plays as the same file does. The recording is longer
 // than what replay reads ahead to choose the UUID, and its second beacon is first heard past that, so its
 // contents must reach the embedded server while the replay runs.
