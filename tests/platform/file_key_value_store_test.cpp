@@ -107,8 +107,36 @@ TEST_F(FileKeyValueStoreTest, AWriterKilledMidStreamLeavesTheOldOrTheNewFile) {
         ASSERT_TRUE(token);
         EXPECT_TRUE(std::regex_match(*token, written)) << *token;
         EXPECT_EQ(token->rfind(prefix, 0), 0u) << *token;
+        // A temporary file the kill left holds the token; no one else may read it, and the next store of
+        // the file removes it.
+        const auto temporary = file_.string() + ".tmp";
+        if (fs::exists(temporary)) {
+            EXPECT_EQ(fs::status(temporary).permissions() & fs::perms::all,
+                      fs::perms::owner_read | fs::perms::owner_write);
+            FileKeyValueStore next(file_);
+            EXPECT_FALSE(fs::exists(temporary)) << "round " << round;
+        }
     }
     EXPECT_TRUE(log_->lines().empty());
+}
+
+// A value too large to be a setting is refused by name, and the file stays one that reads back.
+TEST_F(FileKeyValueStoreTest, AValueOverTheLimitIsRefusedAndEveryOtherSettingStaysReadable) {
+    FileKeyValueStore store(file_);
+    store.set("pelm.apptoken", "kept");
+    store.set("pelm.uuid", std::string(FileKeyValueStore::kMaxValueBytes + 1, 'x'));
+    ASSERT_EQ(log_->lines().size(), 1u);
+    EXPECT_EQ(log_->lines()[0], "[PELM][ERROR] Unable to store \"pelm.uuid\" in " + file_.string() +
+                                    ": the text is 8388609 bytes, more than the 8 MiB a setting may hold");
+    // A write that would make a file no read takes is refused (here the file holds 60 MiB already).
+    std::ofstream(file_) << "{\"pelm.apptoken\": \"kept\", \"other\": \"" << std::string(60 << 20, 'y')
+                         << "\"}";
+    store.set("pelm.uuid", std::string(FileKeyValueStore::kMaxValueBytes, 'x'));
+    EXPECT_EQ(store.get("pelm.apptoken"), "kept");
+    EXPECT_EQ(store.entries().size(), 2u);
+    EXPECT_NE(log_->lines().back().find("more than the 64 MiB it may be; it is left as it was"),
+              std::string::npos)
+        << log_->lines().back();
 }
 
 TEST_F(FileKeyValueStoreTest, EightThreadsLoseNoWrite) {

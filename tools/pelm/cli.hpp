@@ -39,6 +39,8 @@ std::optional<std::string> rememberCA(const Arguments& args, const std::string& 
 std::optional<std::string> tokenRefusal();
 /// The settings keys whose last write through installPlatform's store did not stick (the store logged why).
 std::vector<std::string> unstoredSettings();
+/// The keys written without a complaint of the store's that could not be read back (reading failed).
+std::vector<std::string> unconfirmedSettings();
 /// Runs the installed platform's loop until `done()` holds; false after `timeout`.
 bool runUntil(const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(60));

@@ -23,21 +23,39 @@ constexpr const char* kCAKey = "ca_file";
 
 // The library's store, with every write read back: a write the store could not make (a full disk, a
 // read-only folder) is logged by the store and leaves the old value, and the tool must not say "stored".
+// Writes the settings store refused, as its log lines tell ("Unable to store ...").
+std::atomic<int>& refusedWrites() {
+    static std::atomic<int> count{0};
+    return count;
+}
+
+// A write is taken as failed when the store says so. One it does not complain of is read back; a read that
+// fails for a moment is tried again, and a value still not read back is reported apart: it may well be on
+// the disk.
 class CheckedStore final : public platform::KeyValueStore {
   public:
     explicit CheckedStore(std::shared_ptr<platform::KeyValueStore> inner) : inner_(std::move(inner)) {}
     std::optional<std::string> get(std::string_view key) const override { return inner_->get(key); }
     void set(std::string_view key, std::string_view value) override {
+        const int before = refusedWrites().load();
         inner_->set(key, value);
-        if (inner_->get(key) != value) failed_.emplace_back(key);
+        check(key, before, [&] { return inner_->get(key) == value; });
     }
     void remove(std::string_view key) override {
+        const int before = refusedWrites().load();
         inner_->remove(key);
-        if (inner_->get(key)) failed_.emplace_back(key);
+        check(key, before, [&] { return !inner_->get(key); });
     }
-    std::vector<std::string> failed_;
+    std::vector<std::string> failed_, unconfirmed_;
 
   private:
+    void check(std::string_view key, int refusedBefore, const std::function<bool()>& readsBack) {
+        if (refusedWrites().load() != refusedBefore) return void(failed_.emplace_back(key));
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            if (readsBack()) return;
+        }
+        unconfirmed_.emplace_back(key);
+    }
     std::shared_ptr<platform::KeyValueStore> inner_;
 };
 
@@ -69,6 +87,9 @@ class HintingLog final : public platform::LogSink {
     explicit HintingLog(std::shared_ptr<platform::LogSink> inner) : inner_(std::move(inner)) {}
     void write(std::string_view line) override {
         if (inner_) inner_->write(line);
+        if (line.find("Unable to store ") != std::string_view::npos ||
+            line.find("Unable to remove ") != std::string_view::npos)
+            ++refusedWrites();
         if (line.find("SSL certificate problem") != std::string_view::npos && !hinted_.exchange(true)) {
             std::fprintf(
                 stderr,
@@ -122,6 +143,10 @@ std::shared_ptr<platform::Platform> installPlatform(const Arguments& args) {
 
 std::vector<std::string> unstoredSettings() {
     return checkedStore() ? checkedStore()->failed_ : std::vector<std::string>{};
+}
+
+std::vector<std::string> unconfirmedSettings() {
+    return checkedStore() ? checkedStore()->unconfirmed_ : std::vector<std::string>{};
 }
 
 std::optional<std::string> tokenRefusal() {

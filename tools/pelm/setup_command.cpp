@@ -51,6 +51,14 @@ int setupCommand(const Arguments& args) {
         printSettings(*SettingsManager::sharedInstance(), args);
         return 1;
     }
+    if (const auto unconfirmed = unconfirmedSettings(); !unconfirmed.empty()) {
+        std::string keys;
+        for (const auto& key : unconfirmed) keys += (keys.empty() ? "" : ", ") + key;
+        std::fprintf(stderr,
+                     "pelm setup: warning: the settings were written without an error, but reading them back "
+                     "failed (%s); `pelm settings` shows what is stored\n",
+                     keys.c_str());
+    }
     if (*outcome) {
         std::printf("Configuration fetched and stored.\n");
     } else {

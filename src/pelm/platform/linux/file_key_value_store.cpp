@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -57,8 +58,15 @@ std::string suffixed(const std::filesystem::path& file, const char* suffix) {
 
 }  // namespace
 
+// A temporary file is there between a writer's open and its rename; one found while no writer holds the
+// lock was left by a process that died writing, and may hold the token.
 FileKeyValueStore::FileKeyValueStore(std::filesystem::path file, FileCalls calls)
-    : file_(std::move(file)), calls_(std::move(calls)) {}
+    : file_(std::move(file)), calls_(std::move(calls)) {
+    const auto temporary = suffixed(file_, ".tmp");
+    if (::access(temporary.c_str(), F_OK) != 0) return;
+    FileDescriptor lockFile(::open(suffixed(file_, ".lock").c_str(), O_RDWR | O_CLOEXEC));
+    if (lockFile.valid() && ::flock(lockFile.get(), LOCK_EX | LOCK_NB) == 0) ::unlink(temporary.c_str());
+}
 
 ordered_json FileKeyValueStore::load() const {
     const auto read = readBoundedFile(file_, kMaxJSONFileBytes, calls_);
@@ -100,6 +108,11 @@ void FileKeyValueStore::set(std::string_view key, std::string_view value) {
     // such a text is not stored at all.
     if (!isValidUTF8(key) || !isValidUTF8(value)) {
         return report("store", key, "the text is not valid UTF-8");
+    }
+    if (value.size() > kMaxValueBytes) {
+        return report("store", key,
+                      "the text is " + std::to_string(value.size()) + " bytes, more than the " +
+                          std::to_string(kMaxValueBytes >> 20) + " MiB a setting may hold");
     }
     update("store", key, [&](ordered_json& contents) { contents[std::string(key)] = std::string(value); });
 }
@@ -171,12 +184,18 @@ std::string FileKeyValueStore::setAside() const {
 }
 
 std::string FileKeyValueStore::replaceFile(const ordered_json& contents) const {
+    const auto text = jsonText(contents, 2) + "\n";
+    // Written, a file no read could take would lose every setting in it.
+    if (text.size() > kMaxJSONFileBytes)
+        return "the file would be " + std::to_string(text.size()) + " bytes, more than the " +
+               std::to_string(kMaxJSONFileBytes >> 20) + " MiB it may be; it is left as it was";
     const auto temporary = suffixed(file_, ".tmp");
     std::string failure;
     {
         FileDescriptor out(calls_.open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         if (!out.valid()) return errnoText(("cannot create " + temporary).c_str());
-        failure = writeAll(calls_, out.get(), jsonText(contents, 2) + "\n");
+        ::fchmod(out.get(), 0600);  // one left by an older version may have been readable by others
+        failure = writeAll(calls_, out.get(), text);
         if (failure.empty() && calls_.fsync(out.get()) != 0) failure = errnoText("cannot flush");
     }
     if (failure.empty() && calls_.rename(temporary.c_str(), file_.c_str(), true) != 0)

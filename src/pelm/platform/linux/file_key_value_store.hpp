@@ -24,9 +24,14 @@ namespace pelm::platform {
 /// 64 MiB) reads as empty, said once in the log, and is never touched: a write while it cannot be read is
 /// refused and logged, so a passing EIO or EMFILE cannot cost the stored token. Only a file read whole that
 /// is not a JSON object is set aside, by the next write, to FILE.corrupt-<UTC time>, never over an earlier
-/// one, said in one log line.
+/// one, said in one log line. A value over kMaxValueBytes, or one that would make the file larger than can be
+/// read back, is refused with a log line: the file stays readable. A temporary file left by a process killed
+/// while writing (readable by its owner only) is removed when the next store of the file is made.
 class FileKeyValueStore final : public KeyValueStore {
   public:
+    /// The most a setting may hold: far above any token, host or key, far below what reading allows.
+    static constexpr std::size_t kMaxValueBytes = std::size_t{8} << 20;
+
     explicit FileKeyValueStore(std::filesystem::path file, FileCalls calls = FileCalls::system());
 
     std::optional<std::string> get(std::string_view key) const override;
