@@ -183,29 +183,24 @@ net::awaitable<void> slowloris(Run& run) {
     }
 }
 
-// Connections that send nothing, from another loopback address (127.0.0.2), as many as the attackers: a
-// client that would hold every slot of the server. One the server closes is opened again.
+// A connection that sends nothing, from another loopback address (127.0.0.2), held to the end: a client that
+// would hold every slot of the server. One the server closes is counted, not opened again (that would be a
+// flood of new connections, another attack).
 net::awaitable<void> silent(Run& run) {
     const auto executor = co_await net::this_coro::executor;
-    const tcp::endpoint from(net::ip::make_address("127.0.0.2"), 0);
-    while (Clock::now() < run.end) {
-        try {
-            tcp::socket socket(executor);
-            socket.open(tcp::v4());
-            socket.bind(from);
-            co_await socket.async_connect(*run.endpoints.begin(), net::use_awaitable);
-            ++run.attackConnections;
-            char byte = 0;
-            beast::tcp_stream stream(std::move(socket));
-            stream.expires_at(run.end);
-            co_await stream.async_read_some(net::buffer(&byte, 1), net::use_awaitable);
-        } catch (const std::exception&) {
-        }
-        if (Clock::now() < run.end) {
-            ++run.attackRefusals;  // the server closed it
-            co_await pause(std::chrono::milliseconds(100));
-        }
+    try {
+        tcp::socket socket(executor);
+        socket.open(tcp::v4());
+        socket.bind(tcp::endpoint(net::ip::make_address("127.0.0.2"), 0));
+        co_await socket.async_connect(*run.endpoints.begin(), net::use_awaitable);
+        ++run.attackConnections;
+        char byte = 0;
+        beast::tcp_stream stream(std::move(socket));
+        stream.expires_at(run.end);
+        co_await stream.async_read_some(net::buffer(&byte, 1), net::use_awaitable);
+    } catch (const std::exception&) {
     }
+    if (Clock::now() < run.end) ++run.attackRefusals;  // the server closed it
 }
 
 // A request whose body or head is far beyond any limit, sent again as soon as it is refused.

@@ -56,7 +56,11 @@ void Connection::start() {
     });
     tcp_.socket().async_wait(net::socket_base::wait_read,
                              [self = shared_from_this()](beast::error_code error) {
-                                 if (error || self->closed_) return self->closeSocket();
+                                 // Readable with nothing to read is the client leaving: no TLS state is
+                                 // made for it.
+                                 beast::error_code unread;
+                                 if (error || self->closed_ || self->tcp_.socket().available(unread) == 0)
+                                     return self->closeSocket();
                                  self->delay_.cancel();
                                  self->handshake();
                              });

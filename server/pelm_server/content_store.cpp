@@ -139,7 +139,8 @@ void ContentStore::seed(const JSON& data) {
         // Two contents under one id would leave one of them unserved, whichever app each belongs to.
         if (const auto [earlier, added] = entryOfId.emplace(id->get<std::int64_t>(), i); !added) {
             throw std::invalid_argument(where + ".content.id: " + std::to_string(earlier->first) +
-                                        " is already the id of contents[" + std::to_string(earlier->second) + "]");
+                                        " is already the id of contents[" + std::to_string(earlier->second) +
+                                        "]");
         }
         const auto type = requireText(entry, "display_type", where);
         if (type != "entry" && type != "exit") {

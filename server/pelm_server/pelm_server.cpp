@@ -275,11 +275,13 @@ void PelmServer::ended(const void* connection) {
     returnMemoryOfClosedConnections();
 }
 
-// The allocator keeps what thousands of closed connections held (their TLS buffers) for the process. Once
-// most of a crowd has gone, that memory is given back to the system, off the event loop.
+// The allocator keeps what closed connections held (their TLS buffers) for the process. After every thousand
+// closed since the last time, and when the last of a hundred or more has closed, that memory is given back to
+// the system, off the event loop.
 void PelmServer::returnMemoryOfClosedConnections() {
-    constexpr std::size_t kCrowd = 1000;
-    if (mostOpenSinceTrim_ < open_.size() + kCrowd || open_.size() > mostOpenSinceTrim_ / 2) return;
+    constexpr std::size_t kMany = 1000, kSome = 100;
+    const auto closed = mostOpenSinceTrim_ - std::min(mostOpenSinceTrim_, open_.size());
+    if (closed < kMany && !(open_.empty() && closed >= kSome)) return;
     mostOpenSinceTrim_ = open_.size();
     if (loop_) net::post(loop_->store, [] { malloc_trim(0); });
 }
