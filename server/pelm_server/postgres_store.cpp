@@ -285,12 +285,39 @@ pg_conn* PostgresStore::connect() const {
     return connection;
 }
 
+// A pooled connection may have been cut while it waited (the database restarted, its backend killed): a call
+// that finds its connection broken is made once more on a new one, and the pool's other idle connections,
+// most likely cut by the same cause, are let go. Each call here may be made twice: an upload is known by its
+// digest. A statement that timed out is not made again: the database did not answer.
+template <class Call>
+auto PostgresStore::withConnection(Call&& call) const -> decltype(call(nullptr)) {
+    for (int attempt = 0;; ++attempt) {
+        Lease lease(*this);
+        try {
+            return call(lease.get());
+        } catch (const StoreError&) {
+            if (attempt > 0 || PQstatus(lease.get()) != CONNECTION_BAD) throw;
+        }
+        dropIdleConnections();
+    }
+}
+
+void PostgresStore::dropIdleConnections() const {
+    std::vector<pg_conn*> idle;
+    {
+        std::lock_guard lock(poolMutex_);
+        idle.swap(idle_);
+    }
+    for (auto* connection : idle) PQfinish(connection);
+}
+
 std::optional<std::string> PostgresStore::firstText(const char* sql,
                                                     const std::vector<Text>& parameters) const {
-    Lease lease(*this);
-    const Result result(lease.get(), sql, parameters);
-    if (result.rows() == 0) return std::nullopt;
-    return result.text(0, 0);
+    return withConnection([&](pg_conn* connection) -> std::optional<std::string> {
+        const Result result(connection, sql, parameters);
+        if (result.rows() == 0) return std::nullopt;
+        return result.text(0, 0);
+    });
 }
 
 void PostgresStore::writeSeed(const std::vector<App>& apps, const std::vector<Content>& contents) {
@@ -356,16 +383,18 @@ std::int64_t PostgresStore::writeUpload(const Upload& upload) {
         }
         lines.push_back(std::move(entry));
     }
-    Lease lease(*this);
-    const Result stored(lease.get(), kInsertUpload,
-                        {upload.token, upload.user, upload.appVersion, upload.sdkVersion,
-                         upload.operatingSystem, upload.startTime, upload.endTime, upload.beaconUuid,
-                         upload.beaconMajor, upload.beaconMinor, upload.digest, jsonText(lines)});
-    if (stored.rows() == 1) return stored.integer(0, 0);
-    // Sent before, perhaps to another server: the first one stands.
-    const Result earlier(lease.get(), "SELECT id FROM sessions WHERE digest = $1", {upload.digest});
-    if (earlier.rows() != 1) throw StoreError("postgresql: an upload was neither stored nor found");
-    return earlier.integer(0, 0);
+    const auto linesText = jsonText(lines);
+    return withConnection([&](pg_conn* connection) {
+        const Result stored(connection, kInsertUpload,
+                            {upload.token, upload.user, upload.appVersion, upload.sdkVersion,
+                             upload.operatingSystem, upload.startTime, upload.endTime, upload.beaconUuid,
+                             upload.beaconMajor, upload.beaconMinor, upload.digest, linesText});
+        if (stored.rows() == 1) return stored.integer(0, 0);
+        // Sent before, perhaps to another server: the first one stands.
+        const Result earlier(connection, "SELECT id FROM sessions WHERE digest = $1", {upload.digest});
+        if (earlier.rows() != 1) throw StoreError("postgresql: an upload was neither stored nor found");
+        return earlier.integer(0, 0);
+    });
 }
 
 JSON PostgresStore::sessions() const {

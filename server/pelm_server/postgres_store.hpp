@@ -38,6 +38,9 @@ class PostgresStore final : public ContentStore {
     std::int64_t writeUpload(const Upload& upload) override;
 
     std::optional<std::string> firstText(const char* sql, const std::vector<Text>& parameters) const;
+    template <class Call>
+    auto withConnection(Call&& call) const -> decltype(call(nullptr));
+    void dropIdleConnections() const;
     pg_conn* connect() const;
 
     std::string address_;
