@@ -90,7 +90,9 @@ int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, c
     // listens there is nothing to finish: a stop then ends the process at once, even while a database keeps
     // it waiting.
     auto& stop = StopSignals::watch();
-    const std::string stoppedWhileStarting = style.program + ": stopped while starting; nothing was served";
+    // Kept for the process's life: the watcher may read it at any moment, also after a failed start.
+    static std::string stoppedWhileStarting;
+    stoppedWhileStarting = style.program + ": stopped while starting; nothing was served";
     stop.exitAtOnce(stoppedWhileStarting.c_str());
     PelmServer server(options);
     if (seed) server.store().seed(*seed);
