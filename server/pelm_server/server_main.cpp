@@ -104,7 +104,7 @@ int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, c
     if (const auto ca = server.caFile()) {
         std::printf(
             "%s; clients trust it with --ca %s\n",
-            server.madeAuthority() ? "made a throwaway certificate" : "its throwaway certificate as before",
+            server.madeAuthority() ? "made a throwaway certificate" : "kept its throwaway certificate",
             ca->c_str());
         if (const auto hint = lanNameHint(options.bindAddress, options.names))
             std::printf("%s\n", hint->c_str());
