@@ -1,8 +1,14 @@
 // A PostgreSQL server that stops answering (SIGSTOP: a stalled disk or a cut network looks the same to
 // pelm-server) while phones look up content and upload visits, then answers again.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
 
 #include <filesystem>
 #include <fstream>
@@ -157,6 +163,46 @@ TEST(HungDatabase, UploadsGet503LookupsComeFromTheCacheAStopTakesUnderThreeSecon
         ++timesStored[session["session_user"].get<std::string>()];
     EXPECT_EQ(timesStored.size(), 25u);
     for (const auto& [user, times] : timesStored) EXPECT_EQ(times, 1) << user;
+}
+
+// A database that takes the connection and never answers keeps the start waiting; a stop ends it there at
+// once rather than when the connection gives up.
+TEST(HungDatabase, AStopWhileTheServerWaitsForItsDatabaseEndsItAtOnce) {
+    const TempFolder folder("pelm-silent-database");
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const auto socketFile = (folder.path() / ".s.PGSQL.5432").string();
+    std::strncpy(address.sun_path, socketFile.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 16), 0);  // connections wait in the queue, never accepted, never answered
+
+    const std::string database = "postgresql:///x?host=" + folder.path().string() + "&user=nobody";
+    const auto log = folder.path() / "server.log";
+    const pid_t server = ::fork();
+    ASSERT_GE(server, 0);
+    if (server == 0) {
+        const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(out, STDERR_FILENO);
+        ::execl(PELM_SERVER, PELM_SERVER, "--db", database.c_str(), nullptr);
+        ::_exit(127);
+    }
+    std::this_thread::sleep_for(500ms);  // well inside the 3 s the connection may take
+    ::kill(server, SIGTERM);
+    const auto sent = std::chrono::steady_clock::now();
+    int status = 0;
+    while (::waitpid(server, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() - sent < 2s)
+        std::this_thread::sleep_for(10ms);
+    const bool ended = std::chrono::steady_clock::now() - sent < 2s;
+    if (!ended) ::kill(server, SIGKILL), ::waitpid(server, &status, 0);
+    ::close(listener);
+    std::ifstream said(log);
+    const std::string text((std::istreambuf_iterator<char>(said)), {});
+    ASSERT_TRUE(ended) << "pelm-server still ran 2 s after SIGTERM: " << text;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGTERM) << status;
+    EXPECT_NE(text.find("pelm-server: stopped while starting; nothing was served"), std::string::npos)
+        << text;
 }
 
 }  // namespace
