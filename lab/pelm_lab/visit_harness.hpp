@@ -66,8 +66,8 @@ struct ServerChoice {
 /// whose delegate records what the host app receives. The platform is installed for the harness's life.
 class VisitHarness {
   public:
-    /// Each event goes to `onEvent` as it happens; the events are also kept for events() when `keepEvents`,
-    /// which a long run pays for in memory.
+    /// Each event goes to `onEvent` as it happens; the events are also kept for takeEvents() when
+    /// `keepEvents`, which a long run pays for in memory.
     VisitHarness(const ServerChoice& server, Date start, std::function<void(const TimelineEvent&)> onEvent,
                  bool keepEvents = true);
     ~VisitHarness();

@@ -159,8 +159,9 @@ void ContentStore::seed(const JSON& data) {
 
 template <class Call>
 auto ContentStore::throughOutage(Call&& call) const -> decltype(call()) {
-    const bool probe = failing_.load() && !probing_.exchange(true);
-    if (failing_.load() && !probe) {
+    const bool failing = failing_.load();
+    const bool probe = failing && !probing_.exchange(true);
+    if (failing && !probe) {
         std::lock_guard lock(outageMutex_);
         throw StoreError(lastError_);
     }

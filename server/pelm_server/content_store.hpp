@@ -60,7 +60,8 @@ class ContentStore {
 
     /// Loads {"apps": [{"app_token", "app_config"}], "contents": [{"app_token", "beacon", "display_type",
     /// "content"}]}; entries with the same token or content id as an earlier seed's replace them. Throws
-    /// std::invalid_argument naming the entry that is wrong, two contents of this seed with one id among them.
+    /// std::invalid_argument naming the entry that is wrong, two contents of this seed with one id among
+    /// them.
     void seed(const JSON& data);
 
     std::optional<JSON> appConfig(const std::string& token) const;

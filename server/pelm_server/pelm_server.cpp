@@ -306,24 +306,23 @@ void PelmServer::closeConnections(bool gracefully) {
 }
 
 void PelmServer::stop() {
-    if (beginStop() || state_ == State::Stopping) {
-        waitForStoreCalls(std::chrono::milliseconds::max());
-        finishStop();
-    }
+    stopWithin(std::chrono::milliseconds::max());
 }
 
 bool PelmServer::stopWithin(std::chrono::milliseconds most) {
-    if (!beginStop() && state_ != State::Stopping) return true;
+    if (!beginStop()) return true;
     if (!waitForStoreCalls(most)) return false;
     finishStop();
     return true;
 }
 
 // Stops accepting, answers what waits on the store, lets the requests in flight be answered for up to a
-// second and closes whatever is left. False when the server was not running.
+// second and closes whatever is left. False when there is nothing to stop: never started, or stopped. A
+// stop that gave up on the store's calls is under way still: true, with nothing more to do here.
 bool PelmServer::beginStop() {
     {
         std::lock_guard lock(connectionsMutex_);
+        if (state_ == State::Stopping) return true;
         if (state_ != State::Running) return false;
         state_ = State::Stopping;
         accepting_ = false;
@@ -363,14 +362,17 @@ bool PelmServer::waitForStoreCalls(std::chrono::milliseconds most) {
 }
 
 void PelmServer::finishStop() {
+    {
+        std::lock_guard lock(connectionsMutex_);
+        if (state_ == State::Stopped) return;  // another stop has finished it
+        state_ = State::Stopped;
+    }
     loop_->store.join();
     loop_->work.reset();
     loop_->io.stop();
     for (auto& thread : loop_->threads) thread.join();
     loop_.reset();  // and with it every connection still waiting on the loop
     log_.flush();
-    std::lock_guard lock(connectionsMutex_);
-    state_ = State::Stopped;
 }
 
 void PelmServer::handle(Request request, int remotePort, std::function<void(Reply)> done) {

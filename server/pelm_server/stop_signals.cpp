@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
@@ -89,12 +90,6 @@ void StopSignals::run() {
 
 bool StopSignals::requested() const {
     return state().received.load(std::memory_order_relaxed) != 0;
-}
-
-bool StopSignals::waitFor(std::chrono::milliseconds most) const {
-    auto& shared = state();
-    std::unique_lock lock(shared.mutex);
-    return shared.arrived.wait_for(lock, most, [&] { return shared.received.load() != 0; });
 }
 
 int StopSignals::wait() const {

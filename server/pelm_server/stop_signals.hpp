@@ -1,7 +1,5 @@
 #pragma once
 
-#include <chrono>
-
 namespace pelm::server {
 
 /// SIGINT and SIGTERM for a program that stops cleanly. The first is taken by a thread of its own, which
@@ -18,8 +16,6 @@ class StopSignals {
 
     /// True once a stop signal has arrived; it stays true. An atomic read: cheap enough for every loop turn.
     bool requested() const;
-    /// Waits until a stop signal arrives or `most` has passed; true when one arrived.
-    bool waitFor(std::chrono::milliseconds most) const;
     /// Waits for a stop signal; its number.
     int wait() const;
     /// 128 + the signal's number, as a shell reports a program that the signal ended; 0 before one came.
