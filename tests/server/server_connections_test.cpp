@@ -186,7 +186,7 @@ TEST_F(ServerConnections, AtTheLimitANewConnectionTakesTheSlotOfTheOldestSilentO
 
 // One client opens more connections than the server takes and sends nothing on any; phones from another
 // address, each opening a new connection for every request, are all answered.
-TEST_F(ServerConnections, TenThousandSilentConnectionsFromOneAddressLeaveEveryPhoneServed) {
+TEST_F(ServerConnections, TenThousandSilentConnectionsFromOneAddressLeaveThePhonesServed) {
     // Both ends of every connection are in this process: the silent ones and the (at most 1,000) the server
     // keeps of them, besides the phones'.
     rlimit descriptors{};
