@@ -31,9 +31,9 @@ trace() { # ADS SENDERS START_MS STEP_MS
       else printf "{\"t\":%.0f,\"address\":\"phone-%d\",\"rssi\":-80,\"data\":\"0201061AFF4C0010\"}\n", t, i % senders
     } }'
 }
-# measure FILE: "seconds peak-KiB"
+# measure FILE [ARGS...]: "seconds peak-KiB"
 measure() {
-  /usr/bin/time -f "%e %M" -o "$work/time.txt" "$pelm" replay "$1" >/dev/null 2>&1
+  /usr/bin/time -f "%e %M" -o "$work/time.txt" "$pelm" replay "$@" >/dev/null 2>&1
   cat "$work/time.txt"
 }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
@@ -50,7 +50,7 @@ printf '%-44s %8s s %9s KiB peak\n' "$ads ads from 100 senders (baseline)" "$few
 echo "  ratio: time $(ratio "$crowd_s" "$few_s"), memory $(ratio "$crowd_kb" "$few_kb")"
 
 echo
-echo "Memory of a replay whatever the recording (the bound: 64 MiB):"
+echo "Memory of a replay whatever the recording, with --report and without (the bound: 64 MiB):"
 awk -v kind=minute -f "$root/bench/bounded_recordings.awk" >"$work/minute.jsonl"
 read -r minute_s minute_kb < <(measure "$work/minute.jsonl")
 printf '%-48s %8s s %9s KiB peak\n' "a minute of three beacons (baseline)" "$minute_s" "$minute_kb"
@@ -61,9 +61,12 @@ for case in "day 0 24 h of three beacons" "phones 1000000 1 M passing phones as 
   read -r kind count label <<<"$case"
   awk -v kind="$kind" -v n="$count" -f "$root/bench/bounded_recordings.awk" >"$work/$kind.jsonl"
   read -r seconds kb < <(measure "$work/$kind.jsonl")
+  read -r report_s report_kb < <(measure "$work/$kind.jsonl" --report "$work/report.html")
   rm "$work/$kind.jsonl"
   printf '%-48s %8s s %9s KiB peak, %s MiB; ratio to the minute %s\n' "$label" "$seconds" "$kb" \
     "$((kb / 1024))" "$(ratio "$kb" "$minute_kb")"
+  printf '%-48s %8s s %9s KiB peak, %s MiB; a page of %s KiB\n' "  the same with --report" "$report_s" \
+    "$report_kb" "$((report_kb / 1024))" "$(($(stat -c %s "$work/report.html") / 1024))"
 done
 
 # 100 000 advertisements over 10 000 s, then one 200 years later; the baseline ends before the jump.

@@ -103,6 +103,14 @@ std::string markShape(const std::string& mark, double x, double y) {
            " " + num(y + 3.5) + " l7 -7'/></g>";
 }
 
+// A number counted up to kMostCounted things: "10000 or more" once it got there.
+std::string counted(std::size_t number, std::size_t countedPart) {
+    return std::to_string(number) + (countedPart >= kMostCounted ? " or more" : "");
+}
+std::string counted(std::size_t number) {
+    return counted(number, number);
+}
+
 // Ticks on the time axis: the first step that needs at most a dozen.
 double tickStep(double seconds) {
     for (const double step : {5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0}) {
@@ -207,7 +215,11 @@ void TimelineDrawing::label(const BeaconRow& row, double top) {
         if (const auto* device = picture_.device(id); device && device->lowBattery()) lowBattery = true;
     }
     // The label column holds about thirty characters; several senders of one identity are counted instead.
-    if (devices.size() > 30) devices = std::to_string(row.devices.size()) + " devices";
+    if (row.moreDevices) {
+        devices = "more than " + std::to_string(row.devices.size()) + " devices";
+    } else if (devices.size() > 30) {
+        devices = std::to_string(row.devices.size()) + " devices";
+    }
     out_ << "<text class='device' x='6' y='" << num(top + 40) << "'>" << escape(devices) << "</text>";
     if (lowBattery)
         out_ << "<text class='low-battery' x='6' y='" << num(top + 56) << "'>⚠ battery low</text>";
@@ -301,9 +313,10 @@ std::string summary(const ReportHeader& header, const VisitPicture& picture, con
     } else {
         out << "the store's region was never entered";
     }
-    out << "</dd><dt>Beacons met</dt><dd>" << picture.beaconsMet() << " of " << picture.beacons.size()
-        << " heard";
-    if (picture.otherBeacons) out << " (and " << picture.otherBeacons << " of other apps)";
+    out << "</dd><dt>Beacons met</dt><dd>" << picture.beaconsMet() << " of "
+        << counted(picture.beacons.size() + picture.beaconsNotDrawn, picture.beaconsNotDrawn) << " heard";
+    if (picture.beaconsNotDrawn) out << "; the first " << picture.beacons.size() << " are drawn";
+    if (picture.otherBeacons) out << " (and " << counted(picture.otherBeacons) << " of other apps)";
     out << "</dd><dt>Contents handed over</dt><dd>";
     if (picture.contents.empty()) out << "none";
     for (std::size_t i = 0; i < picture.contents.size(); ++i) {
@@ -334,24 +347,9 @@ std::string devicesTable(const VisitPicture& picture) {
             << device.transmissionPower << "</td><td>" << device.weakest << " to " << device.strongest
             << " dBm</td><td>" << clock(device.firstSeen) << " to " << clock(device.lastSeen) << "</td></tr>";
     }
+    if (picture.devicesNotShown)
+        out << "<tr><td colspan='6'>and " << counted(picture.devicesNotShown) << " more</td></tr>";
     return out.str() + "</table>";
-}
-
-std::string eventsTable(const std::vector<TimelineEvent>& events) {
-    std::ostringstream out;
-    out << "<details><summary>What the host app was told</summary><table class='events'>";
-    for (const auto& event : events) {
-        // The status lines tell of regions and uploads; of the library's events, content and hold-backs add
-        // which beacon they concern.
-        const bool content = event.as<events::ContentHandedOn>() != nullptr;
-        const bool heldBack = event.as<events::ContentHeldBack>() != nullptr;
-        if (event.kind == TimelineEvent::Kind::Heard) continue;
-        if (event.kind == TimelineEvent::Kind::Visit && !content && !heldBack) continue;
-        const char* kind = content ? "content" : heldBack ? "held-back" : event.critical ? "critical" : "";
-        out << "<tr class='" << kind << "'><td>" << clockText(event.at) << "</td><td>" << escape(event.text)
-            << "</td></tr>";
-    }
-    return out.str() + "</table></details>";
 }
 
 constexpr const char* kStyle = R"(
@@ -399,14 +397,14 @@ constexpr const char* kScript = R"(
 namespace {
 
 // One run: its summary, the beacons' rows, the devices, the events and what the server stored.
-std::string runBody(const ReportHeader& header, const std::vector<TimelineEvent>& events,
-                    std::chrono::milliseconds length, const JSON& storedVisits, const char* heading) {
-    const auto picture = pictureOf(events, length);
+std::string runBody(const ReportHeader& header, const RunReport& run, std::chrono::milliseconds length,
+                    const JSON& storedVisits, const char* heading) {
+    const auto picture = run.picture(length);
     TimelineDrawing drawing(picture);
     const auto timeline = drawing.svg();
     std::ostringstream body;
     body << summary(header, picture, storedVisits) << "<" << heading << ">Beacons</" << heading << ">"
-         << legend(drawing.marks()) << timeline << devicesTable(picture) << eventsTable(events);
+         << legend(drawing.marks()) << timeline << devicesTable(picture) << run.table();
     if (storedVisits.is_array() && !storedVisits.empty()) {
         body << "<details><summary>The visit as the server stored it</summary><pre>"
              << escape(jsonText(storedVisits, 2)) << "</pre></details>";
@@ -427,23 +425,67 @@ std::string timeOfDay(Date at) {
     return description.size() >= 19 ? description.substr(11, 8) : description;
 }
 
-// The room's visits as clock times, each as the library uploaded it.
-std::string visitTimes(const RoomRun& room) {
-    std::string text;
-    for (const auto& event : room.timeline) {
-        const auto* upload = event.as<events::VisitUploaded>();
-        if (!upload || !upload->session.startTime || !upload->session.endTime) continue;
-        text += (text.empty() ? "" : ", ") + timeOfDay(*upload->session.startTime) + "\u2013" +
-                timeOfDay(*upload->session.endTime) + (upload->stored ? "" : " (not stored)");
+}  // namespace
+
+void RunReport::add(const TimelineEvent& event) {
+    picture_.add(event);
+    if (const auto* upload = event.as<events::VisitUploaded>();
+        upload && upload->session.startTime && upload->session.endTime) {
+        visits_.push_back(timeOfDay(*upload->session.startTime) + "\u2013" +
+                          timeOfDay(*upload->session.endTime) + (upload->stored ? "" : " (not stored)"));
     }
+    // The status lines tell of regions and uploads; of the library's events, content and hold-backs add
+    // which beacon they concern.
+    const bool content = event.as<events::ContentHandedOn>() != nullptr;
+    const bool heldBack = event.as<events::ContentHeldBack>() != nullptr;
+    if (event.kind == TimelineEvent::Kind::Heard) return;
+    if (event.kind == TimelineEvent::Kind::Visit && !content && !heldBack) return;
+    Row row{event.at, event.text,
+            content          ? "content"
+            : heldBack       ? "held-back"
+            : event.critical ? "critical"
+                             : ""};
+    if (first_.size() < kTableRows) {
+        first_.push_back(std::move(row));
+        return;
+    }
+    last_.push_back(std::move(row));
+    if (last_.size() > kTableRows) {
+        last_.pop_front();
+        ++leftOut_;
+    }
+}
+
+std::string RunReport::table() const {
+    std::ostringstream out;
+    out << "<details><summary>What the host app was told</summary><table class='events'>";
+    const auto write = [&](const Row& row) {
+        out << "<tr class='" << row.kind << "'><td>" << clockText(row.at) << "</td><td>" << escape(row.text)
+            << "</td></tr>";
+    };
+    for (const auto& row : first_) write(row);
+    if (leftOut_ > 0)
+        out << "<tr class='left-out'><td></td><td>\u2026 " << leftOut_ << " more lines \u2026</td></tr>";
+    for (const auto& row : last_) write(row);
+    return out.str() + "</table></details>";
+}
+
+std::string RunReport::visitTimes() const {
+    std::string text;
+    for (const auto& visit : visits_) text += (text.empty() ? "" : ", ") + visit;
     return text.empty() ? "none" : text + " UTC";
 }
 
-}  // namespace
+std::string htmlReport(const ReportHeader& header, const RunReport& run, std::chrono::milliseconds length,
+                       const JSON& storedVisits) {
+    return page(header.store, header.source, runBody(header, run, length, storedVisits, "h2"));
+}
 
 std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
                        std::chrono::milliseconds length, const JSON& storedVisits) {
-    return page(header.store, header.source, runBody(header, events, length, storedVisits, "h2"));
+    RunReport run;
+    for (const auto& event : events) run.add(event);
+    return htmlReport(header, run, length, storedVisits);
 }
 
 std::string htmlRoomsReport(const std::string& recording, const std::string& source,
@@ -453,7 +495,7 @@ std::string htmlRoomsReport(const std::string& recording, const std::string& sou
             "<th>visits</th></tr>";
     for (std::size_t i = 0; i < rooms.size(); ++i) {
         body << "<tr><td><a href='#room-" << i + 1 << "'>" << escape(rooms[i].name) << "</a></td><td>"
-             << escape(rooms[i].heard) << "</td><td class='visits'>" << escape(visitTimes(rooms[i]))
+             << escape(rooms[i].heard) << "</td><td class='visits'>" << escape(rooms[i].run.visitTimes())
              << "</td></tr>";
     }
     body << "</table></section>";
@@ -461,9 +503,8 @@ std::string htmlRoomsReport(const std::string& recording, const std::string& sou
         const auto& room = rooms[i];
         const ReportHeader header{room.name + " \u2014 " + recording, room.heard, room.start};
         body << "<section class='room' id='room-" << i + 1 << "' data-room='" << escape(room.name) << "'><h2>"
-             << escape(header.store) << "</h2><p class='visits'>Visits: " << escape(visitTimes(room))
-             << "</p>" << runBody(header, room.timeline, room.length, room.storedVisits, "h3")
-             << "</section>";
+             << escape(header.store) << "</h2><p class='visits'>Visits: " << escape(room.run.visitTimes())
+             << "</p>" << runBody(header, room.run, room.length, room.storedVisits, "h3") << "</section>";
     }
     return page(recording, source, body.str());
 }

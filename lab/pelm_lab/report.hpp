@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include <pelm/model/json_binding.hpp>
 
 #include "pelm_lab/visit_harness.hpp"
+#include "pelm_lab/visit_picture.hpp"
 
 namespace pelm::lab {
 
@@ -21,10 +23,40 @@ struct ReportHeader {
     Date start{};
 };
 
+/// What a report keeps of a run, taken event by event as the run goes: the picture (bounded whatever the
+/// run's length), the first and last kTableRows lines of what the host app was told, and the visits
+/// uploaded. A day's replay keeps a few megabytes.
+class RunReport {
+  public:
+    static constexpr std::size_t kTableRows = 500;
+
+    void add(const TimelineEvent& event);
+    VisitPicture picture(std::chrono::milliseconds length) const { return picture_.picture(length); }
+    /// The events table.
+    std::string table() const;
+    /// The visits uploaded, as clock times: "09:03:50–09:10:00 UTC", or "none".
+    std::string visitTimes() const;
+
+  private:
+    struct Row {
+        std::chrono::milliseconds at;
+        std::string text;
+        const char* kind;
+    };
+
+    PictureBuilder picture_;
+    std::vector<Row> first_;
+    std::deque<Row> last_;
+    std::size_t leftOut_ = 0;
+    std::vector<std::string> visits_;
+};
+
 /// A self-contained HTML page read off the same events as --events: a summary of the visit, one row per
 /// beacon (when the radio heard it, its signal in dBm, the entries, exits, content and hold-backs the host
 /// app was told of), the devices discovery reported with low batteries flagged, and the timeline as a table.
-/// The signal is thinned, so a page of a two-hour recording stays small.
+/// The signal is thinned, so a page of a day's recording stays small.
+std::string htmlReport(const ReportHeader& header, const RunReport& run, std::chrono::milliseconds length,
+                       const JSON& storedVisits);
 std::string htmlReport(const ReportHeader& header, const std::vector<TimelineEvent>& events,
                        std::chrono::milliseconds length, const JSON& storedVisits);
 
@@ -35,7 +67,7 @@ struct RoomRun {
     /// What it heard, one line.
     std::string heard;
     Date start{};
-    std::vector<TimelineEvent> timeline;
+    RunReport run;
     std::chrono::milliseconds length{0};
     JSON storedVisits = JSON::array();
 };

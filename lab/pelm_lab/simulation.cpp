@@ -17,7 +17,7 @@ SimulationResult runSimulation(
     SimulationResult result;
     result.start = Date{std::chrono::sys_days{std::chrono::year{2026} / 11 / 22}} + 9h;
     ServerChoice server{options.host, options.token, options.caFile, *parseJSONText(server::demoSeedText())};
-    VisitHarness harness(server, result.start, onEvent);
+    VisitHarness harness(server, result.start, onEvent, options.keepTimeline);
     result.failure = harness.failure();
     result.configured = result.failure.empty();
     if (result.configured) {

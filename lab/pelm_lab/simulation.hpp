@@ -23,12 +23,15 @@ struct SimulationOptions {
     std::optional<std::string> host, token, caFile;
     /// Asked between steps; true ends the walk where it is (Ctrl-C).
     std::function<bool()> stopRequested;
+    /// Keep every event for SimulationResult::timeline; a caller that takes them as they come need not.
+    bool keepTimeline = true;
 };
 
 struct SimulationResult {
     bool configured = false;  // the app configuration was fetched
     /// The virtual instant the run started at; event times count from it.
     Date start{};
+    /// Every event, when SimulationOptions::keepTimeline.
     std::vector<TimelineEvent> timeline;
     /// The visits the server stored during the run (embedded server only).
     JSON storedVisits = JSON::array();

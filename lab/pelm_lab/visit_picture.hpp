@@ -3,9 +3,11 @@
 #include <chrono>
 #include <compare>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "pelm_lab/visit_harness.hpp"
@@ -38,8 +40,10 @@ struct SignalPoint {
 
 struct BeaconRow {
     BeaconKey key;
-    /// The devices heard sending it (unique id, or address).
+    /// The devices heard sending it (unique id, or address), the first kDevicesNamed of them.
     std::set<std::string> devices;
+    /// More devices than `devices` names sent it.
+    bool moreDevices = false;
     /// When the radio heard it, as [from, to) intervals; short gaps are bridged.
     std::vector<std::pair<double, double>> heard;
     /// Its mean signal in dBm, thinned to a bounded number of points; a long silence splits the line.
@@ -76,11 +80,17 @@ struct VisitPicture {
     std::optional<std::string> appUuid;
     /// When the store's region was first entered and last left.
     std::optional<double> visitStart, visitEnd;
-    /// The beacons of the app's UUID (of any when monitoring never started), by major and minor.
+    /// The beacons of the app's UUID (of any when monitoring never started), by major and minor: the first
+    /// kMostBeaconRows heard.
     std::vector<BeaconRow> beacons;
-    /// iBeacons of other UUIDs that the radio heard.
+    /// Beacons of the app heard beyond those rows.
+    std::size_t beaconsNotDrawn = 0;
+    /// iBeacons of other UUIDs that the radio heard (counted up to kMostCounted).
     std::size_t otherBeacons = 0;
+    /// The first kMostDeviceRows devices discovery reported.
     std::vector<DeviceRow> devices;
+    /// Devices discovery reported beyond those rows (counted up to kMostCounted).
+    std::size_t devicesNotShown = 0;
     std::vector<HandedContent> contents;
     std::size_t heldBack = 0;
     enum class Upload { None, Succeeded, Failed } upload = Upload::None;
@@ -90,8 +100,98 @@ struct VisitPicture {
     const DeviceRow* device(const std::string& id) const;
 };
 
-/// At most this many signal points a beacon, whatever the length of the run.
+/// At most this many signal points a beacon, whatever the length of the run: each point is the mean of an
+/// equal share of the run (a second in runs up to 400 s, 3.6 minutes in a day).
 inline constexpr int kSignalPoints = 400;
+/// The picture's bounds, which keep a day's run, a million passing phones or a million beacons in a few
+/// megabytes: rows drawn, device names a row, discovered devices listed, and things counted one by one
+/// (beacons not drawn, other apps' beacons, devices not listed).
+inline constexpr std::size_t kMostBeaconRows = 256;
+inline constexpr std::size_t kDevicesNamed = 32;
+inline constexpr std::size_t kMostDeviceRows = 256;
+inline constexpr std::size_t kMostCounted = 10'000;
+
+/// Counts distinct things by a 64-bit hash of each, up to kMostCounted (a count that reached it is "or
+/// more").
+class DistinctCount {
+  public:
+    void add(std::uint64_t hash) {
+        if (seen_.size() < kMostCounted) seen_.insert(hash);
+    }
+    std::size_t count() const { return seen_.size(); }
+
+  private:
+    std::unordered_set<std::uint64_t> seen_;
+};
+
+/// One beacon's signal, kept at a resolution that doubles whenever it would need more than twice the
+/// points a picture draws, so that it takes the same memory for a minute as for a day.
+class SignalTrack {
+  public:
+    /// The mean signal of the second centred at `at`.
+    void add(double at, double rssi);
+    /// Thinned to kSignalPoints over `seconds`; a long silence splits the line.
+    std::vector<std::vector<SignalPoint>> line(double seconds) const;
+    /// When it was heard, short gaps bridged.
+    std::vector<std::pair<double, double>> heard(double seconds) const;
+
+  private:
+    struct Bucket {
+        long long index = 0;
+        double sumAt = 0, sumRssi = 0;
+        int seconds = 0;
+    };
+    void coarsen();
+
+    double resolution_ = 1;
+    std::vector<Bucket> buckets_;
+    double bridge_ = 2;
+    std::vector<std::pair<double, double>> heard_;
+};
+
+/// Draws the picture as the events come, in memory that does not grow with the run's length.
+class PictureBuilder {
+  public:
+    void add(const TimelineEvent& event);
+    /// The run so far, at least `length` long.
+    VisitPicture picture(std::chrono::milliseconds length) const;
+
+  private:
+    struct Samples {
+        std::set<std::string> devices;
+        bool moreDevices = false;
+        SignalTrack signal;
+        // The second being summed up (several devices of one identity are averaged).
+        double pendingAt = -1, pendingSum = 0;
+        int pendingCount = 0;
+        std::vector<BeaconMark> marks;
+        void flush();
+    };
+
+    void visit(const events::MainRegionEntered& entered, double at);
+    void visit(const events::MainRegionLeft& left, double at);
+    void visit(const events::SubRegionEntered& entered, double at);
+    void visit(const events::SubRegionLeft& left, double at);
+    void visit(const events::ContentHandedOn& content, double at);
+    void visit(const events::ContentHeldBack& heldBack, double at);
+    void visit(const events::VisitUploaded& upload, double at);
+    void visit(const events::NearbyDevices& nearby, double at);
+    // Ranging, Bluetooth, location and reachability change nothing in the picture.
+    template <class Other>
+    void visit(const Other&, double) {}
+    Samples* row(const BeaconKey& key);
+    void mark(const BeaconKey& key, BeaconMark::Kind kind, double at, std::string text = {});
+    void discovered(const DiscoveredBeacon& device, double at);
+    void heard(const HeardSignal& signal, double at);
+
+    VisitPicture picture_;
+    double latest_ = 0;
+    std::map<BeaconKey, Samples> beacons_;
+    DistinctCount notDrawn_, others_, devicesNotShown_;
+    std::map<std::string, DeviceRow> devices_;
+    // The latest entry, which the platform may report twice (found inside, then entered).
+    std::optional<std::pair<BeaconKey, double>> lastEntry_;
+};
 
 VisitPicture pictureOf(const std::vector<TimelineEvent>& events, std::chrono::milliseconds length);
 

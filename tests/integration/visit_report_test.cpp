@@ -201,6 +201,55 @@ TEST(VisitReport, ATwoHourRunIsThinnedToAPageThatStaysSmall) {
     EXPECT_THAT(page, Not(HasSubstr("nan")));
 }
 
+// A report is drawn up as the run goes, so what it keeps must not grow with the run: a day of signal, more
+// beacons and senders than a page can show, and more lines than a table should hold.
+TEST(VisitReport, ADayOfManyBeaconsKeepsItsBoundsAndSaysWhatItLeftOut) {
+    const std::string uuid = "F7826DA6-4FA2-4E98-8024-BC5B71E0893E";
+    RunReport run;
+    TimelineEvent entered{};
+    entered.kind = TimelineEvent::Kind::Visit;
+    entered.visit = events::MainRegionEntered{uuid, false};
+    run.add(entered);
+    for (int second = 1; second <= 86'400; ++second) {
+        TimelineEvent heard{};
+        heard.at = std::chrono::seconds(second);
+        heard.kind = TimelineEvent::Kind::Heard;
+        // Beacon 1/1 all day, from a new phone every second; 300 others once each in the first minutes.
+        heard.signals.push_back({uuid, 1, 1, "phone-" + std::to_string(second), -60 - second % 20, 0});
+        if (second <= 300) heard.signals.push_back({uuid, 2, second, "tag", -80, 0});
+        run.add(heard);
+        if (second % 40 == 0) {
+            TimelineEvent line{};
+            line.at = heard.at;
+            line.text = "status " + std::to_string(second);
+            run.add(line);
+        }
+    }
+    const auto picture = run.picture(86'400s);
+    ASSERT_EQ(picture.beacons.size(), kMostBeaconRows);
+    EXPECT_EQ(picture.beaconsNotDrawn, 301 - kMostBeaconRows);
+    const auto& allDay = rowOf(picture, 1);
+    EXPECT_EQ(allDay.devices.size(), kDevicesNamed);
+    EXPECT_TRUE(allDay.moreDevices);
+    ASSERT_EQ(allDay.signal.size(), 1u) << "heard every second: one unbroken line";
+    EXPECT_LE(allDay.signal[0].size(), static_cast<std::size_t>(kSignalPoints));
+    EXPECT_LT(allDay.signal[0].front().at, 300);
+    EXPECT_GT(allDay.signal[0].back().at, 86'100);
+    EXPECT_NEAR(allDay.signal[0][10].rssi, -69.5, 0.5);  // the mean of a share of the day
+    ASSERT_EQ(allDay.heard.size(), 1u);
+    EXPECT_NEAR(allDay.heard[0].second - allDay.heard[0].first, 86'400, 1);
+
+    // 2,160 status lines: the first and last 500 are listed, the rest counted.
+    const auto table = run.table();
+    EXPECT_THAT(table, HasSubstr(">status 40<"));
+    EXPECT_THAT(table, HasSubstr(">status 86400<"));
+    EXPECT_THAT(table, Not(HasSubstr(">status 40000<")));
+    EXPECT_THAT(table, HasSubstr("\u2026 1160 more lines \u2026"));
+    const auto page = htmlReport({"Day", "a day", Date{}}, run, 86'400s, JSON::array());
+    EXPECT_THAT(page, HasSubstr("of 301 heard; the first 256 are drawn"));
+    EXPECT_THAT(page, HasSubstr("more than 32 devices"));
+}
+
 TEST(VisitReport, TextsItDoesNotExpectAreShownEscapedAndAttachedToNothing) {
     std::vector<TimelineEvent> events;
     const auto add = [&](events::VisitEventData data, int second) {

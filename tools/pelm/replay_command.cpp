@@ -82,8 +82,7 @@ int replayOne(ReplayOptions& options, const Arguments& args, const server::StopS
     const auto name = options.recording.filename().string();
     const ReportHeader header{options.scanner ? *options.scanner + " \u2014 " + name : name,
                               options.recording.string() + ": " + result.summary.line(), result.start};
-    if (const auto failure = output.finish(header, result.timeline, result.length, result.storedVisits))
-        return *failure;
+    if (const auto failure = output.finish(header, result.length, result.storedVisits)) return *failure;
     return 0;
 }
 
@@ -101,7 +100,7 @@ int replayEachScanner(ReplayOptions& options, const Arguments& args, const serve
         const auto result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
         if (result.interrupted) return output.interrupted(stop.exitCode());
         if (const auto failure = reportRun(options, result, args)) return *failure;
-        rooms.push_back({scanner.name, scanner.heard(), result.start, result.timeline, result.length,
+        rooms.push_back({scanner.name, scanner.heard(), result.start, output.takeRun(), result.length,
                          result.storedVisits});
     }
     if (rooms.empty()) {
@@ -129,8 +128,8 @@ int replayCommand(const Arguments& args) {
         RunOutput output("replay");
         if (const auto failure = output.open(args, {options.recording.string()})) return *failure;
         options.stopRequested = [&stop] { return stop.requested(); };
-        // Only the report needs the whole run; without one the replay streams and keeps nothing.
-        options.keepTimeline = args.option("report").has_value();
+        // The report is drawn up as the events come; the replay itself keeps none of them.
+        options.keepTimeline = false;
         if (options.scanner == "all") return replayEachScanner(options, args, stop, output);
         return replayOne(options, args, stop, output);
     } catch (const platform::RecordingError& e) {

@@ -37,14 +37,15 @@ std::optional<int> RunOutput::open(const Arguments& args, const std::vector<std:
 void RunOutput::show(const TimelineEvent& event) {
     printer_->print(event);
     events_.write(event);
+    if (report_.path()) run_.add(event);
 }
 
-std::optional<int> RunOutput::finish(const ReportHeader& header, const std::vector<TimelineEvent>& timeline,
-                                     std::chrono::milliseconds length, const JSON& storedVisits) {
+std::optional<int> RunOutput::finish(const ReportHeader& header, std::chrono::milliseconds length,
+                                     const JSON& storedVisits) {
     std::string error;
     if (!events_.close(error)) return failed(error, 1);
     if (!report_.path()) return std::nullopt;
-    if (!report_.write(htmlReport(header, timeline, length, storedVisits), error)) return failed(error, 1);
+    if (!report_.write(htmlReport(header, run_, length, storedVisits), error)) return failed(error, 1);
     std::printf("Report written to %s\n", named(*report_.path()).c_str());
     return std::nullopt;
 }

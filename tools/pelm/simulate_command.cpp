@@ -67,6 +67,7 @@ int simulateCommand(const Arguments& args) {
                                                       : std::vector<std::string>{};
     if (const auto failure = output.open(args, inputs)) return *failure;
     options.stopRequested = [&stop] { return stop.requested(); };
+    options.keepTimeline = false;  // the report is drawn up as the events come
     std::printf(
         "Simulating \"%s\": %zu beacons, a walk of %s, seed %llu, %s\n", options.scenario.name.c_str(),
         options.scenario.beacons.size(), clockText(options.scenario.duration()).c_str(),
@@ -104,8 +105,7 @@ int simulateCommand(const Arguments& args) {
                               "A simulated walk of " + clockText(options.scenario.duration()) + ", seed " +
                                   std::to_string(options.seed),
                               result.start};
-    if (const auto failure = output.finish(header, result.timeline, result.simulated, result.storedVisits))
-        return *failure;
+    if (const auto failure = output.finish(header, result.simulated, result.storedVisits)) return *failure;
     return 0;
 }
 
