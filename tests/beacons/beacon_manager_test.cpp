@@ -243,6 +243,10 @@ TEST_F(BeaconManagerTest, EventsNameTheirBeaconComeBeforeTheDelegateAndStopWhenR
     const auto uuid = *platform::ProximityUUID::parse(kUuid);
     vendor().range({{uuid, 1, 11, -60, 1.5}, {uuid, 1, 12, -90, -1}}, region());
     vendor().determine(RegionState::Inside, region(1, 11));
+    platform_.loop->runUntilIdle();  // no entry followed the state: it was found inside
+    vendor().determine(RegionState::Inside, region(1, 12));
+    vendor().enter(region(1, 12));  // an entry follows the state: one event, an entry
+    platform_.loop->runUntilIdle();
     vendor().exit(region(1, 11));
     vendor().discover(std::vector<platform::NearbyDevice>{{"aBc1", -12, "4.1", 87, -71}});
     const auto lines = host_->take();
@@ -254,7 +258,14 @@ TEST_F(BeaconManagerTest, EventsNameTheirBeaconComeBeforeTheDelegateAndStopWhenR
     EXPECT_LT(has("event store entered"), has(std::string("log Entering MAIN Region: ") + kUuid));
     EXPECT_LT(has("event ranged 1/11 -60 near"), has("log Starting monitoring for: major: 1 minor: 11"));
     EXPECT_LT(has("event ranged 1/12 -90 unknown"), has("log Starting monitoring for: major: 1 minor: 11"));
-    EXPECT_LT(has("event entered 1/11 (inside)"), has("log DidDetermineState state: Inside"));
+    EXPECT_GT(has("event entered 1/11 (inside)"), has("log DidDetermineState state: Inside"));
+    EXPECT_LT(has("event entered 1/12"), has("log Entering SUB Region: " + std::string(kUuid) + " - 1 - 12"));
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) { return line.starts_with("event entered 1/12"); }),
+              1);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) { return line.starts_with("event store entered"); }),
+              1);
     EXPECT_LT(has("event left 1/11"),
               has(std::string("log Stop ranging for: major: 1 minor: 11 uuid: ") + kUuid));
     EXPECT_LT(has("event nearby 1"), has("devices aBc1/-12/4.1/87/-71"));

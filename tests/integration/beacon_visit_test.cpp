@@ -2,6 +2,8 @@
 // plays the phone, the real session engine looks content up from pelm-server over HTTPS, and the host app's
 // delegate and the analytics events are checked step by step.
 #include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/platform/ble/region_engine.hpp>
+#include <pelm/platform/sim/simulated_store.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
 #include <gmock/gmock.h>
@@ -262,6 +264,114 @@ TEST_F(HostStopTest, AVisitTheServerRefusesIsReportedLost) {
     server_->setFault("/api/v1/sessions", refused);
     EXPECT_EQ(stop(), VisitAtStop::notUploaded);
     EXPECT_THAT(host_->take(), ::testing::Contains("log Failed to upload session (critical)"));
+}
+
+// The same visit on Linux: the region engine hears the store's advertisements and makes the phone's
+// callbacks of them, a new sub-region's state and then its entry.
+class LinuxVisitTest : public testing::ServerTest {
+  protected:
+    void SetUp() override {
+        ServerTest::SetUp();
+        const auto settings = SettingsManager::sharedInstance();
+        settings->setAppToken(testing::kToken);
+        settings->setApiHost(server_->host());
+        settings->setDefaultBeaconUUID(testing::kUuid);
+        settings->setKontaktIoAPIKey("kontakt-key");
+        engine_ = std::make_shared<platform::RegionEngine>(platform_->loop);
+        platform_->services->beaconVendor = engine_;
+        manager_ = PelmBeaconManager::make<testing::RecordingBeaconManager>();
+        manager_->delegate = host_;
+    }
+    void TearDown() override {
+        manager_.reset();
+        ServerTest::TearDown();
+    }
+    // Beacon 1/`minor` sends ten times a second for `span`.
+    void hear(std::uint16_t minor, std::chrono::milliseconds span) {
+        platform::Scenario::Beacon beacon;
+        beacon.uuid = *platform::ProximityUUID::parse(testing::kUuid);
+        beacon.major = 1;
+        beacon.minor = minor;
+        platform::HeardAdvertisement advertisement;
+        advertisement.address = "beacon-" + std::to_string(minor);
+        advertisement.rssi = -60;
+        advertisement.data = platform::SimulatedStore::advertisingData(beacon);
+        for (auto at = 0ms; at < span; at += 100ms) {
+            engine_->hear(advertisement);
+            platform_->loop->advance(100ms);
+            settle();
+        }
+    }
+    std::optional<VisitAtStop> stop() {
+        std::optional<VisitAtStop> visit;
+        manager_->stop([&](VisitAtStop answer) { visit = answer; });
+        settle();
+        return visit;
+    }
+
+    std::shared_ptr<platform::RegionEngine> engine_;
+    std::shared_ptr<testing::RecordingBeaconDelegate> host_ =
+        std::make_shared<testing::RecordingBeaconDelegate>();
+    std::shared_ptr<testing::RecordingBeaconManager> manager_;
+};
+
+TEST_F(LinuxVisitTest, ABeaconsSubRegionIsEnteredWithItsLineItsLogLinesAndAnalyticsRowsOneToFive) {
+    manager_->startMonitoring();
+    hear(11, 3s);
+    const auto lines = host_->take();
+    const auto at = [&](const std::string& line) {
+        const auto found = std::find(lines.begin(), lines.end(), line);
+        EXPECT_NE(found, lines.end()) << "missing: " << line;
+        return found - lines.begin();
+    };
+    // The state opens a log line, the entry a second one, as a phone's two callbacks do.
+    const auto state = at("log Starting monitoring for: major: 1 minor: 11");
+    const auto entering = at("log Entering SUB Region: " + U + " - 1 - 11");
+    EXPECT_LT(state, entering);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "log Session Log: major: 1 minor: 11 uuid: " + U), 2);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "log Entering MAIN Region: " + U), 1);
+    EXPECT_THAT(lines, ::testing::Contains("content 1"));
+
+    auto analytics = manager_->takeAnalytics();
+    const std::vector<std::string> rows{"Beacon Markt/Warengruppen | " + kStore + " | K\xC3\xA4se",
+                                        "Beacon Markt/Verweildauer | " + kStore + " | Enter",
+                                        "Beacon Views | " + kStore + " | " + U + "+1+11",
+                                        "Beacon Warengruppe/Verweildauer | " + kStore + " | Enter",
+                                        "Beacon Views | Discovered | " + U + "+1+11"};
+    // Row 8, for the content found, comes whenever the server answers; rows 1 to 5 are the entry's.
+    const auto content = std::find(analytics.begin(), analytics.end(), rows[4]);
+    ASSERT_NE(content, analytics.end());
+    analytics.erase(content);
+    EXPECT_EQ(analytics, rows);
+}
+
+TEST_F(LinuxVisitTest, AStopAndAStartFindTheBeaconsInRangeAgainInsideOrOutsideTheStore) {
+    manager_->startMonitoring();
+    hear(11, 3s);
+    ASSERT_THAT(host_->take(), ::testing::Contains("content 1"));
+    EXPECT_EQ(stop(), VisitAtStop::uploaded);
+
+    // Started again inside: within a second the store and the beacon are entered and its content looked up
+    // again (held back: it was shown a moment ago).
+    manager_->startMonitoring();
+    hear(11, 1s);
+    auto lines = host_->take();
+    EXPECT_THAT(lines, ::testing::Contains("log Entering MAIN Region: " + U));
+    EXPECT_THAT(lines, ::testing::Contains("log Entering SUB Region: " + U + " - 1 - 11"));
+    EXPECT_THAT(lines, ::testing::Contains(::testing::StartsWith("log Beacon is hot until: ")));
+
+    // Stopped inside, started again after the shopper left and came back, the content cooled down.
+    EXPECT_EQ(stop(), VisitAtStop::uploaded);
+    platform_->loop->advance(60s);
+    manager_->startMonitoring();
+    platform_->loop->advance(5s);
+    hear(11, 3s);
+    lines = host_->take();
+    EXPECT_THAT(lines, ::testing::Contains("content 1"));
+    EXPECT_THAT(lines, ::testing::Not(::testing::Contains(
+                           "log Cant' finish session, session logs array is empty (critical)")));
+    EXPECT_EQ(stop(), VisitAtStop::uploaded);
+    EXPECT_EQ(server_->store().sessions().size(), 3u);
 }
 
 }  // namespace

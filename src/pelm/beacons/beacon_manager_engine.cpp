@@ -24,6 +24,12 @@ std::string uuidText(const BeaconRegion& region) {
     return region.proximityUUID.uuidString();
 }
 
+// "UUID" for the main region, "UUID/major/minor" for a sub-region.
+std::string regionKey(const BeaconRegion& region) {
+    if (!isSubRegion(region)) return uuidText(region);
+    return uuidText(region) + "/" + std::to_string(*region.major) + "/" + std::to_string(*region.minor);
+}
+
 void notifyOnEverything(BeaconRegion& region) {
     region.notifyOnEntry = true;
     region.notifyOnExit = true;
@@ -138,6 +144,9 @@ void BeaconManagerEngine::stop(std::function<void(VisitAtStop)> done) {
         beaconManger_->stopRangingBeaconsInAllRegions();
     }
     if (deviceManager_ && deviceManager_->isDiscovering()) deviceManager_->stopDiscovery();
+    // A start after this one is a first start: what is in range then is new, found and entered again.
+    sessionManager_->forgetBeaconsInRange();
+    foundInside_.clear();
 
     if (!done) done = [](VisitAtStop) {};
     const auto answered = [done](bool stored) {
@@ -207,7 +216,7 @@ void BeaconManagerEngine::didDetermineState(platform::RegionState state, const B
             break;
         case platform::RegionState::Inside:
             line += " state: Inside";
-            publishEntry(region, true);
+            publishFoundInside(region);
             owner_.startDiscoveryWithInterval(2.0);
             startRangingForRegion(region);
             addSessionEntryLogForRegion(region);
@@ -219,6 +228,7 @@ void BeaconManagerEngine::didDetermineState(platform::RegionState state, const B
 
 void BeaconManagerEngine::didEnterRegion(const BeaconRegion& region) {
     if (stopped_) return;
+    foundInside_.erase(regionKey(region));
     publishEntry(region, false);
     startRangingForRegion(region);
     const auto uuid = uuidText(region);
@@ -285,6 +295,20 @@ void BeaconManagerEngine::didExitRegion(const BeaconRegion& region) {
     trackMainRegionExit();
 }
 
+// The platform tells an entry by its state and by the entry itself, and tells the state alone of a region it
+// finds itself inside. Each is one entry event: the state's waits for the queue's next turn, and an entry
+// told meanwhile takes its place.
+void BeaconManagerEngine::publishFoundInside(const BeaconRegion& region) {
+    if (!foundInside_.insert(regionKey(region)).second) return;
+    platform::current()->mainQueue->post([alive = weakAs<platform::RegionMonitorDelegate>(), region] {
+        const auto self = alive.lock();
+        if (!self) return;
+        auto& engine = static_cast<BeaconManagerEngine&>(*self);
+        if (engine.foundInside_.erase(regionKey(region)) > 0 && !engine.stopped_)
+            engine.publishEntry(region, true);
+    });
+}
+
 void BeaconManagerEngine::publishEntry(const BeaconRegion& region, bool alreadyInside) {
     if (isSubRegion(region)) {
         events::emit([&] { return events::SubRegionEntered{events::identityOf(region), alreadyInside}; });
@@ -326,12 +350,16 @@ void BeaconManagerEngine::didDiscoverDevices(
     if (stopped_ || !devices) return;
     std::vector<DiscoveredBeacon> found;
     found.reserve(devices->size());
+    std::vector<events::UntoldValues> untold;
     for (const auto& device : *devices) {
         // A device without a unique identifier is left out: the host app could not tell it from others.
-        if (auto beacon = DiscoveredBeacon::fromKontaktBeacon(device)) found.push_back(std::move(*beacon));
+        auto beacon = DiscoveredBeacon::fromKontaktBeacon(device);
+        if (!beacon) continue;
+        found.push_back(std::move(*beacon));
+        untold.push_back({!device.transmissionPower, !device.firmwareVersion, !device.batteryLevel});
     }
     if (found.empty()) return;
-    events::emit([&] { return events::NearbyDevices{found}; });
+    events::emit([&] { return events::NearbyDevices{found, untold}; });
     if (owner_.delegate) owner_.delegate->didDiscoverBeacons(found);
 }
 

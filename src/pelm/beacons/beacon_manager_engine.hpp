@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,7 @@ class BeaconManagerEngine final : public PelmSessionManagerDelegate,
     void stopRangingForRegion(const platform::BeaconRegion& region);
     void addSessionEntryLogForRegion(const platform::BeaconRegion& region);
     void publishEntry(const platform::BeaconRegion& region, bool alreadyInside);
+    void publishFoundInside(const platform::BeaconRegion& region);
     void sendLog(const std::string& text, bool critical) const;
 
     void trackSubRegionEntry(const platform::BeaconRegion& region);
@@ -77,6 +79,8 @@ class BeaconManagerEngine final : public PelmSessionManagerDelegate,
     bool firstBeacon_ = true;
     bool stopped_ = false;  // by stop(), until startMonitoring()
     std::optional<std::int64_t> lastBeaconMajorId_;
+    // Regions reported inside whose entry event waits to see whether the platform tells an entry as well.
+    std::set<std::string> foundInside_;
 };
 
 }  // namespace pelm::detail

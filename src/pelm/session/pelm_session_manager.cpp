@@ -209,12 +209,11 @@ bool PelmSessionManager::finishSession(std::function<void(bool stored)> answered
     const auto user = SettingsManager::sharedInstance()->userID();
     if (!pelmAPIClient_) return false;  // the lines stay for a later upload
     // What was sent, as the event will tell it; the lines themselves may change before the answer.
+    // Filled whether or not anyone listens now: a listener may subscribe before the answer comes.
     auto sent = std::make_shared<events::VisitUploaded>();
-    if (events::anyListener()) {
-        sent->session = *session;
-        sent->beacon = events::identityOf(*beacon);
-        for (const auto& line : sessionLogs_) sent->lines.push_back(*line);
-    }
+    sent->session = *session;
+    sent->beacon = events::identityOf(*beacon);
+    for (const auto& line : sessionLogs_) sent->lines.push_back(*line);
     pelmAPIClient_->createSession(
         session, user, beacon, sessionLogs_,
         [self = shared_from_this(), sent](bool ok) { self->onUploaded(ok, *sent); });

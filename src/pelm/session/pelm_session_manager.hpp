@@ -49,6 +49,9 @@ class PelmSessionManager : public std::enable_shared_from_this<PelmSessionManage
     /// A beacon's region was left. True when a matching beacon was in range and has been removed (its exit
     /// content is looked up unless cooling down).
     bool removeBeacon(const std::shared_ptr<Beacon>& beacon);
+    /// Monitoring stopped: no beacon is in range any more, and none is looked up for leaving. A beacon heard
+    /// after monitoring starts again is new.
+    void forgetBeaconsInRange() { discoveredBeacons_.clear(); }
     /// The beacon's sub-region was entered: opens a log line.
     void addEntryEvent(const std::shared_ptr<Beacon>& beacon);
     /// The beacon's sub-region was left: closes the last open log line of that beacon.

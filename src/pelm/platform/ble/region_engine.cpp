@@ -53,13 +53,15 @@ class RegionEngine::Monitor final : public RegionMonitor {
             found != engine_->monitored_.end() && found->second.region == region) {
             return;
         }
-        // Already inside when monitoring starts: no entry, only the state when asked.
-        Watched watched{region, RegionState::Unknown, Date{}};
+        // Already inside when monitoring starts: the state when asked, then the entry, as a phone that
+        // starts watching a beacon it hears tells both.
+        Watched watched{region, RegionState::Unknown, Date{}, false};
         const auto now = engine_->queue_->now();
         if (const auto heard = engine_->lastHeard(region);
             heard && now - *heard < engine_->options_.exitTimeout) {
             watched.state = RegionState::Inside;
             watched.lastHeard = *heard;
+            watched.entryOwed = region.notifyOnEntry;
         }
         engine_->monitored_.insert_or_assign(region.identifier, watched);
         engine_->scheduleTick();  // an inside region needs ticks to be left
@@ -68,8 +70,9 @@ class RegionEngine::Monitor final : public RegionMonitor {
     void requestState(const BeaconRegion& region) override {
         const auto state = engine_->currentState(region);
         if (state != RegionState::Unknown) {
-            engine_->queue_->post([weak = delegate, state, region] {
+            engine_->queue_->post([engine = std::weak_ptr(engine_), weak = delegate, state, region] {
                 if (auto d = weak.lock()) d->didDetermineState(state, region);
+                if (const auto alive = engine.lock()) alive->payEntry(region);
             });
             return;
         }
@@ -241,6 +244,7 @@ void RegionEngine::hear(const HeardAdvertisement& advertisement, const std::opti
 
 void RegionEngine::transition(Watched& watched, RegionState to) {
     watched.state = to;
+    watched.entryOwed = false;
     const auto region = watched.region;  // the callbacks may remove the entry
     if (monitor_ == nullptr) return;
     const auto delegate = monitor_->delegate.lock();
@@ -250,8 +254,22 @@ void RegionEngine::transition(Watched& watched, RegionState to) {
     if (to == RegionState::Outside && region.notifyOnExit) delegate->didExitRegion(region);
 }
 
+void RegionEngine::payEntry(const BeaconRegion& region) {
+    const auto found = monitored_.find(region.identifier);
+    if (found == monitored_.end() || !(found->second.region == region) || !found->second.entryOwed) return;
+    found->second.entryOwed = false;
+    if (monitor_ == nullptr) return;
+    if (const auto delegate = monitor_->delegate.lock()) delegate->didEnterRegion(region);
+}
+
 void RegionEngine::tick() {
     const auto now = queue_->now();
+    // Entries owed to regions whose state nobody asked for.
+    std::vector<BeaconRegion> owed;
+    for (const auto& [identifier, watched] : monitored_) {
+        if (watched.entryOwed) owed.push_back(watched.region);
+    }
+    for (const auto& region : owed) payEntry(region);
     std::vector<std::string> left;
     for (const auto& [identifier, watched] : monitored_) {
         if (watched.state == RegionState::Inside && now - watched.lastHeard >= options_.exitTimeout) {

@@ -22,8 +22,9 @@ struct HeardAdvertisement {
     /// What the device tells about itself in its other packets, for discovery.
     std::optional<std::string> uniqueID;
     std::optional<std::string> firmwareVersion;
-    std::uint64_t batteryLevel = 0;
-    std::int64_t transmissionPower = 0;
+    /// Only what a device really told; a recording or a radio that cannot say leaves them unknown.
+    std::optional<std::uint64_t> batteryLevel;
+    std::optional<std::int64_t> transmissionPower;
     /// When a recording says it was heard, and which of its receivers heard it ("" when it names none). A
     /// live radio leaves these alone: the engine hears everything at the main queue's now.
     Date at{};
@@ -43,7 +44,8 @@ struct RegionEngineOptions {
 
 /// Our stand-in for the phone's monitoring and ranging, fed by a stream of advertisements (a Bluetooth
 /// source or a simulated store) on the main queue. Regions are kept by identifier; each monitored region is
-/// unknown, inside or outside; a transition reports the state and the entry or exit; a region is left after
+/// unknown, inside or outside; a transition reports the state and the entry or exit, and a region whose
+/// beacons are heard when its monitoring starts is entered once its state was told; a region is left after
 /// `exitTimeout` without a matching advertisement; ranging reports every `rangingPeriod` the beacons heard in
 /// that period, strongest first. It is also the device scanner, reporting the devices heard once per
 /// interval.
@@ -93,6 +95,9 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
         BeaconRegion region;
         RegionState state = RegionState::Unknown;
         Date lastHeard{};
+        // Monitoring began inside the region: its entry is told after its state, when that is asked for,
+        // or at the next tick.
+        bool entryOwed = false;
     };
 
     void tick();
@@ -103,6 +108,8 @@ class RegionEngine : public BeaconVendor, public std::enable_shared_from_this<Re
     /// Inside or outside as monitoring knows it, or Inside when recently heard; Unknown otherwise.
     RegionState currentState(const BeaconRegion& region) const;
     void transition(Watched& watched, RegionState to);
+    /// The entry owed to a region that monitoring found inside, if it is still owed.
+    void payEntry(const BeaconRegion& region);
     void reportRanging(Date now);
     void reportDevices();
 
