@@ -81,12 +81,16 @@ struct Fields {
     void operator()(const events::NearbyDevices& e) const {
         line["kind"] = "nearby";
         JSON devices = JSON::array();
-        for (const auto& device : e.devices) {
+        for (std::size_t i = 0; i < e.devices.size(); ++i) {
+            const auto& device = e.devices[i];
+            const auto untold = e.untoldOf(i);
+            // What a device did not tell is null, never a reading of 0.
+            const auto told = [](bool missing, auto value) { return missing ? JSON(nullptr) : JSON(value); };
             devices.push_back({{"id", device.identifier},
                                {"rssi", device.rssi},
-                               {"battery", device.batteryLevel},
-                               {"firmware", device.firmwareVersion},
-                               {"tx_power", device.transmissionPower}});
+                               {"battery", told(untold.batteryLevel, device.batteryLevel)},
+                               {"firmware", told(untold.firmwareVersion, device.firmwareVersion)},
+                               {"tx_power", told(untold.transmissionPower, device.transmissionPower)}});
         }
         line["devices"] = std::move(devices);
     }
@@ -145,9 +149,11 @@ struct Words {
     }
     std::string operator()(const events::NearbyDevices& e) const {
         std::string text = std::to_string(e.devices.size()) + " nearby:";
-        for (const auto& b : e.devices) {
+        for (std::size_t i = 0; i < e.devices.size(); ++i) {
+            const auto& b = e.devices[i];
+            const auto untold = e.untoldOf(i);
             text += " " + b.identifier + " (" + std::to_string(b.rssi) + " dBm, battery " +
-                    std::to_string(b.batteryLevel) + "%" +
+                    (untold.batteryLevel ? "?" : std::to_string(b.batteryLevel) + "%") +
                     (b.firmwareVersion.empty() ? "" : ", fw " + b.firmwareVersion) + ")";
         }
         return text;

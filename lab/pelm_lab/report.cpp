@@ -342,10 +342,12 @@ std::string devicesTable(const VisitPicture& picture) {
            "<th>signal</th><th>seen</th></tr>";
     for (const auto& device : picture.devices) {
         out << "<tr" << (device.lowBattery() ? " class='low-battery'" : "") << "><td>" << escape(device.id)
-            << "</td><td>" << (device.lowBattery() ? "⚠ " : "") << device.battery << " %</td><td>"
-            << escape(device.firmware.empty() ? "-" : device.firmware) << "</td><td>"
-            << device.transmissionPower << "</td><td>" << device.weakest << " to " << device.strongest
-            << " dBm</td><td>" << clock(device.firstSeen) << " to " << clock(device.lastSeen) << "</td></tr>";
+            << "</td><td>" << (device.lowBattery() ? "⚠ " : "")
+            << (device.battery ? std::to_string(*device.battery) + " %" : "?") << "</td><td>"
+            << escape(device.firmware && !device.firmware->empty() ? *device.firmware : "-") << "</td><td>"
+            << (device.transmissionPower ? std::to_string(*device.transmissionPower) : "?") << "</td><td>"
+            << device.weakest << " to " << device.strongest << " dBm</td><td>" << clock(device.firstSeen)
+            << " to " << clock(device.lastSeen) << "</td></tr>";
     }
     if (picture.devicesNotShown)
         out << "<tr><td colspan='6'>and " << counted(picture.devicesNotShown) << " more</td></tr>";

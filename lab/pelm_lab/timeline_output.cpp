@@ -103,7 +103,7 @@ void TimelinePrinter::print(const TimelineEvent& event) {
 
 bool TimelinePrinter::shows(const events::NearbyDevices& devices) {
     if (nearby_ != NearbyLines::Changes) return nearby_ == NearbyLines::All;
-    // The set, not the order: the devices come strongest first, and that order changes with every step.
+    // The set, not the order: discovery's order is its own and may change with every report.
     bool changed = false;
     for (auto& [id, misses] : near_) ++misses;
     for (const auto& device : devices.devices) {

@@ -203,7 +203,8 @@ void PictureBuilder::visit(const events::VisitUploaded& upload, double) {
 }
 
 void PictureBuilder::visit(const events::NearbyDevices& nearby, double at) {
-    for (const auto& device : nearby.devices) discovered(device, at);
+    for (std::size_t i = 0; i < nearby.devices.size(); ++i)
+        discovered(nearby.devices[i], nearby.untoldOf(i), at);
 }
 
 // The beacon's row; none for another app's beacon or one past the rows drawn, which are counted instead.
@@ -224,7 +225,8 @@ void PictureBuilder::mark(const BeaconKey& key, BeaconMark::Kind kind, double at
     if (auto* samples = row(key)) samples->marks.push_back({kind, at, std::move(text)});
 }
 
-void PictureBuilder::discovered(const DiscoveredBeacon& device, double at) {
+void PictureBuilder::discovered(const DiscoveredBeacon& device, const events::UntoldValues& untold,
+                                double at) {
     auto found = devices_.find(device.identifier);
     if (found == devices_.end()) {
         if (devices_.size() >= kMostDeviceRows) {
@@ -238,9 +240,9 @@ void PictureBuilder::discovered(const DiscoveredBeacon& device, double at) {
         row.weakest = row.strongest = device.rssi;
     }
     auto& row = found->second;
-    row.battery = device.batteryLevel;
-    row.firmware = device.firmwareVersion;
-    row.transmissionPower = device.transmissionPower;
+    row.battery = untold.batteryLevel ? std::nullopt : std::optional(device.batteryLevel);
+    row.firmware = untold.firmwareVersion ? std::nullopt : std::optional(device.firmwareVersion);
+    row.transmissionPower = untold.transmissionPower ? std::nullopt : std::optional(device.transmissionPower);
     row.weakest = std::min(row.weakest, device.rssi);
     row.strongest = std::max(row.strongest, device.rssi);
     row.lastSeen = at;

@@ -54,14 +54,16 @@ struct BeaconRow {
 /// A nearby device as discovery last reported it, with the range of signal seen.
 struct DeviceRow {
     std::string id;
-    std::uint64_t battery = 0;
-    std::string firmware;
-    std::int64_t transmissionPower = 0;
+    /// As the device last told them; none when it told none.
+    std::optional<std::uint64_t> battery;
+    std::optional<std::string> firmware;
+    std::optional<std::int64_t> transmissionPower;
     int weakest = 0, strongest = 0;
     double firstSeen = 0, lastSeen = 0;
     /// Below this a battery wants changing soon.
     static constexpr std::uint64_t kLowBattery = 20;
-    bool lowBattery() const { return battery < kLowBattery; }
+    /// Only a battery that told its level can be low.
+    bool lowBattery() const { return battery && *battery < kLowBattery; }
 };
 
 struct HandedContent {
@@ -181,7 +183,7 @@ class PictureBuilder {
     void visit(const Other&, double) {}
     Samples* row(const BeaconKey& key);
     void mark(const BeaconKey& key, BeaconMark::Kind kind, double at, std::string text = {});
-    void discovered(const DiscoveredBeacon& device, double at);
+    void discovered(const DiscoveredBeacon& device, const events::UntoldValues& untold, double at);
     void heard(const HeardSignal& signal, double at);
 
     VisitPicture picture_;

@@ -131,12 +131,21 @@ TEST(Replay, FourRoomsAreListedNamedInTheReportWithTheirVisitsAndATypoListsThem)
             std::count_if(result.timeline.begin(), result.timeline.end(),
                           [](const TimelineEvent& e) { return e.as<events::NearbyDevices>(); });
         EXPECT_GT(devices, 0) << scanner.name << ": the recorded beacon is a nearby device by its address";
+        // A recording tells no battery, firmware or power: they stay unknown, never a reading of 0.
+        for (const auto& event : result.timeline) {
+            if (!event.as<events::NearbyDevices>()) continue;
+            const auto device = eventJSON(event)["devices"][0];
+            EXPECT_TRUE(device["battery"].is_null() && device["firmware"].is_null() && device["tx_power"].is_null())
+                << device;
+            EXPECT_THAT(event.text, ::testing::HasSubstr("battery ?"));
+        }
         RunReport run;
         for (const auto& event : result.timeline) run.add(event);
         rooms.push_back({scanner.name, scanner.heard(), result.start, std::move(run),
                          result.timeline.back().at, result.storedVisits});
     }
     const auto page = htmlRoomsReport("rooms-one-beacon.jsonl", "four rooms", rooms);
+    EXPECT_THAT(page, ::testing::Not(::testing::HasSubstr("battery low")));
     for (const auto& room : rooms) {
         // The room's heading and summary name it and the recording; its visits are listed as clock times.
         EXPECT_THAT(page, ::testing::HasSubstr("<h2>" + room.name + " \u2014 rooms-one-beacon.jsonl</h2>"));

@@ -174,7 +174,7 @@ std::vector<TimelineEvent> longRun() {
             nearby.at = heard.at;
             nearby.kind = TimelineEvent::Kind::Visit;
             nearby.visit = events::NearbyDevices{
-                {{"dev1", 0, "4.1", static_cast<std::uint64_t>(100 - second / 80), -61}}};
+                {{"dev1", 0, "4.1", static_cast<std::uint64_t>(100 - second / 80), -61}}, {}};
             events.push_back(nearby);
         }
     }

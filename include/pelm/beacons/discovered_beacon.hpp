@@ -20,7 +20,7 @@ struct DiscoveredBeacon {
     std::int64_t transmissionPower = 0;
     /// Empty when the device reports none.
     std::string firmwareVersion;
-    /// Its battery level in percent, as it tells it.
+    /// Its battery level in percent, as it tells it; 0 when it tells none.
     std::uint64_t batteryLevel = 0;
     /// Received signal strength in dBm, as reported.
     int rssi = 0;
@@ -28,8 +28,9 @@ struct DiscoveredBeacon {
     /// None for a device without a unique identifier: the host app could not tell such devices apart.
     static std::optional<DiscoveredBeacon> fromKontaktBeacon(const platform::NearbyDevice& device) {
         if (!device.uniqueID) return std::nullopt;
-        return DiscoveredBeacon{*device.uniqueID, device.transmissionPower,
-                                device.firmwareVersion.value_or(""), device.batteryLevel, device.rssi};
+        return DiscoveredBeacon{*device.uniqueID, device.transmissionPower.value_or(0),
+                                device.firmwareVersion.value_or(""), device.batteryLevel.value_or(0),
+                                device.rssi};
     }
 };
 

@@ -105,9 +105,22 @@ struct VisitUploaded {
     bool stored = false;  ///< Whether the server answered that it stored the visit.
 };
 
-/// The beacon devices nearby, strongest first, as the beacon manager's delegate receives them.
+/// What a nearby device did not tell: its record carries 0 or "" in each such place, which is no reading.
+struct UntoldValues {
+    bool transmissionPower = false;
+    bool firmwareVersion = false;
+    bool batteryLevel = false;
+};
+
+/// The beacon devices nearby, in the order discovery reported them, as the beacon manager's delegate
+/// receives them.
 struct NearbyDevices {
-    std::vector<DiscoveredBeacon> devices;  ///< Strongest first.
+    std::vector<DiscoveredBeacon> devices;
+    /// For each of `devices` in turn, what it did not tell (all told when the list is shorter).
+    std::vector<UntoldValues> untold;
+    UntoldValues untoldOf(std::size_t device) const {
+        return device < untold.size() ? untold[device] : UntoldValues{};
+    }
 };
 
 /// The device status manager's delegate was told whether Bluetooth is on.

@@ -59,12 +59,12 @@ struct RangedBeacon {
 struct NearbyDevice {
     /// The device's unique id, or its address where it tells none.
     std::optional<std::string> uniqueID;
-    /// Its transmission power level.
-    std::int64_t transmissionPower = 0;
+    /// Its transmission power level, when it tells one.
+    std::optional<std::int64_t> transmissionPower;
     /// Its firmware version, when it tells one.
     std::optional<std::string> firmwareVersion;
-    /// Its battery level in percent.
-    std::uint64_t batteryLevel = 0;
+    /// Its battery level in percent, when it tells one.
+    std::optional<std::uint64_t> batteryLevel;
     /// Received signal strength in dBm.
     int rssi = 0;
 };

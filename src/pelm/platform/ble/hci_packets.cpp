@@ -41,7 +41,8 @@ void extendedReports(std::span<const std::uint8_t> p, HeardBatch& out) {
         auto& heard = out.add();
         writeBluetoothAddress(&p[at + 3], heard.address);
         heard.rssi = static_cast<std::int8_t>(p[at + 13]);
-        heard.transmissionPower = static_cast<std::int8_t>(p[at + 12]);
+        // 127 (0x7F) is the controller's "not available".
+        if (p[at + 12] != 0x7F) heard.transmissionPower = static_cast<std::int8_t>(p[at + 12]);
         heard.data.assign(p.begin() + static_cast<std::ptrdiff_t>(at + 24),
                           p.begin() + static_cast<std::ptrdiff_t>(at + 24 + length));
         at += 24 + length;
@@ -56,8 +57,8 @@ HeardAdvertisement& HeardBatch::add() {
     heard.rssi = 0;
     heard.uniqueID.reset();
     heard.firmwareVersion.reset();
-    heard.batteryLevel = 0;
-    heard.transmissionPower = 0;
+    heard.batteryLevel.reset();
+    heard.transmissionPower.reset();
     heard.at = Date{};
     heard.receiver.clear();
     return heard;

@@ -364,8 +364,8 @@ bool decodeHex(std::string_view hex, std::vector<std::uint8_t>& out) {
 void clearUntold(HeardAdvertisement& heard) {
     heard.uniqueID.reset();
     heard.firmwareVersion.reset();
-    heard.batteryLevel = 0;
-    heard.transmissionPower = 0;
+    heard.batteryLevel.reset();
+    heard.transmissionPower.reset();
     heard.receiver.clear();
 }
 

@@ -52,7 +52,7 @@ std::vector<std::uint8_t> advertisingData(const std::map<std::uint16_t, sdbus::V
 struct Device {
     std::string address;
     std::optional<int> rssi;
-    std::int64_t transmissionPower = 0;
+    std::optional<std::int64_t> transmissionPower;
     std::vector<std::uint8_t> data;
 };
 
