@@ -2,7 +2,10 @@
 
 #include "pelm_lab/output_file.hpp"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 #include <cmath>
@@ -511,6 +514,21 @@ std::string htmlRoomsReport(const std::string& recording, const std::string& sou
     return page(recording, source, body.str());
 }
 
+namespace {
+
+// Whether the file beside `file` that the page is first written to can be made there: permissions alone do
+// not say (a root user, a read-only or virtual file system).
+bool canCreateIn(const std::filesystem::path& file) {
+    const auto trial = file.string() + ".partial";
+    const int fd = ::open(trial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) return errno == EEXIST;
+    ::close(fd);
+    ::unlink(trial.c_str());
+    return true;
+}
+
+}  // namespace
+
 bool ReportFile::open(const std::optional<std::string>& path, std::string& error) {
     path_ = path;
     if (!path) return true;
@@ -520,10 +538,9 @@ bool ReportFile::open(const std::optional<std::string>& path, std::string& error
     std::error_code ignored;
     const std::filesystem::path file(*path);
     const auto folder = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
-    const bool writable =
-        std::filesystem::exists(file, ignored)
-            ? static_cast<bool>(std::ofstream(file, std::ios::app))
-            : std::filesystem::is_directory(folder, ignored) && ::access(folder.c_str(), W_OK) == 0;
+    const bool writable = std::filesystem::exists(file, ignored)
+                              ? static_cast<bool>(std::ofstream(file, std::ios::app))
+                              : std::filesystem::is_directory(folder, ignored) && canCreateIn(file);
     if (!writable) error = "cannot write " + *path;
     return writable;
 }

@@ -175,12 +175,16 @@ VisitHarness::VisitHarness(const ServerChoice& server, Date start,
     platform::install(services_);
 
     bool configured = false;
-    PelmSDK::setAppToken(token.value_or(""), *host, [&](bool ok) { configured = ok; });
+    std::string reason;
+    PelmSDK::setAppToken(token.value_or(""), *host, [&](bool ok, const std::string& why) {
+        configured = ok;
+        reason = why;
+    });
     loop_->runUntilIdle();
     if (!configured) {
         failure_ = watch->refused() ? "https://" + *host + ": the server refused the app token (HTTP " +
                                           std::to_string(*watch->refused()) + ")"
-                                    : "could not fetch the app configuration from https://" + *host;
+                                    : "could not fetch the app configuration: " + reason;
         return;
     }
     manager_ = PelmBeaconManager::make();

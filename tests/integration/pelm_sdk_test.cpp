@@ -78,11 +78,29 @@ TEST_F(PelmSDKTest, AFailureTellsTheHostWhatToCheck) {
             " answered with something that is not an app configuration: The reply could not be read: its "
             "body is not valid JSON");
 
-    // Too long for the server, too long for a URL.
+    // A server that answered, with what cannot be taken, was reached: it is not called unreachable.
+    fault.body = std::string(2 << 20, ' ') + "{}";
+    server_->setFault("/api/v1/app_config/by_app_token", fault);
+    EXPECT_EQ(ask(testing::kToken, host).second,
+              "the server " + host +
+                  " answered with something that is not an app configuration: The reply body is larger than "
+                  "1048576 bytes");
+    fault.body = std::string(1100, '[') + std::string(1100, ']');
+    server_->setFault("/api/v1/app_config/by_app_token", fault);
+    EXPECT_EQ(
+        ask(testing::kToken, host).second,
+        "the server " + host +
+            " answered with something that is not an app configuration: The reply could not be read: its "
+            "body nests deeper than 1023 levels");
+    server_->clearFaults();
+
+    // Too long for the server, too long for curl to make, too long for a URL.
     EXPECT_EQ(
         ask(std::string(1'000'000, 'a'), host).second,
         "the server " + host +
             " refused the request as too long (HTTP 431): the app token is 1000000 bytes; check the token");
+    EXPECT_EQ(ask(std::string(1'100'000, 'a'), host).second,
+              "nothing was sent: The request could not be made: it is larger than curl sends (1 MiB)");
     const auto tooLong = ask(std::string(9'000'000, 'a'), host).second;
     EXPECT_TRUE(tooLong.starts_with("nothing was sent: Refused to send a request whose URL would be 90000"))
         << tooLong;

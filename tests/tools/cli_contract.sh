@@ -5,6 +5,7 @@
 #   cli_contract.sh PELM WORK_DIR
 set -uo pipefail
 pelm=$1 work=$2
+data="$(cd "$(dirname "$0")/../data" && pwd)"
 rm -rf "$work" && mkdir -p "$work"
 cfg=(--config-dir "$work/settings" --app shop)
 
@@ -30,6 +31,21 @@ expect 2 "... (120000 characters)" "$pelm" "$(head -c 120000 /dev/zero | tr '\0'
 expect 2 "pelm status: option --host needs a value" "$pelm" status --host
 expect 2 "it holds a scheme; give the host alone" "$pelm" setup --token t --host https://shop.example/api "${cfg[@]}"
 [ ! -e "$work/settings" ] || { echo "a refused setup stored something"; exit 1; }
+# Every command that takes --host refuses a URL the same way, before any work.
+for command in "simulate --token t" "status --app shop" "replay $work/none.jsonl --token t"; do
+  # shellcheck disable=SC2086
+  expect 2 "^pelm ${command%% *}: --host https://shop.example: it holds a scheme; give the host alone" \
+    "$pelm" $command --host https://shop.example
+done
+expect 2 "^pelm setup: --token is not UTF-8 text; nothing was stored$" \
+  "$pelm" setup --token "$(printf 'a\377')" --host localhost:8443 "${cfg[@]}"
+[ ! -e "$work/settings" ] || { echo "a refused setup stored something"; exit 1; }
+expect 2 "^pelm simulate: takes one scenario, not 2 " "$pelm" simulate a.json b.json
+expect 2 "^pelm call: content 99999999999999999999: ID takes a whole number" \
+  "$pelm" call content 99999999999999999999 "${cfg[@]}"
+# A report that cannot be made is refused before the run, also where permissions do not tell.
+expect 1 "^pelm replay: cannot write /proc/visit.html$" "$pelm" replay "$data/recordings/rooms-one-beacon.jsonl" \
+  --report /proc/visit.html
 expect 2 "not-a-uuid is not a UUID" "$pelm" call content-by-hardware not-a-uuid 1 2 "${cfg[@]}"
 expect 2 "MINOR takes a whole number from 0 to 65535" \
   "$pelm" call content-by-hardware F7826DA6-4FA2-4E98-8024-BC5B71E0893E 1 65536 "${cfg[@]}"

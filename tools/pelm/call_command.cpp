@@ -38,8 +38,7 @@ bool wellFormed(const std::vector<std::string>& words) {
     if (words.size() < 2) return false;
     const auto& what = words[1];
     return ((what == "status" || what == "app-config") && words.size() == 2) ||
-           (what == "content" && words.size() == 3 && integerArgument(words[2])) ||
-           (what == "content-by-hardware" && words.size() == 5);
+           (what == "content" && words.size() == 3) || (what == "content-by-hardware" && words.size() == 5);
 }
 
 }  // namespace
@@ -48,6 +47,12 @@ int callCommand(const Arguments& args) {
     const auto& words = args.positional();
     // The words are checked before the settings, so a typo is named as such even where nothing is set up.
     if (!wellFormed(words)) return kShowUsage;
+    if (words[1] == "content" && !integerArgument(words[2])) {
+        std::fprintf(stderr, "pelm call: content %s: ID takes a whole number from %lld to %lld\n",
+                     words[2].c_str(), std::numeric_limits<long long>::min(),
+                     std::numeric_limits<long long>::max());
+        return 2;
+    }
     if (words[1] == "content-by-hardware") {
         if (const auto problem = beaconProblem(words[2], words[3], words[4])) {
             std::fprintf(stderr, "pelm call: %s\n", problem->c_str());

@@ -45,6 +45,10 @@ std::vector<std::string> unconfirmedSettings();
 bool runUntil(const std::function<bool()>& done,
               std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
+/// --host given as a URL or otherwise not a host: the one line to print ("--host X: why; give the host
+/// alone ..."), which the command ends with exit 2.
+std::optional<std::string> hostArgumentProblem(const Arguments& args);
+
 /// Prints the four stored settings, the app token masked unless --show-token, and the CA the tool remembers.
 void printSettings(const SettingsManager& settings, const Arguments& args);
 

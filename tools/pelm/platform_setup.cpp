@@ -7,6 +7,8 @@
 #include <pelm/platform/linux/linux_platform.hpp>
 #include <pelm/platform/run_loop.hpp>
 
+#include <pelm/api/api_request.hpp>
+
 #include "cli.hpp"
 #include "pelm_lab/refusal_watch.hpp"
 #include "token_mask.hpp"
@@ -124,12 +126,16 @@ std::shared_ptr<platform::Platform> installPlatform(const Arguments& args) {
     if (auto ca = args.option("ca")) {
         options.extraCABundle = *ca;
     } else if (auto remembered = rememberedCA(args)) {
-        if (!std::ifstream(*remembered)) {
-            std::fprintf(stderr,
-                         "pelm: the CA remembered for this app, %s, cannot be read; give --ca again\n",
-                         remembered->c_str());
+        // A CA file moved or deleted since is no reason to refuse work that may not need it.
+        if (std::ifstream(*remembered)) {
+            options.extraCABundle = *remembered;
+        } else {
+            std::fprintf(
+                stderr,
+                "pelm: warning: the CA remembered for this app, %s, cannot be read; going on without "
+                "it (give --ca again)\n",
+                remembered->c_str());
         }
-        options.extraCABundle = *remembered;
     }
     auto services = platform::makeLinuxPlatform(options);
     watch() = std::make_shared<RefusalWatch>(services->http);
@@ -147,6 +153,18 @@ std::vector<std::string> unstoredSettings() {
 
 std::vector<std::string> unconfirmedSettings() {
     return checkedStore() ? checkedStore()->unconfirmed_ : std::vector<std::string>{};
+}
+
+std::optional<std::string> hostArgumentProblem(const Arguments& args) {
+    const auto host = args.option("host");
+    if (!host) return std::nullopt;
+    // The library takes a host as a host app gives it; a person typing a URL here is told the form instead.
+    auto problem = APIRequest::hostProblem(*host);
+    if (!problem && host->find("://") != std::string::npos) problem = "it is a URL";
+    if (!problem && host->find_first_of("/?") != std::string::npos) problem = "it holds a path";
+    if (!problem) return std::nullopt;
+    return "--host " + *host + ": " + *problem +
+           "; give the host alone, as host or host:port (e.g. localhost:8443)";
 }
 
 std::optional<std::string> tokenRefusal() {

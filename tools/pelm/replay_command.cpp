@@ -33,6 +33,10 @@ std::optional<int> readOptions(const Arguments& args, ReplayOptions& options) {
         return 2;
     }
     if (options.uuid) options.uuid = platform::ProximityUUID::parse(*options.uuid)->uuidString();
+    if (const auto problem = hostArgumentProblem(args)) {
+        std::fprintf(stderr, "pelm replay: %s\n", problem->c_str());
+        return 2;
+    }
     if (options.host.has_value() != options.token.has_value()) {
         std::fprintf(stderr, "pelm replay: --host and --token go together\n");
         return 2;

@@ -1,6 +1,7 @@
 #include <cstdio>
 
 #include <pelm/api/api_request.hpp>
+#include <pelm/model/json_text.hpp>
 #include <pelm/pelm_sdk.hpp>
 
 #include "cli.hpp"
@@ -14,13 +15,14 @@ int setupCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm setup: --token and --host are required\n");
         return 2;
     }
-    // The library stores what a host app gives it; a person typing a URL here is told the form instead.
-    if (const auto problem = APIRequest::hostProblem(*host);
-        problem || host->find_first_of("/?") != std::string::npos) {
-        std::fprintf(
-            stderr,
-            "pelm setup: --host %s: %s; give the host alone, as host or host:port (e.g. localhost:8443)\n",
-            host->c_str(), problem.value_or("it holds a path").c_str());
+    if (const auto problem = hostArgumentProblem(args)) {
+        std::fprintf(stderr, "pelm setup: %s\n", problem->c_str());
+        return 2;
+    }
+    // Neither could be stored or sent as given; the library would refuse them with a log line.
+    if (!isValidUTF8(*token) || !isValidUTF8(*host)) {
+        std::fprintf(stderr, "pelm setup: --%s is not UTF-8 text; nothing was stored\n",
+                     isValidUTF8(*token) ? "host" : "token");
         return 2;
     }
     if (const auto ca = args.option("ca")) {

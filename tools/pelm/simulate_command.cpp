@@ -27,6 +27,16 @@ std::optional<JSON> readScenario(const std::vector<std::string>& words, std::str
 }  // namespace
 
 int simulateCommand(const Arguments& args) {
+    if (args.positional().size() > 2) {
+        std::fprintf(stderr, "pelm simulate: takes one scenario, not %zu (%s, %s, ...)\n",
+                     args.positional().size() - 1, args.positional()[1].c_str(),
+                     args.positional()[2].c_str());
+        return 2;
+    }
+    if (const auto problem = hostArgumentProblem(args)) {
+        std::fprintf(stderr, "pelm simulate: %s\n", problem->c_str());
+        return 2;
+    }
     auto& stop = server::StopSignals::watch();  // before the embedded server's threads start
     std::string error;
     const auto json = readScenario(args.positional(), error);

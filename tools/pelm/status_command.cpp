@@ -84,6 +84,10 @@ void watchUntilStopped() {
 }  // namespace
 
 int statusCommand(const Arguments& args) {
+    if (const auto problem = hostArgumentProblem(args)) {
+        std::fprintf(stderr, "pelm status: %s\n", problem->c_str());
+        return 2;
+    }
     const bool watch = args.flag("watch");
     if (watch) server::StopSignals::watch();
     auto services = installPlatform(args);

@@ -30,6 +30,10 @@ struct HttpReply {
     std::string body;
     /// Set when no complete reply arrived: connection, TLS, time-out, redirect or size failure.
     std::optional<std::string> error;
+    /// With `error`, how far the call got: a server that answered with a reply that could not be taken (too
+    /// large, cut short, a redirect that was refused) was reached; a request too large to make never left.
+    enum class Failure { noConnection, badReply, notSent };
+    Failure failure = Failure::noConnection;
 };
 
 /// Sends requests off the main queue. Each `send` ends in exactly one call of `completion`, posted to the

@@ -16,7 +16,17 @@ using Failure = PelmAPIClient::Failure;
 template <class Envelope>
 std::variant<std::shared_ptr<Envelope>, Failure> judge(const platform::HttpReply& reply, bool exactly200) {
     using Kind = Failure::Kind;
-    if (reply.error) return Failure{Kind::noReply, 0, *reply.error};
+    if (reply.error) {
+        switch (reply.failure) {
+            case platform::HttpReply::Failure::badReply:
+                return Failure{Kind::unreadable, reply.status, *reply.error};
+            case platform::HttpReply::Failure::notSent:
+                return Failure{Kind::notSent, 0, *reply.error};
+            case platform::HttpReply::Failure::noConnection:
+                break;
+        }
+        return Failure{Kind::noReply, 0, *reply.error};
+    }
     const bool accepted = exactly200 ? reply.status == 200 : (reply.status >= 200 && reply.status <= 299);
     if (!accepted) {
         return Failure{Kind::status, reply.status,
@@ -27,7 +37,15 @@ std::variant<std::shared_ptr<Envelope>, Failure> judge(const platform::HttpReply
     };
     if (reply.body.empty()) return unreadable("its body is empty.");
     const auto parsed = parseJSONText(reply.body);
-    if (!parsed) return unreadable("its body is not valid JSON.");
+    if (!parsed) {
+        // Nesting past what the parser takes is valid JSON all the same: say which it is.
+        const auto problem = jsonTextProblem(reply.body);
+        if (problem && problem->starts_with("it nests deeper")) {
+            return Failure{Kind::unreadable, reply.status,
+                           "The reply could not be read: its body" + problem->substr(2) + "."};
+        }
+        return unreadable("its body is not valid JSON.");
+    }
     if (!parsed->is_object()) return unreadable("its body is not a JSON object.");
     return Envelope::fromJSON(*parsed);
 }

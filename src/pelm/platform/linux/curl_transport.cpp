@@ -151,7 +151,8 @@ class CurlTransport::Worker {
             transfer->easy = curl_easy_init();
         }
         if (transfer->easy == nullptr) return finish(std::move(transfer), "Unable to start the request");
-        if (const auto refused = configure(*transfer)) return finish(std::move(transfer), *refused);
+        if (const auto refused = configure(*transfer))
+            return finish(std::move(transfer), *refused, HttpReply::Failure::notSent);
         curl_multi_add_handle(multi_, transfer->easy);
         active_.push_back(std::move(transfer));
     }
@@ -229,14 +230,24 @@ class CurlTransport::Worker {
     }
 
     void done(std::unique_ptr<Transfer> t, CURLcode result) {
+        using Failure = HttpReply::Failure;
         if (t->tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
-            return finish(std::move(t), "The reply body is larger than " +
-                                            std::to_string(options_.maxBodyBytes) + " bytes");
+            return finish(std::move(t),
+                          "The reply body is larger than " + std::to_string(options_.maxBodyBytes) + " bytes",
+                          Failure::badReply);
+        }
+        if (result == CURLE_OUT_OF_MEMORY) {
+            // curl builds a request of at most 1 MiB; a longer one (a huge token) is refused this way.
+            return finish(std::move(t), "The request could not be made: it is larger than curl sends (1 MiB)",
+                          Failure::notSent);
         }
         if (result != CURLE_OK) {
             // Read before `t` is handed on: the order in which arguments are evaluated is unspecified.
             std::string error = t->error[0] != '\0' ? std::string(t->error) : curl_easy_strerror(result);
-            return finish(std::move(t), std::move(error));
+            // A reply whose body was cut short came from a server that was reached.
+            const bool answered = result == CURLE_PARTIAL_FILE || result == CURLE_BAD_CONTENT_ENCODING;
+            return finish(std::move(t), std::move(error),
+                          answered ? Failure::badReply : Failure::noConnection);
         }
         long status = 0;
         curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
@@ -256,12 +267,15 @@ class CurlTransport::Worker {
         const auto from = originOf(t->request.url.c_str());
         const auto to = originOf(location.c_str());
         if (!from || !to || to->scheme != "https" || !(*from == *to)) {
-            return finish(std::move(t), "Refused a redirect to another host or scheme (HTTP " +
-                                            std::to_string(status) + ")");
+            return finish(
+                std::move(t),
+                "Refused a redirect to another host or scheme (HTTP " + std::to_string(status) + ")",
+                HttpReply::Failure::badReply);
         }
         if (++t->redirects > options_.maxRedirects) {
             return finish(std::move(t),
-                          "Too many redirects (more than " + std::to_string(options_.maxRedirects) + ")");
+                          "Too many redirects (more than " + std::to_string(options_.maxRedirects) + ")",
+                          HttpReply::Failure::badReply);
         }
         t->request.url = location;
         if (status == 303) {
@@ -274,9 +288,11 @@ class CurlTransport::Worker {
         active_.push_back(std::move(t));
     }
 
-    void finish(std::unique_ptr<Transfer> transfer, std::string error) {
+    void finish(std::unique_ptr<Transfer> transfer, std::string error,
+                HttpReply::Failure failure = HttpReply::Failure::noConnection) {
         HttpReply reply;
         reply.error = std::move(error);
+        reply.failure = failure;
         deliver(std::move(transfer), std::move(reply));
     }
 
