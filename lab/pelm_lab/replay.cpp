@@ -146,7 +146,7 @@ class OtherReceivers {
     }
     ScannerList list() const {
         ScannerList list;
-        for (const auto& name : names_) list.scanners.push_back({name, 0, {}, {}, {}});
+        for (const auto& name : names_) list.scanners.push_back({name, 0, {}, {}, {}, {}});
         list.otherAdvertisements = others_;
         return list;
     }
@@ -384,6 +384,47 @@ std::string ScannerSummary::heard() const {
     return text;
 }
 
+std::string ScannerSummary::uuidsLine() const {
+    if (uuids.empty()) return "no UUID";
+    std::vector<std::pair<std::string, std::uint64_t>> byCount(uuids.begin(), uuids.end());
+    std::stable_sort(byCount.begin(), byCount.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    std::string text = byCount.size() == 1 ? "UUID" : "UUIDs";
+    for (std::size_t i = 0; i < byCount.size(); ++i)
+        text += (i == 0 ? " " : ", ") + byCount[i].first + " (" + withThousands(byCount[i].second) + ")";
+    return text;
+}
+
+namespace {
+
+std::vector<std::pair<std::string, std::uint64_t>> uuidsByCount(const std::vector<ScannerSummary>& scanners) {
+    std::map<std::string, std::uint64_t> total;
+    for (const auto& scanner : scanners) {
+        for (const auto& [uuid, count] : scanner.uuids) total[uuid] += count;
+    }
+    std::vector<std::pair<std::string, std::uint64_t>> byCount(total.begin(), total.end());
+    // Equals keep the order of their text.
+    std::stable_sort(byCount.begin(), byCount.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    return byCount;
+}
+
+}  // namespace
+
+std::optional<std::string> ScannerList::mostHeardUuid() const {
+    const auto byCount = uuidsByCount(scanners);
+    if (byCount.empty()) return std::nullopt;
+    return byCount.front().first;
+}
+
+std::vector<std::string> ScannerList::otherUuids(const std::string& chosen) const {
+    std::vector<std::string> others;
+    for (const auto& [uuid, count] : uuidsByCount(scanners)) {
+        if (uuid != chosen) others.push_back(uuid);
+    }
+    return others;
+}
+
 std::string ScannerList::names() const {
     std::string text;
     for (const auto& scanner : scanners) {
@@ -399,6 +440,8 @@ std::string ScannerList::names() const {
 
 ScannerList listScanners(const std::filesystem::path& recording) {
     std::map<std::string, ScannerSummary, std::less<>> byName;
+    // Counted by the UUID's bytes: turned into text once, not once an advertisement.
+    std::map<ScannerSummary*, std::map<UUIDBytes, std::uint64_t>> uuidCounts;
     std::uint64_t others = 0;
     auto reader = platform::RecordingReader::open(recording);
     platform::HeardAdvertisement heard;
@@ -419,8 +462,19 @@ ScannerList listScanners(const std::filesystem::path& recording) {
         ++scanner.advertisements;
         scanner.first = std::min(scanner.first, heard.at);
         scanner.last = std::max(scanner.last, heard.at);
-        if (const auto frame = platform::parseIBeacon(heard.data))
+        if (const auto frame = platform::parseIBeacon(heard.data)) {
             scanner.beacons.insert({frame->major, frame->minor});
+            auto& counts = uuidCounts[&scanner];
+            if (const auto counted = counts.find(frame->proximityUUID.bytes); counted != counts.end()) {
+                ++counted->second;
+            } else if (counts.size() < kMostUuidsCounted) {
+                counts.emplace(frame->proximityUUID.bytes, 1);
+            }
+        }
+    }
+    for (auto& [scanner, counts] : uuidCounts) {
+        for (const auto& [bytes, count] : counts)
+            scanner->uuids[platform::ProximityUUID{bytes}.uuidString()] = count;
     }
     ScannerList list;
     for (auto& [name, scanner] : byName) list.scanners.push_back(std::move(scanner));
@@ -521,6 +575,14 @@ ReplayResult runReplay(const ReplayOptions& options,
         return result;
     }
     result.uuid = *uuid;
+    std::vector<std::pair<std::uint64_t, std::string>> others;
+    for (const auto& [bytes, count] : ahead.heard) {
+        auto text = platform::ProximityUUID{bytes}.uuidString();
+        if (text != *uuid) others.emplace_back(count, std::move(text));
+    }
+    std::stable_sort(others.begin(), others.end(),
+                     [](const auto& a, const auto& b) { return a.first > b.first; });
+    for (auto& [count, text] : others) result.otherUuids.push_back(std::move(text));
     // The clock starts a second before the first advertisement, whether it was read ahead or let go.
     result.start = std::chrono::floor<std::chrono::seconds>(before.first) - 1s;
     BeaconContents contents(*uuid, ahead);

@@ -52,8 +52,12 @@ struct ScannerSummary {
     Date first{}, last{};
     /// The iBeacons it heard, by major and minor.
     std::set<std::pair<int, int>> beacons;
+    /// How often it heard each UUID, the first kMostUuidsCounted distinct ones.
+    std::map<std::string, std::uint64_t> uuids;
     /// "1,204 advertisements over 12:03.0, beacons 0/5 0/6"
     std::string heard() const;
+    /// "UUIDs DAF246CE-8363-11E4-B116-123B93F75CBA (1,100), F7826DA6-... (104)", or "no UUID"
+    std::string uuidsLine() const;
     /// "Room201: " and what it heard
     std::string line() const;
 };
@@ -65,8 +69,14 @@ struct ScannerList {
     std::uint64_t otherAdvertisements = 0;
     /// "A, B, C"
     std::string names() const;
+    /// The UUID heard most often over all scanners; of those heard equally often, the first in order of
+    /// their text. None without an iBeacon.
+    std::optional<std::string> mostHeardUuid() const;
+    /// The other UUIDs heard, most heard first.
+    std::vector<std::string> otherUuids(const std::string& chosen) const;
 };
 inline constexpr std::size_t kMostScanners = 256;
+inline constexpr std::size_t kMostUuidsCounted = 64;
 
 /// One pass over the recording. Throws platform::RecordingError for a file that is not what it claims.
 ScannerList listScanners(const std::filesystem::path& recording);
@@ -74,6 +84,8 @@ ScannerList listScanners(const std::filesystem::path& recording);
 struct ReplayResult {
     RecordingSummary summary;
     std::string uuid;
+    /// The other UUIDs heard where the app's was chosen (the advertisements read ahead), most heard first.
+    std::vector<std::string> otherUuids;
     Date start{};
     /// Every event, when ReplayOptions::keepTimeline.
     std::vector<TimelineEvent> timeline;

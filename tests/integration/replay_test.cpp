@@ -135,7 +135,8 @@ TEST(Replay, FourRoomsAreListedNamedInTheReportWithTheirVisitsAndATypoListsThem)
         for (const auto& event : result.timeline) {
             if (!event.as<events::NearbyDevices>()) continue;
             const auto device = eventJSON(event)["devices"][0];
-            EXPECT_TRUE(device["battery"].is_null() && device["firmware"].is_null() && device["tx_power"].is_null())
+            EXPECT_TRUE(device["battery"].is_null() && device["firmware"].is_null() &&
+                        device["tx_power"].is_null())
                 << device;
             EXPECT_THAT(event.text, ::testing::HasSubstr("battery ?"));
         }
@@ -278,6 +279,67 @@ TEST(Replay, APipePlaysAsItsFileAndABeaconFirstHeardLateGetsItsContent) {
     EXPECT_THAT(handedOn, ::testing::Contains("Near 1/1"));
 }
 
+// Three rooms, each with a fixed beacon of a UUID of its own heard more there than the app's carried beacon,
+// which all three hear: room by room the fixed beacons would win, over the store the app's does.
+TEST(Replay, TheAppsUuidIsChosenOnceOverEveryRoomAndTheRunSaysWhichItIgnored) {
+    const testing::TempFolder folder("pelm-replay-rooms");
+    const auto file = folder.path() / "rooms.jsonl";
+    const std::string app = "F7826DA64FA24E988024BC5B71E0893E";
+    const std::vector<std::string> fixed{"11111111111141118111111111111111",
+                                         "22222222222242228222222222222222",
+                                         "33333333333343338333333333333333"};
+    {
+        std::ofstream out(file);
+        const auto line = [&](std::int64_t t, const std::string& address, const std::string& uuid, int room) {
+            out << R"({"t":)" << 1'680'000'000'000 + t << R"(,"address":")" << address
+                << R"(","rssi":-60,"data":"0201061AFF4C000215)" << uuid << R"(00010001C5","scanner":"Room)"
+                << room << "\"}\n";
+        };
+        for (std::int64_t t = 0; t < 100'000; t += 1000) {
+            for (int room = 1; room <= 3; ++room) {
+                line(t, "fixed-" + std::to_string(room), fixed[room - 1], room);
+                if (t < 60'000) line(t + 500, "carried", app, room);
+            }
+        }
+    }
+    const auto list = listScanners(file);
+    ASSERT_EQ(list.scanners.size(), 3u);
+    EXPECT_EQ(list.scanners[0].uuidsLine(),
+              "UUIDs 11111111-1111-4111-8111-111111111111 (100), F7826DA6-4FA2-4E98-8024-BC5B71E0893E (60)");
+    ASSERT_EQ(list.mostHeardUuid(), "F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
+    EXPECT_EQ(list.otherUuids(*list.mostHeardUuid()).size(), 3u);
+
+    // Each room, replayed with the chosen UUID, gives the carried beacon's visit; left to itself a room
+    // would have watched its fixed beacon.
+    for (const auto& scanner : list.scanners) {
+        ReplayOptions options;
+        options.recording = file;
+        options.scanner = scanner.name;
+        const auto alone = runReplay(options);
+        EXPECT_NE(alone.uuid, *list.mostHeardUuid());
+        EXPECT_EQ(alone.otherUuids, std::vector<std::string>{"F7826DA6-4FA2-4E98-8024-BC5B71E0893E"});
+        options.uuid = list.mostHeardUuid();
+        const auto chosen = runReplay(options);
+        ASSERT_EQ(chosen.failure, "");
+        ASSERT_EQ(chosen.storedVisits.size(), 1u) << scanner.name;
+        EXPECT_EQ(chosen.storedVisits[0]["beacon"]["uuid"], "F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
+    }
+#ifdef PELM_CLI
+    // The tool makes the same choice for --scanner all, and says so.
+    const auto command = std::string(PELM_CLI) + " replay " + file.string() + " --scanner all 2>&1";
+    std::string output;
+    if (auto* pipe = ::popen(command.c_str(), "r")) {
+        char buffer[4096];
+        while (const auto n = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, n);
+        EXPECT_EQ(::pclose(pipe), 0) << output;
+    }
+    EXPECT_THAT(output,
+                ::testing::HasSubstr("Watched UUID F7826DA6-4FA2-4E98-8024-BC5B71E0893E (the most "
+                                     "heard); ignored 3 others: 11111111-1111-4111-8111-111111111111"));
+    EXPECT_THAT(output, ::testing::Not(::testing::HasSubstr("no visit")));
+#endif
+}
+
 // Memory is measured only where no sanitizer adds its own to every allocation.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -321,9 +383,9 @@ long ownPeakKiB() {
 bool smallEnoughToMeasure() {
     return ownPeakKiB() < 48 * 1024;
 }
-#define SKIP_UNLESS_SMALL_ENOUGH_TO_MEASURE()                                                             \
-    if (!smallEnoughToMeasure())                                                                          \
-    GTEST_SKIP() << "run by itself (ctest does): this process's peak of " << ownPeakKiB()                 \
+#define SKIP_UNLESS_SMALL_ENOUGH_TO_MEASURE()                                             \
+    if (!smallEnoughToMeasure())                                                          \
+    GTEST_SKIP() << "run by itself (ctest does): this process's peak of " << ownPeakKiB() \
                  << " KiB would be counted as the replay's"
 
 // The replay and its report, which is drawn up as the run goes; the page, for what it should say.

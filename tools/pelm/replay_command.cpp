@@ -48,12 +48,27 @@ int listScannersOf(const ReplayOptions& options) {
     const auto list = listScanners(options.recording);
     std::printf("%s: %zu scanner%s\n", options.recording.c_str(), list.scanners.size(),
                 list.scanners.size() == 1 ? "" : "s");
-    for (const auto& scanner : list.scanners) std::printf("  %s\n", scanner.line().c_str());
+    for (const auto& scanner : list.scanners) {
+        std::printf("  %s\n", scanner.line().c_str());
+        if (!scanner.uuids.empty()) std::printf("    %s\n", scanner.uuidsLine().c_str());
+    }
     if (list.otherAdvertisements > 0) {
         std::printf("  and more: %llu advertisements from receivers beyond the first %zu\n",
                     static_cast<unsigned long long>(list.otherAdvertisements), kMostScanners);
     }
     return 0;
+}
+
+// "Watched UUID X (the most heard); ignored Y, Z": which beacons were the app's and which were not.
+std::string watchedLine(const std::string& uuid, const std::vector<std::string>& others,
+                        const ReplayOptions& options) {
+    std::string line = "Watched UUID " + uuid + (options.uuid ? " (--uuid)" : " (the most heard)");
+    if (others.empty()) return line;
+    line += "; ignored " + std::to_string(others.size()) + " other" + (others.size() == 1 ? "" : "s") + ":";
+    constexpr std::size_t kNamed = 3;
+    for (std::size_t i = 0; i < others.size() && i < kNamed; ++i) line += (i == 0 ? " " : ", ") + others[i];
+    if (others.size() > kNamed) line += ", ...";
+    return line;
 }
 
 // Warnings and the summary after a run; the exit code when it failed.
@@ -68,6 +83,8 @@ std::optional<int> reportRun(const ReplayOptions& options, const ReplayResult& r
     for (const auto& warning : result.timeWarnings)
         std::fprintf(stderr, "pelm replay: warning: %s\n", warning.c_str());
     std::printf("\n%s\n", result.summary.line().c_str());
+    if (!result.uuid.empty())
+        std::printf("%s\n", watchedLine(result.uuid, result.otherUuids, options).c_str());
     if (!options.host) {
         std::printf("The visits as the server stored them:\n");
         printStoredVisits(result.storedVisits, args.flag("json"));
@@ -94,6 +111,13 @@ int replayOne(ReplayOptions& options, const Arguments& args, const server::StopS
 int replayEachScanner(ReplayOptions& options, const Arguments& args, const server::StopSignals& stop,
                       RunOutput& output) {
     const auto list = listScanners(options.recording);
+    // One app in one store: the UUID is chosen once, over every room, not room by room.
+    if (!options.uuid) options.uuid = list.mostHeardUuid();
+    if (options.uuid) {
+        std::printf("%s, over all %zu scanners\n",
+                    watchedLine(*options.uuid, list.otherUuids(*options.uuid), ReplayOptions{}).c_str(),
+                    list.scanners.size());
+    }
     std::vector<RoomRun> rooms;
     for (const auto& scanner : list.scanners) {
         if (scanner.name.empty()) continue;
