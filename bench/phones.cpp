@@ -23,6 +23,11 @@
 #include <utility>
 #include <vector>
 
+// Boost 1.74 looks for clang's coroutines only in libc++'s <experimental/coroutine>; with libstdc++'s
+// <coroutine> clang has them all the same.
+#if defined(__clang__) && defined(__cpp_impl_coroutine) && __has_include(<coroutine>)
+#define BOOST_ASIO_HAS_CO_AWAIT 1
+#endif
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>

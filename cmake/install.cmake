@@ -37,7 +37,13 @@ install(FILES ${PROJECT_BINARY_DIR}/pelmConfig.cmake ${PROJECT_BINARY_DIR}/pelmC
 # pkg-config: `pkg-config --cflags --libs pelm`; the libraries libpelm calls are listed for `--static`.
 # The prefix is found from the file's own place, so that an install moved elsewhere (or made with --prefix)
 # still points at itself.
-set(PELM_PC_REQUIRES_PRIVATE "libcurl, openssl, sdbus-c++, libsystemd")
+# A shared libpelm carries its libraries as its own dependencies; only a static one needs their .pc files, so
+# only a static one names them (a machine with just the packages has none of their -dev files).
+if(PELM_SHARED)
+  set(PELM_PC_REQUIRES_PRIVATE_LINE "")
+else()
+  set(PELM_PC_REQUIRES_PRIVATE_LINE "Requires.private: libcurl, openssl, sdbus-c++, libsystemd")
+endif()
 file(RELATIVE_PATH PELM_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/pelm.pc.in ${PROJECT_BINARY_DIR}/pelm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/pelm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)

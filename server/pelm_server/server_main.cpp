@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <optional>
+#include <vector>
 
 #include <pelm/model/json_text.hpp>
 #include <pelm/platform/linux/bounded_file.hpp>
@@ -85,6 +87,21 @@ int listSessions(const PelmServer::Options& options) {
     return 0;
 }
 
+// The files a start would make that are not there yet: a start that fails (a port in use, a bad seed) takes
+// them away again, so a typo leaves no database or certificate folder behind.
+std::vector<std::filesystem::path> notYetMade(const PelmServer::Options& options) {
+    std::vector<std::filesystem::path> paths;
+    const bool sqliteFile = options.database != ":memory:" && !options.database.starts_with("postgres");
+    if (sqliteFile) {
+        for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+            paths.emplace_back(options.database + suffix);
+    }
+    if (options.certificateFolder) paths.push_back(*options.certificateFolder);
+    std::error_code ignored;
+    std::erase_if(paths, [&](const auto& path) { return std::filesystem::exists(path, ignored); });
+    return paths;
+}
+
 int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, const ServeStyle& style) {
     // Before the server's threads start, so that the signals come to the watcher alone. Until the server
     // listens there is nothing to finish: a stop then ends the process at once, even while a database keeps
@@ -94,9 +111,19 @@ int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, c
     static std::string stoppedWhileStarting;
     stoppedWhileStarting = style.program + ": stopped while starting; nothing was served";
     stop.exitAtOnce(stoppedWhileStarting.c_str());
-    PelmServer server(options);
-    if (seed) server.store().seed(*seed);
-    server.start();
+    const auto fresh = notYetMade(options);
+    std::optional<PelmServer> started;
+    try {
+        started.emplace(options);
+        if (seed) started->store().seed(*seed);
+        started->start();
+    } catch (...) {
+        started.reset();
+        std::error_code ignored;
+        for (const auto& path : fresh) std::filesystem::remove_all(path, ignored);
+        throw;
+    }
+    auto& server = *started;
     stop.stopExitingAtOnce();
     std::printf("pelm-server listening on https://%s:%d (%s)\n", options.bindAddress.c_str(), server.port(),
                 server.store().description().c_str());

@@ -84,9 +84,17 @@ cp -r "$example" "$work/minimal_host"
 # As the README says it: the default generator, nothing set.
 cmake -S "$work/minimal_host" -B "$work/cmake" >/dev/null || fail "find_package(pelm) failed"
 cmake --build "$work/cmake" >/dev/null || fail "minimal_host did not build with find_package"
-# shellcheck disable=SC2046  # pkg-config's flags are separate words
-g++ -o "$work/minimal_host_pc" "$example/main.cpp" $(pkg-config --cflags --libs pelm) ||
-  fail "minimal_host did not build with pkg-config"
+# pkg-config sees only the .pc files the packages brought (libpelm-dev and what it depends on): a machine
+# with only the packages has no other -dev files to lend it.
+pcdir="$work/pkgconfig-of-the-packages"
+mkdir -p "$pcdir"
+for package in libpelm-dev $(dpkg-query -W -f='${Depends}' libpelm-dev | tr ',' '\n' | sed 's/^ *//;s/[ (].*//'); do
+  dpkg -L "$package" 2>/dev/null | grep '\.pc$' | while read -r pc; do ln -sf "$pc" "$pcdir/"; done
+done
+flags=$(PKG_CONFIG_LIBDIR="$pcdir" pkg-config --cflags --libs pelm 2>"$work/pkg-config.txt") ||
+  fail "pkg-config pelm needs files the packages do not bring: $(cat "$work/pkg-config.txt")"
+# shellcheck disable=SC2086  # pkg-config's flags are separate words
+g++ -o "$work/minimal_host_pc" "$example/main.cpp" $flags || fail "minimal_host did not build with pkg-config"
 # With no arguments it loads libpelm.so.2 from /usr and answers with its usage line.
 status=0
 "$work/minimal_host_pc" >/dev/null 2>"$work/usage.txt" || status=$?

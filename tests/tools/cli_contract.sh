@@ -94,6 +94,16 @@ server=$!
 trap 'kill $server 2>/dev/null' EXIT
 for _ in $(seq 200); do grep -q "Ctrl-C stops it" "$work/server.txt" && break; sleep 0.05; done
 ca="$work/server/pelm-server-certificate/ca.pem"
+# A start that fails takes away what it made: no database or certificate folder is left by a typo.
+mkdir -p "$work/failed-start"
+printf '{"apps": 1}' >"$work/failed-start/seed.json"
+for words in "--port $port" "--port 0 --seed seed.json"; do
+  # shellcheck disable=SC2086
+  (cd "$work/failed-start" && exec "$pelm" serve $words) >/dev/null 2>"$work/err.txt" &&
+    { echo "pelm serve $words started"; exit 1; }
+  left=$(ls "$work/failed-start" | grep -v '^seed.json$')
+  [ -z "$left" ] || { echo "pelm serve $words failed and left $left"; exit 1; }
+done
 shop=(--config-dir "$work/shop" --app shop)
 expect 1 "^pelm setup: the CA file /etc/hostname holds no PEM certificate$" \
   "$pelm" setup --token demo-token --host "localhost:$port" --ca /etc/hostname --config-dir "$work/no-pem" --app shop
