@@ -2,6 +2,7 @@
 // No server here: the session manager has no client, so no content is looked up.
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 #include <pelm/events/visit_event.hpp>
+#include <pelm/events/visit_event_hub.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 #include <pelm/session/pelm_session_manager.hpp>
 
@@ -295,6 +296,26 @@ TEST(DiscoveredBeacon, CopiesAreIndependent) {
     auto copy = *first;
     copy.identifier = "changed";
     EXPECT_EQ(first->identifier, "id");
+}
+
+}  // namespace
+}  // namespace pelm
+
+namespace pelm {
+namespace {
+
+// A ranged beacon's distance estimate, as the visit events name it: under half a metre immediate, under three
+// near, farther far, and a negative estimate (the radio could not tell) unknown.
+TEST(VisitEventProximity, EachBandStartsAtItsBoundary) {
+    using events::Proximity;
+    const std::vector<std::pair<double, Proximity>> cases{
+        {-1.0, Proximity::Unknown},     {-0.001, Proximity::Unknown}, {0.0, Proximity::Immediate},
+        {0.4999, Proximity::Immediate}, {0.5, Proximity::Near},       {2.9999, Proximity::Near},
+        {3.0, Proximity::Far},          {1e9, Proximity::Far}};
+    for (const auto& [accuracy, proximity] : cases) {
+        EXPECT_EQ(events::proximityName(events::proximityOf(accuracy)), events::proximityName(proximity))
+            << accuracy << " m";
+    }
 }
 
 }  // namespace

@@ -95,6 +95,18 @@ TEST_F(RegionEngineTest, EntryOnFirstAdvertisementExitAfterTheTimeoutAndNotBefor
 
 // A phone that starts watching a beacon it hears tells the state it is asked for, then the entry; the
 // beacon manager's sub-region entry (its line, its log line, its analytics) hangs on that entry.
+// The region is left at the tick that is exactly the timeout after its last advertisement, not one later:
+// a phone's exit content and the visit's end time both hang on that instant.
+TEST_F(RegionEngineTest, ARegionIsLeftExactlyAtTheTimeoutNotATickLater) {
+    monitor_->startMonitoring(region("main"));
+    hear(11, -60);  // on the ticks' phase: they come every second from now
+    recorder_->take();
+    platform_.loop->advance(29'999ms);
+    EXPECT_THAT(recorder_->take(), IsEmpty());
+    platform_.loop->advance(1ms);
+    EXPECT_THAT(recorder_->take(), ElementsAre("state 2 main", "exit main"));
+}
+
 TEST_F(RegionEngineTest, MonitoringStartedInsideTellsTheStateWhenAskedThenTheEntryOnce) {
     hear(11, -60);
     monitor_->startMonitoring(region("sub", 11));

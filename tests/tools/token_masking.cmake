@@ -15,3 +15,25 @@ execute_process(COMMAND ${PELM} settings --app shop --config-dir ${WORK_DIR} --s
 if(NOT status EQUAL 0 OR NOT whole MATCHES "\"secret-token-abcdef\"")
   message(FATAL_ERROR "--show-token does not show the token (exit ${status}):\n${whole}")
 endif()
+
+# Every length: below ten characters nothing of the token is shown; from ten on, its first five and last four,
+# never the whole. A short token shown whole is a token given away.
+set(alphabet "ABCDEFGHIJKLMNOPQRSTUVWXYZ")
+foreach(length RANGE 1 20)
+  string(SUBSTRING "${alphabet}" 0 ${length} token)
+  file(WRITE ${WORK_DIR}/shop.json "{\"pelm.apptoken\": \"${token}\", \"pelm.apihost\": \"h\"}\n")
+  execute_process(COMMAND ${PELM} settings --app shop --config-dir ${WORK_DIR}
+    OUTPUT_VARIABLE shown RESULT_VARIABLE status)
+  string(REGEX MATCH "pelm.apptoken[^\n]*" line "${shown}")
+  if(length LESS 10)
+    set(expected "…")
+  else()
+    math(EXPR tail_at "${length} - 4")
+    string(SUBSTRING "${token}" 0 5 head)
+    string(SUBSTRING "${token}" ${tail_at} 4 tail)
+    set(expected "${head}…${tail}")
+  endif()
+  if(NOT status EQUAL 0 OR NOT line MATCHES "\"${expected} \\(--show-token" OR (length GREATER 1 AND line MATCHES "${token}"))
+    message(FATAL_ERROR "a token of ${length} characters is shown as '${line}', not '${expected}'")
+  endif()
+endforeach()

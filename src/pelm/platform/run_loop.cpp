@@ -22,7 +22,9 @@ struct QueueState {
 
     std::mutex mutex_;
     std::condition_variable wake_;
-    std::deque<MainQueue::Task> ready_;
+    // Tasks ready to run, with the id of the timer each came from (0 for a posted task), so that a timer
+    // that fell due with others is still cancelled by a task that runs before it.
+    std::deque<std::pair<MainQueue::TimerId, MainQueue::Task>> ready_;
     std::multimap<SteadyTime, std::pair<MainQueue::TimerId, MainQueue::Task>> timers_;
     MainQueue::TimerId nextTimer_ = 1;
     bool stopping_ = false;
@@ -42,7 +44,7 @@ RunLoop::~RunLoop() = default;
 void RunLoop::post(Task task) {
     {
         std::lock_guard lock(state_->mutex_);
-        state_->ready_.push_back(std::move(task));
+        state_->ready_.emplace_back(0, std::move(task));
     }
     state_->wake_.notify_one();
 }
@@ -66,6 +68,10 @@ void RunLoop::cancel(TimerId timer) {
             return;
         }
     }
+    // Fallen due already, behind other tasks: taken out of the ready queue. Posted tasks carry 0, no timer's
+    // id.
+    if (timer == 0) return;
+    std::erase_if(state_->ready_, [timer](const auto& entry) { return entry.first == timer; });
 }
 
 bool detail::QueueState::runOne(std::optional<SteadyTime> deadline) {
@@ -78,12 +84,12 @@ bool detail::QueueState::runOne(std::optional<SteadyTime> deadline) {
             if (!timers_.empty() && timers_.begin()->first <= now) {
                 // Due timers join the ready queue in deadline order, behind what was posted before.
                 while (!timers_.empty() && timers_.begin()->first <= now) {
-                    ready_.push_back(std::move(timers_.begin()->second.second));
+                    ready_.push_back(std::move(timers_.begin()->second));
                     timers_.erase(timers_.begin());
                 }
             }
             if (!ready_.empty()) {
-                task = std::move(ready_.front());
+                task = std::move(ready_.front().second);
                 ready_.pop_front();
                 break;
             }
