@@ -107,17 +107,18 @@ struct VisitUploaded {
 
 /// What a nearby device did not tell: its record carries 0 or "" in each such place, which is no reading.
 struct UntoldValues {
-    bool transmissionPower = false;
-    bool firmwareVersion = false;
-    bool batteryLevel = false;
+    bool transmissionPower = false;  ///< It told no transmission power.
+    bool firmwareVersion = false;    ///< It told no firmware version.
+    bool batteryLevel = false;       ///< It told no battery level.
 };
 
 /// The beacon devices nearby, in the order discovery reported them, as the beacon manager's delegate
 /// receives them.
 struct NearbyDevices {
-    std::vector<DiscoveredBeacon> devices;
+    std::vector<DiscoveredBeacon> devices;  ///< As the delegate received them.
     /// For each of `devices` in turn, what it did not tell (all told when the list is shorter).
     std::vector<UntoldValues> untold;
+    /// What the device at index `device` of `devices` did not tell.
     UntoldValues untoldOf(std::size_t device) const {
         return device < untold.size() ? untold[device] : UntoldValues{};
     }

@@ -32,8 +32,12 @@ struct HttpReply {
     std::optional<std::string> error;
     /// With `error`, how far the call got: a server that answered with a reply that could not be taken (too
     /// large, cut short, a redirect that was refused) was reached; a request too large to make never left.
-    enum class Failure { noConnection, badReply, notSent };
-    Failure failure = Failure::noConnection;
+    enum class Failure {
+        noConnection,  ///< no reply came: connection, TLS or time-out
+        badReply,      ///< a reply came that could not be taken
+        notSent,       ///< the request could not be made
+    };
+    Failure failure = Failure::noConnection;  ///< How far a failed call got; see Failure.
 };
 
 /// Sends requests off the main queue. Each `send` ends in exactly one call of `completion`, posted to the
