@@ -110,10 +110,11 @@ TEST(RecordingReader, TheWrittenTraceFormAndAnyOtherJsonSpellingReadTheSame) {
     written.receiver = "Room201";
     const auto line = traceLine(written);
     EXPECT_EQ(line.substr(0, 48), R"({"t":1426289302732,"address":"beacon-0-5","rssi")");
-    const std::string spaced = R"({ "scanner" : "Room201", "data": ")" + line.substr(line.find("\"data\":\"") + 8,
-                                                                             2 * written.data.size()) +
+    const std::string spaced = R"({ "scanner" : "Room201", "data": ")" +
+                               line.substr(line.find("\"data\":\"") + 8, 2 * written.data.size()) +
                                R"(", "rssi": -71, "address": "beacon-0-5", "t": 1426289302732 })";
-    auto reader = RecordingReader::open(std::make_unique<std::istringstream>(line + "\n" + spaced + "\n"), "trace");
+    auto reader =
+        RecordingReader::open(std::make_unique<std::istringstream>(line + "\n" + spaced + "\n"), "trace");
     const auto all = readAll(*reader);
     ASSERT_EQ(all.size(), 2u);
     for (const auto& heard : all) {
@@ -152,6 +153,49 @@ TEST(RecordingReader, PcapWithDirectionKeepsOnlyWhatTheControllerSent) {
     EXPECT_EQ(parseIBeacon(all[1].data)->minor, 2);
     EXPECT_EQ(all[1].rssi, -60);
     EXPECT_EQ(all[1].at, Date{std::chrono::milliseconds(101'250)});
+}
+
+// HCI LE Meta event with one extended advertising report per (minor, tx power), from address ..:0N: what a
+// Bluetooth 5 controller sends when the host asked for extended scanning.
+Bytes extendedReportEvent(const std::vector<std::pair<std::uint8_t, std::uint8_t>>& reports,
+                          std::int8_t rssi) {
+    Bytes parameters{0x0D, static_cast<std::uint8_t>(reports.size())};
+    for (const auto& [minor, txPower] : reports) {
+        const auto data = beaconData(minor);
+        parameters.insert(parameters.end(), {0x13, 0x00, 0x00, minor, 0x02, 0x03, 0x04, 0x05, 0x06});
+        parameters.insert(parameters.end(), {0x01, 0x00, 0xFF, txPower, static_cast<std::uint8_t>(rssi)});
+        parameters.insert(parameters.end(), {0x00, 0x00, 0x00, 0, 0, 0, 0, 0, 0});
+        parameters.push_back(static_cast<std::uint8_t>(data.size()));
+        parameters.insert(parameters.end(), data.begin(), data.end());
+    }
+    Bytes event{0x3E, static_cast<std::uint8_t>(parameters.size())};
+    event.insert(event.end(), parameters.begin(), parameters.end());
+    return event;
+}
+
+// Newer phones and adapters scan with extended reports; their fields sit elsewhere than a legacy report's.
+TEST(RecordingReader, ExtendedAdvertisingReportsGiveAddressSignalTxPowerAndData) {
+    Bytes file;
+    for (std::uint32_t word : {0xA1B2C3D4u, 0x00040002u, 0u, 0u, 65535u, 201u}) put32(file, word, false);
+    Bytes body;
+    put32(body, 1, true);
+    body.push_back(0x04);
+    const auto event = extendedReportEvent({{5, 0xF8}, {6, 0x7F}}, -71);
+    body.insert(body.end(), event.begin(), event.end());
+    for (std::uint32_t word :
+         {100u, 0u, static_cast<std::uint32_t>(body.size()), static_cast<std::uint32_t>(body.size())})
+        put32(file, word, false);
+    file.insert(file.end(), body.begin(), body.end());
+    auto reader = fromBytes(file);
+    const auto all = readAll(*reader);
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[0].address, "06:05:04:03:02:05");
+    EXPECT_EQ(all[0].rssi, -71);
+    EXPECT_EQ(all[0].transmissionPower, -8);
+    EXPECT_EQ(parseIBeacon(all[0].data)->minor, 5);
+    // 0x7F is the controller's "no tx power": unknown, not 127 dBm.
+    EXPECT_EQ(all[1].transmissionPower, std::nullopt);
+    EXPECT_EQ(parseIBeacon(all[1].data)->minor, 6);
 }
 
 TEST(RecordingReader, PcapngInEitherByteOrderWithSeveralInterfacesAndBothPacketBlocks) {

@@ -2,6 +2,7 @@
 // plays the phone, the real session engine looks content up from pelm-server over HTTPS, and the host app's
 // delegate and the analytics events are checked step by step.
 #include <pelm/beacons/pelm_beacon_manager.hpp>
+#include <pelm/events/visit_event.hpp>
 #include <pelm/platform/ble/region_engine.hpp>
 #include <pelm/platform/sim/simulated_store.hpp>
 #include <pelm/sdk/settings_manager.hpp>
@@ -255,6 +256,29 @@ TEST_F(HostStopTest, WithoutAVisitNothingIsSentAndAnUploadUnderWayIsWaitedFor) {
     vendor().exit(region());
     EXPECT_EQ(stop(), VisitAtStop::uploaded);
     EXPECT_EQ(storedVisits(), 1u);
+}
+
+// An analytics listener may come while an upload is under way: it still hears which visit was stored.
+TEST_F(HostStopTest, AListenerThatComesDuringTheUploadHearsTheWholeVisit) {
+    walkIn();
+    vendor().exit(region(1, 11));
+    vendor().exit(region());  // the upload is sent now
+    struct Uploads : events::VisitEventListener {
+        void onVisitEvent(const events::VisitEvent& event) override {
+            if (const auto* upload = std::get_if<events::VisitUploaded>(&event.data))
+                heard.push_back(*upload);
+        }
+        std::vector<events::VisitUploaded> heard;
+    };
+    const auto listener = std::make_shared<Uploads>();
+    const auto subscription = events::subscribe(listener);
+    settle();
+    ASSERT_EQ(listener->heard.size(), 1u);
+    const auto& upload = listener->heard[0];
+    EXPECT_TRUE(upload.stored);
+    EXPECT_EQ(upload.beacon.minor, "11");
+    ASSERT_EQ(upload.lines.size(), 1u);
+    EXPECT_TRUE(upload.session.startTime.has_value());
 }
 
 TEST_F(HostStopTest, AVisitTheServerRefusesIsReportedLost) {
