@@ -89,7 +89,7 @@ cmake --build "$work/cmake" >/dev/null || fail "minimal_host did not build with 
 pcdir="$work/pkgconfig-of-the-packages"
 mkdir -p "$pcdir"
 for package in libpelm-dev $(dpkg-query -W -f='${Depends}' libpelm-dev | tr ',' '\n' | sed 's/^ *//;s/[ (].*//'); do
-  dpkg -L "$package" 2>/dev/null | grep '\.pc$' | while read -r pc; do ln -sf "$pc" "$pcdir/"; done
+  { dpkg -L "$package" 2>/dev/null || true; } | { grep '\.pc$' || true; } | while read -r pc; do ln -sf "$pc" "$pcdir/"; done
 done
 flags=$(PKG_CONFIG_LIBDIR="$pcdir" pkg-config --cflags --libs pelm 2>"$work/pkg-config.txt") ||
   fail "pkg-config pelm needs files the packages do not bring: $(cat "$work/pkg-config.txt")"
