@@ -14,7 +14,7 @@ For each fault the file is changed, build/plain is rebuilt incrementally, the te
 slow stages), and the file is put back whatever happens. A fault is caught when a test fails, missed when all
 pass, stale when its text is no longer in the file (once) or the change does not build.
 
-    scripts/mutants.py [--only TEXT] [--list] [--check]
+    scripts/mutants.py [--only TEXT] [--from N] [--list] [--check]
 """
 
 import argparse
@@ -100,11 +100,13 @@ def main():
     parser = argparse.ArgumentParser(description="Plants the faults of tests/mutants/*.txt one at a time.")
     parser.add_argument("--only", help="only the faults whose file or meaning contains this text")
     parser.add_argument("--list", action="store_true", help="list the faults and stop")
+    parser.add_argument("--from", dest="start", type=int, default=1, help="begin at this fault of the list")
     parser.add_argument("--check", action="store_true", help="check that each fault's text is found once")
     args = parser.parse_args()
     faults = read_faults()
     if args.only:
         faults = [f for f in faults if args.only in f["file"] or args.only in f["means"]]
+    faults = faults[args.start - 1:]
     if args.list:
         for f in faults:
             print(f"{f['file']}: {f['means']}")
