@@ -119,6 +119,15 @@ constexpr std::size_t kLookAhead = 1 << 16;
 
 using UUIDBytes = std::array<std::uint8_t, 16>;
 
+// UUIDs with how often each was heard, most heard first; equals keep the order of their text.
+std::vector<std::pair<std::string, std::uint64_t>> mostHeardFirst(
+    const std::map<std::string, std::uint64_t>& heard) {
+    std::vector<std::pair<std::string, std::uint64_t>> byCount(heard.begin(), heard.end());
+    std::stable_sort(byCount.begin(), byCount.end(),
+                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    return byCount;
+}
+
 // A beacon under the app's UUID, by major and minor.
 using BeaconNumbers = std::pair<std::uint16_t, std::uint16_t>;
 
@@ -386,9 +395,7 @@ std::string ScannerSummary::heard() const {
 
 std::string ScannerSummary::uuidsLine() const {
     if (uuids.empty()) return "no UUID";
-    std::vector<std::pair<std::string, std::uint64_t>> byCount(uuids.begin(), uuids.end());
-    std::stable_sort(byCount.begin(), byCount.end(),
-                     [](const auto& a, const auto& b) { return a.second > b.second; });
+    const auto byCount = mostHeardFirst(uuids);
     std::string text = byCount.size() == 1 ? "UUID" : "UUIDs";
     for (std::size_t i = 0; i < byCount.size(); ++i)
         text += (i == 0 ? " " : ", ") + byCount[i].first + " (" + withThousands(byCount[i].second) + ")";
@@ -402,11 +409,7 @@ std::vector<std::pair<std::string, std::uint64_t>> uuidsByCount(const std::vecto
     for (const auto& scanner : scanners) {
         for (const auto& [uuid, count] : scanner.uuids) total[uuid] += count;
     }
-    std::vector<std::pair<std::string, std::uint64_t>> byCount(total.begin(), total.end());
-    // Equals keep the order of their text.
-    std::stable_sort(byCount.begin(), byCount.end(),
-                     [](const auto& a, const auto& b) { return a.second > b.second; });
-    return byCount;
+    return mostHeardFirst(total);
 }
 
 }  // namespace
@@ -575,14 +578,11 @@ ReplayResult runReplay(const ReplayOptions& options,
         return result;
     }
     result.uuid = *uuid;
-    std::vector<std::pair<std::uint64_t, std::string>> others;
-    for (const auto& [bytes, count] : ahead.heard) {
-        auto text = platform::ProximityUUID{bytes}.uuidString();
-        if (text != *uuid) others.emplace_back(count, std::move(text));
+    std::map<std::string, std::uint64_t> heard;
+    for (const auto& [bytes, count] : ahead.heard) heard[platform::ProximityUUID{bytes}.uuidString()] = count;
+    for (auto& [text, count] : mostHeardFirst(heard)) {
+        if (text != *uuid) result.otherUuids.push_back(std::move(text));
     }
-    std::stable_sort(others.begin(), others.end(),
-                     [](const auto& a, const auto& b) { return a.first > b.first; });
-    for (auto& [count, text] : others) result.otherUuids.push_back(std::move(text));
     // The clock starts a second before the first advertisement, whether it was read ahead or let go.
     result.start = std::chrono::floor<std::chrono::seconds>(before.first) - 1s;
     BeaconContents contents(*uuid, ahead);
