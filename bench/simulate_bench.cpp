@@ -93,7 +93,7 @@ const Recorded& recordedDenseStore() {
             putBigEndian(r.snoop, 0x00DCDDB30F2F8000ULL + static_cast<std::uint64_t>(at.count()) * 1000, 8);
             r.snoop += event;
         };
-        auto loop = std::make_shared<platform::VirtualLoop>();
+        auto loop = std::make_shared<testing::VirtualLoop>();
         auto engine = std::make_shared<platform::RegionEngine>(loop);
         store.advertiseUntil(60s, *engine);
         return r;

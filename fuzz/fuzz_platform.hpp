@@ -17,9 +17,9 @@ class DiscardingLog final : public platform::LogSink {
 inline void installPlatform() {
     static const bool installed = [] {
         auto services = std::make_shared<platform::Platform>();
-        services->mainQueue = std::make_shared<platform::VirtualLoop>();
-        services->store = std::make_shared<platform::MemoryKeyValueStore>();
-        services->identity = std::make_shared<platform::FixedIdentity>(std::nullopt, "", "");
+        services->mainQueue = std::make_shared<testing::VirtualLoop>();
+        services->store = std::make_shared<testing::MemoryKeyValueStore>();
+        services->identity = std::make_shared<testing::FixedIdentity>(std::nullopt, "", "");
         services->log = std::make_shared<DiscardingLog>();
         platform::install(services);
         return true;

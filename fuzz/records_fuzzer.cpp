@@ -19,10 +19,10 @@ namespace {
 
 void installPlatform() {
     auto services = std::make_shared<pelm::platform::Platform>();
-    services->mainQueue = std::make_shared<pelm::platform::VirtualLoop>();
-    services->store = std::make_shared<pelm::platform::MemoryKeyValueStore>();
-    services->identity = std::make_shared<pelm::platform::FixedIdentity>(std::nullopt, "", "");
-    services->log = std::make_shared<pelm::platform::CapturedLogSink>();
+    services->mainQueue = std::make_shared<pelm::testing::VirtualLoop>();
+    services->store = std::make_shared<pelm::testing::MemoryKeyValueStore>();
+    services->identity = std::make_shared<pelm::testing::FixedIdentity>(std::nullopt, "", "");
+    services->log = std::make_shared<pelm::testing::CapturedLogSink>();
     pelm::platform::install(services);
 }
 

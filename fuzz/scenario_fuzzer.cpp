@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     try {
         const auto scenario = pelm::platform::Scenario::fromJSON(*json);
         pelm::platform::SimulatedStore store(scenario, size);
-        auto loop = std::make_shared<pelm::platform::VirtualLoop>();
+        auto loop = std::make_shared<pelm::testing::VirtualLoop>();
         auto engine = std::make_shared<pelm::platform::RegionEngine>(loop);
         store.advertiseUntil(std::min(scenario.duration(), std::chrono::milliseconds(2000)), *engine);
         (void)scenario.positionAt(scenario.duration() / 2);

@@ -7,7 +7,6 @@
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 #include <pelm/beacons/pelm_beacon_manager_delegate.hpp>
 #include <pelm/events/visit_event.hpp>
-#include <pelm/model/beacon.hpp>
 #include <pelm/model/content.hpp>
 #include <pelm/model/content_display_type.hpp>
 #include <pelm/model/date.hpp>
@@ -27,9 +26,7 @@
 #include <pelm/platform/linux/linux_platform.hpp>
 #include <pelm/platform/log_sink.hpp>
 #include <pelm/platform/main_queue.hpp>
-#include <pelm/platform/observer_list.hpp>
 #include <pelm/platform/platform.hpp>
-#include <pelm/platform/platform_states.hpp>
 #include <pelm/platform/proximity_uuid.hpp>
 #include <pelm/platform/region_monitor.hpp>
 #include <pelm/platform/run_loop.hpp>

@@ -119,10 +119,11 @@ constexpr std::size_t kLookAhead = 1 << 16;
 
 using UUIDBytes = std::array<std::uint8_t, 16>;
 
-// UUIDs with how often each was heard, most heard first; equals keep the order of their text.
-std::vector<std::pair<std::string, std::uint64_t>> mostHeardFirst(
-    const std::map<std::string, std::uint64_t>& heard) {
-    std::vector<std::pair<std::string, std::uint64_t>> byCount(heard.begin(), heard.end());
+// UUIDs (as text or as bytes, whose orders agree) with how often each was heard, most heard first; equals
+// keep the order of their text.
+template <class UUID>
+std::vector<std::pair<UUID, std::uint64_t>> mostHeardFirst(const std::map<UUID, std::uint64_t>& heard) {
+    std::vector<std::pair<UUID, std::uint64_t>> byCount(heard.begin(), heard.end());
     std::stable_sort(byCount.begin(), byCount.end(),
                      [](const auto& a, const auto& b) { return a.second > b.second; });
     return byCount;
@@ -254,15 +255,9 @@ LookAhead lookAhead(RecordingPass& pass, bool keep) {
 
 // The UUID heard most often ahead; of those heard equally often, the first in order of their text.
 std::optional<std::string> mostHeardUuid(const LookAhead& ahead) {
-    std::optional<std::string> most;
-    std::uint64_t best = 0;
-    for (const auto& [uuid, count] : ahead.heard) {
-        if (count > best) {
-            best = count;
-            most = platform::ProximityUUID{uuid}.uuidString();
-        }
-    }
-    return most;
+    const auto byCount = mostHeardFirst(ahead.heard);
+    if (byCount.empty()) return std::nullopt;
+    return platform::ProximityUUID{byCount.front().first}.uuidString();
 }
 
 // A recording that can be opened again and read from its start: a regular file.

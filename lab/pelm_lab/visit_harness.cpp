@@ -26,7 +26,7 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
                                public platform::LogSink,
                                public events::VisitEventListener {
   public:
-    Recorder(std::shared_ptr<platform::VirtualLoop> loop, std::function<void(const TimelineEvent&)> onEvent,
+    Recorder(std::shared_ptr<testing::VirtualLoop> loop, std::function<void(const TimelineEvent&)> onEvent,
              bool keep)
         : loop_(std::move(loop)), start_(loop_->now()), onEvent_(std::move(onEvent)), keep_(keep) {}
 
@@ -131,7 +131,7 @@ class VisitHarness::Recorder : public PelmBeaconManagerDelegate,
         if (onEvent_) onEvent_(event);
         if (keep_) events.push_back(std::move(event));
     }
-    std::shared_ptr<platform::VirtualLoop> loop_;
+    std::shared_ptr<testing::VirtualLoop> loop_;
     Date start_;
     std::function<void(const TimelineEvent&)> onEvent_;
     bool keep_;
@@ -157,16 +157,16 @@ VisitHarness::VisitHarness(const ServerChoice& server, Date start,
         token = server.token.value_or("demo-token");
         ca = embedded_->caFile()->string();
     }
-    loop_ = std::make_shared<platform::VirtualLoop>(start);
+    loop_ = std::make_shared<testing::VirtualLoop>(start);
     recorder_ = std::make_shared<Recorder>(loop_, std::move(onEvent), keepEvents);
     platform::CurlTransportOptions http;
     if (ca) http.extraCABundle = *ca;
     engine_ = std::make_shared<platform::RegionEngine>(loop_);
     services_ = std::make_shared<platform::Platform>();
     services_->mainQueue = loop_;
-    services_->store = std::make_shared<platform::MemoryKeyValueStore>();
+    services_->store = std::make_shared<testing::MemoryKeyValueStore>();
     services_->identity =
-        std::make_shared<platform::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
+        std::make_shared<testing::FixedIdentity>("5E1F0000-0000-4000-8000-00000000C0DE", "sim", "1");
     services_->log = recorder_;  // library faults join the timeline
     subscription_ = events::subscribe(recorder_);
     const auto watch = std::make_shared<RefusalWatch>(std::make_shared<platform::CurlTransport>(loop_, http));

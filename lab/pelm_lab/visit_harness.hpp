@@ -76,7 +76,7 @@ class VisitHarness {
 
     /// Empty once the configuration was fetched and monitoring runs; otherwise why not.
     const std::string& failure() const { return failure_; }
-    platform::VirtualLoop& loop() { return *loop_; }
+    testing::VirtualLoop& loop() { return *loop_; }
     /// One advertisement for the region engine, heard now, with its iBeacon frame (none for other data);
     /// iBeacons are also summed up, a Heard event a second.
     void hear(const platform::HeardAdvertisement& advertisement,
@@ -99,7 +99,7 @@ class VisitHarness {
     class Recorder;
     std::unique_ptr<server::PelmServer> embedded_;
     std::string folder_;
-    std::shared_ptr<platform::VirtualLoop> loop_;
+    std::shared_ptr<testing::VirtualLoop> loop_;
     std::shared_ptr<platform::RegionEngine> engine_;
     std::shared_ptr<Recorder> recorder_;
     std::shared_ptr<void> subscription_;

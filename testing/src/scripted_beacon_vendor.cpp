@@ -2,9 +2,9 @@
 
 #include <cstdio>
 
-namespace pelm::platform {
+namespace pelm::testing {
 
-std::string ScriptedBeaconVendor::describe(const BeaconRegion& region) {
+std::string ScriptedBeaconVendor::describe(const platform::BeaconRegion& region) {
     std::string text = region.identifier + " " + region.proximityUUID.uuidString();
     // Appended piece by piece: GCC 12 at -O3 misreads `" " + std::to_string(n)` as an overlapping copy.
     for (const auto& number : {region.major, region.minor}) {
@@ -23,15 +23,15 @@ std::string ScriptedBeaconVendor::describe(const BeaconRegion& region) {
     return text + " [" + flags + "]";
 }
 
-class ScriptedBeaconVendor::Monitor final : public RegionMonitor {
+class ScriptedBeaconVendor::Monitor final : public platform::RegionMonitor {
   public:
     explicit Monitor(ScriptedBeaconVendor& vendor) : vendor_(vendor) {}
     void requestLocationAlwaysAuthorization() override { note("requestLocationAlwaysAuthorization"); }
-    std::vector<BeaconRegion> monitoredRegions() const override {
+    std::vector<platform::BeaconRegion> monitoredRegions() const override {
         note("monitoredRegions");
         return values(vendor_.monitored);
     }
-    std::vector<BeaconRegion> rangedRegions() const override {
+    std::vector<platform::BeaconRegion> rangedRegions() const override {
         note("rangedRegions");
         return values(vendor_.ranged);
     }
@@ -43,27 +43,30 @@ class ScriptedBeaconVendor::Monitor final : public RegionMonitor {
         note("stopRangingBeaconsInAllRegions");
         vendor_.ranged.clear();
     }
-    void startMonitoring(const BeaconRegion& region) override {
+    void startMonitoring(const platform::BeaconRegion& region) override {
         note("startMonitoring " + describe(region));
         vendor_.monitored.insert_or_assign(region.identifier, region);
     }
-    void stopMonitoring(const BeaconRegion& region) override {
+    void stopMonitoring(const platform::BeaconRegion& region) override {
         note("stopMonitoring " + describe(region));
         vendor_.monitored.erase(region.identifier);
     }
-    void requestState(const BeaconRegion& region) override { note("requestState " + describe(region)); }
-    void startRanging(const BeaconRegion& region) override {
+    void requestState(const platform::BeaconRegion& region) override {
+        note("requestState " + describe(region));
+    }
+    void startRanging(const platform::BeaconRegion& region) override {
         note("startRanging " + describe(region));
         vendor_.ranged.insert_or_assign(region.identifier, region);
     }
-    void stopRanging(const BeaconRegion& region) override {
+    void stopRanging(const platform::BeaconRegion& region) override {
         note("stopRanging " + describe(region));
         vendor_.ranged.erase(region.identifier);
     }
 
   private:
-    static std::vector<BeaconRegion> values(const std::map<std::string, BeaconRegion>& regions) {
-        std::vector<BeaconRegion> list;
+    static std::vector<platform::BeaconRegion> values(
+        const std::map<std::string, platform::BeaconRegion>& regions) {
+        std::vector<platform::BeaconRegion> list;
         for (const auto& [identifier, region] : regions) list.push_back(region);
         return list;
     }
@@ -71,7 +74,7 @@ class ScriptedBeaconVendor::Monitor final : public RegionMonitor {
     ScriptedBeaconVendor& vendor_;
 };
 
-class ScriptedBeaconVendor::Scanner final : public DeviceScanner {
+class ScriptedBeaconVendor::Scanner final : public platform::DeviceScanner {
   public:
     explicit Scanner(ScriptedBeaconVendor& vendor) : vendor_(vendor) {}
     bool isDiscovering() const override {
@@ -97,40 +100,41 @@ class ScriptedBeaconVendor::Scanner final : public DeviceScanner {
     ScriptedBeaconVendor& vendor_;
 };
 
-std::unique_ptr<RegionMonitor> ScriptedBeaconVendor::makeRegionMonitor(
-    std::weak_ptr<RegionMonitorDelegate> delegate) {
+std::unique_ptr<platform::RegionMonitor> ScriptedBeaconVendor::makeRegionMonitor(
+    std::weak_ptr<platform::RegionMonitorDelegate> delegate) {
     calls.push_back("makeRegionMonitor");
     monitorDelegate_ = std::move(delegate);
     return std::make_unique<Monitor>(*this);
 }
 
-std::unique_ptr<DeviceScanner> ScriptedBeaconVendor::makeDeviceScanner(
-    std::weak_ptr<DeviceScannerDelegate> delegate) {
+std::unique_ptr<platform::DeviceScanner> ScriptedBeaconVendor::makeDeviceScanner(
+    std::weak_ptr<platform::DeviceScannerDelegate> delegate) {
     calls.push_back("makeDeviceScanner");
     scannerDelegate_ = std::move(delegate);
     return std::make_unique<Scanner>(*this);
 }
 
-void ScriptedBeaconVendor::authorize(AuthorizationStatus status) {
+void ScriptedBeaconVendor::authorize(platform::AuthorizationStatus status) {
     if (auto delegate = monitorDelegate_.lock()) delegate->didChangeLocationAuthorizationStatus(status);
 }
-void ScriptedBeaconVendor::determine(RegionState state, const BeaconRegion& region) {
+void ScriptedBeaconVendor::determine(platform::RegionState state, const platform::BeaconRegion& region) {
     if (auto delegate = monitorDelegate_.lock()) delegate->didDetermineState(state, region);
 }
-void ScriptedBeaconVendor::enter(const BeaconRegion& region) {
+void ScriptedBeaconVendor::enter(const platform::BeaconRegion& region) {
     if (auto delegate = monitorDelegate_.lock()) delegate->didEnterRegion(region);
 }
-void ScriptedBeaconVendor::exit(const BeaconRegion& region) {
+void ScriptedBeaconVendor::exit(const platform::BeaconRegion& region) {
     if (auto delegate = monitorDelegate_.lock()) delegate->didExitRegion(region);
 }
-void ScriptedBeaconVendor::range(const std::vector<RangedBeacon>& beacons, const BeaconRegion& region) {
+void ScriptedBeaconVendor::range(const std::vector<platform::RangedBeacon>& beacons,
+                                 const platform::BeaconRegion& region) {
     if (auto delegate = monitorDelegate_.lock()) delegate->didRangeBeacons(beacons, region);
 }
-void ScriptedBeaconVendor::discover(const std::optional<std::vector<NearbyDevice>>& devices) {
+void ScriptedBeaconVendor::discover(const std::optional<std::vector<platform::NearbyDevice>>& devices) {
     if (auto delegate = scannerDelegate_.lock()) delegate->didDiscoverDevices(devices);
 }
 void ScriptedBeaconVendor::failDiscovery(const std::optional<std::string>& error) {
     if (auto delegate = scannerDelegate_.lock()) delegate->didFailToStartDiscovery(error);
 }
 
-}  // namespace pelm::platform
+}  // namespace pelm::testing

@@ -1,6 +1,6 @@
 #include <pelm/testing/virtual_loop.hpp>
 
-namespace pelm::platform {
+namespace pelm::testing {
 
 VirtualLoop::VirtualLoop(Date start) : now_(start) {}
 
@@ -17,7 +17,7 @@ void VirtualLoop::post(Task task) {
     arrived_.notify_all();
 }
 
-MainQueue::TimerId VirtualLoop::postAfter(std::chrono::milliseconds delay, Task task) {
+VirtualLoop::TimerId VirtualLoop::postAfter(std::chrono::milliseconds delay, Task task) {
     std::lock_guard lock(mutex_);
     const auto id = nextTimer_++;
     timers_.emplace(now_ + delay, std::pair{id, std::move(task)});
@@ -34,7 +34,7 @@ void VirtualLoop::cancel(TimerId timer) {
     }
 }
 
-MainQueue::Ticket VirtualLoop::beginExternalWork() {
+VirtualLoop::Ticket VirtualLoop::beginExternalWork() {
     std::lock_guard lock(mutex_);
     const auto ticket = nextTicket_++;
     external_.emplace(ticket, std::nullopt);
@@ -110,4 +110,4 @@ bool VirtualLoop::advanceToNextTimer() {
     return true;
 }
 
-}  // namespace pelm::platform
+}  // namespace pelm::testing

@@ -29,9 +29,8 @@ class BeaconManagerTest : public ::testing::Test {
         SettingsManager::sharedInstance()->setKontaktIoAPIKey(key);
         SettingsManager::sharedInstance()->setDefaultBeaconUUID(uuid);
     }
-    std::shared_ptr<testing::RecordingBeaconManager> make(bool delegateFirst = false) {
-        auto manager =
-            PelmBeaconManager::make<testing::RecordingBeaconManager>(delegateFirst ? host_ : nullptr);
+    std::shared_ptr<PelmBeaconManager> make(bool delegateFirst = false) {
+        auto manager = analytics_.make(delegateFirst ? host_ : nullptr);
         manager->delegate = host_;
         return manager;
     }
@@ -45,9 +44,10 @@ class BeaconManagerTest : public ::testing::Test {
         r.notifyOnEntry = r.notifyOnExit = r.notifyEntryStateOnDisplay = true;
         return r;
     }
-    platform::ScriptedBeaconVendor& vendor() { return *platform_.vendor; }
+    testing::ScriptedBeaconVendor& vendor() { return *platform_.vendor; }
 
     testing::TestPlatform platform_;
+    testing::AnalyticsRecorder analytics_;
     std::shared_ptr<testing::RecordingBeaconDelegate> host_ =
         std::make_shared<testing::RecordingBeaconDelegate>();
 };
@@ -80,7 +80,7 @@ TEST_F(BeaconManagerTest, AKeyWithoutAValidUuidSetsUpTheVendorButNoMainRegion) {
                                                   "requestLocationAlwaysAuthorization", "monitoredRegions",
                                                   "rangedRegions", "stopMonitoringForAllRegions",
                                                   "stopRangingBeaconsInAllRegions", "makeDeviceScanner"));
-    EXPECT_FALSE(manager->mainRegion());
+    EXPECT_FALSE(testing::engineOf(*manager).mainRegion());
     manager->startMonitoring();
     EXPECT_THAT(vendor().calls, IsEmpty());
     EXPECT_THAT(platform_.lines(),
@@ -93,8 +93,8 @@ TEST_F(BeaconManagerTest, KeyAndUuidGiveAMainRegionAndDropLeftoverRegions) {
     vendor().monitored["older"] = region(5, 6);
     const auto manager = make(/*delegateFirst=*/true);
     EXPECT_TRUE(vendor().monitored.empty());
-    ASSERT_TRUE(manager->mainRegion());
-    EXPECT_EQ(platform::ScriptedBeaconVendor::describe(*manager->mainRegion()), kMain);
+    ASSERT_TRUE(testing::engineOf(*manager).mainRegion());
+    EXPECT_EQ(testing::ScriptedBeaconVendor::describe(*testing::engineOf(*manager).mainRegion()), kMain);
     // Only a delegate there before set-up hears these four lines.
     EXPECT_THAT(host_->take(),
                 ElementsAre("log Monitored Regions: 2", "log Ranged Regions: 0",
@@ -135,11 +135,12 @@ TEST_F(BeaconManagerTest, StatesInsideStartDiscoveryAndRangingAndASubRegionAlsoA
     EXPECT_THAT(host_->take(),
                 ElementsAre("log DidDetermineState state: Unknown", "log DidDetermineState state: Outside",
                             "log Starting discovery with interval", "log DidDetermineState state: Inside"));
-    EXPECT_THAT(manager->sessionManager()->unfinishedSessionLogs(), IsEmpty());
+    EXPECT_THAT(testing::engineOf(*manager).sessionManager()->unfinishedSessionLogs(), IsEmpty());
 
     vendor().determine(RegionState::Inside, region(1, 11));
     vendor().enter(region(1, 11));
-    EXPECT_EQ(manager->sessionManager()->unfinishedSessionLogs().size(), 2u);  // state and entry: two lines
+    EXPECT_EQ(testing::engineOf(*manager).sessionManager()->unfinishedSessionLogs().size(),
+              2u);  // state and entry: two lines
 }
 
 TEST_F(BeaconManagerTest, RangingOffersEachBeaconAndWatchesOnlyNewOnes) {
@@ -160,14 +161,14 @@ TEST_F(BeaconManagerTest, RangingOffersEachBeaconAndWatchesOnlyNewOnes) {
                                            "log Starting monitoring for: major: 0 minor: 65535"));
     // One sub-region at a time: the second replaced the first.
     EXPECT_EQ(vendor().monitored.size(), 1u);
-    EXPECT_EQ(manager->sessionManager()->discoveredBeacons().size(), 2u);
+    EXPECT_EQ(testing::engineOf(*manager).sessionManager()->discoveredBeacons().size(), 2u);
 }
 
 TEST_F(BeaconManagerTest, LeavingTheMainRegionFinishesTheVisitAndStopsDiscovery) {
     store("kontakt-key", kUuid);
     const auto manager = make();
     vendor().enter(region());
-    EXPECT_TRUE(manager->firstBeacon());
+    EXPECT_TRUE(testing::engineOf(*manager).firstBeacon());
     vendor().takeCalls();
     host_->take();
     vendor().exit(region());
@@ -176,7 +177,7 @@ TEST_F(BeaconManagerTest, LeavingTheMainRegionFinishesTheVisitAndStopsDiscovery)
                                            std::string("log Exiting MAIN Region: ") + kUuid,
                                            "log Cant' finish session, session logs array is empty (critical)",
                                            "log Stopping discovery with interval"));
-    EXPECT_THAT(manager->takeAnalytics(), IsEmpty());  // no sub-region was ever left
+    EXPECT_THAT(analytics_.take(), IsEmpty());  // no sub-region was ever left
 }
 
 TEST_F(BeaconManagerTest, DiscoveryStartsOnceStopsAlwaysAndReportsDevices) {

@@ -68,6 +68,34 @@ execute_process(COMMAND ${WORK_DIR}/build/consumer RESULT_VARIABLE result)
 if(result)
   message(FATAL_ERROR "the consumer failed")
 endif()
+execute_process(COMMAND ${WORK_DIR}/build/host_test RESULT_VARIABLE result)
+if(result)
+  message(FATAL_ERROR "the host's test with the installed pelm::testing kit failed")
+endif()
+
+# The shared library exports the pelm namespace and nothing else: an instantiation of the standard library
+# it exported would be bound by hosts in place of their own.
+file(GLOB shared_library ${WORK_DIR}/prefix/lib*/libpelm.so ${WORK_DIR}/prefix/lib/*/libpelm.so)
+if(shared_library)
+  find_program(NM nm REQUIRED)
+  execute_process(COMMAND ${NM} -D --defined-only -C ${shared_library} OUTPUT_VARIABLE symbols
+    RESULT_VARIABLE result)
+  if(result)
+    message(FATAL_ERROR "nm could not read ${shared_library}")
+  endif()
+  string(REPLACE "\n" ";" symbols "${symbols}")
+  set(foreign "")
+  foreach(symbol IN LISTS symbols)
+    string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] " "" name "${symbol}")
+    if(NOT name STREQUAL "" AND NOT name MATCHES "^((typeinfo|typeinfo name|vtable|VTT|guard variable) for |(non-)?virtual thunk to )?pelm::"
+       AND NOT name MATCHES "^PELM_[0-9.]+$")
+      string(APPEND foreign "\n  ${name}")
+    endif()
+  endforeach()
+  if(foreign)
+    message(FATAL_ERROR "libpelm.so exports more than the pelm namespace:${foreign}")
+  endif()
+endif()
 
 # The same consumer through pkg-config and a bare compiler.
 find_program(PKG_CONFIG pkg-config REQUIRED)

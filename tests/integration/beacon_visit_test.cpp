@@ -44,7 +44,7 @@ class BeaconVisitTest : public testing::ServerTest {
         settings->setApiHost(server_->host());
         settings->setDefaultBeaconUUID(testing::kUuid);
         settings->setKontaktIoAPIKey("kontakt-key");
-        manager_ = PelmBeaconManager::make<testing::RecordingBeaconManager>();
+        manager_ = analytics_.make();
         manager_->delegate = host_;
         vendor().takeCalls();
     }
@@ -52,7 +52,7 @@ class BeaconVisitTest : public testing::ServerTest {
         manager_.reset();
         ServerTest::TearDown();
     }
-    platform::ScriptedBeaconVendor& vendor() { return *platform_->vendor; }
+    testing::ScriptedBeaconVendor& vendor() { return *platform_->vendor; }
     static BeaconRegion region(std::optional<std::uint16_t> major = std::nullopt,
                                std::optional<std::uint16_t> minor = std::nullopt) {
         BeaconRegion r;
@@ -69,7 +69,8 @@ class BeaconVisitTest : public testing::ServerTest {
 
     std::shared_ptr<testing::RecordingBeaconDelegate> host_ =
         std::make_shared<testing::RecordingBeaconDelegate>();
-    std::shared_ptr<testing::RecordingBeaconManager> manager_;
+    std::shared_ptr<PelmBeaconManager> manager_;
+    testing::AnalyticsRecorder analytics_;
 };
 
 TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
@@ -100,9 +101,8 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
                                                     "log Starting monitoring for: major: 1 minor: 12",
                                                     "content 1", "log Did find new content: Cheese week",
                                                     "content 3", "log Did find new content: Fresh bread"));
-    EXPECT_THAT(manager_->takeAnalytics(),
-                UnorderedElementsAre("Beacon Views | Discovered | " + U + "+1+11",
-                                     "Beacon Views | Discovered | " + U + "+1+12"));
+    EXPECT_THAT(analytics_.take(), UnorderedElementsAre("Beacon Views | Discovered | " + U + "+1+11",
+                                                        "Beacon Views | Discovered | " + U + "+1+12"));
     // Heard again: nothing new.
     vendor().range({heard(11), heard(12)}, region());
     EXPECT_THAT(vendor().calls, IsEmpty());
@@ -118,12 +118,11 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
         ElementsAre("log Already discovery...", "log Session Log: major: 1 minor: 11 uuid: " + U,
                     "log DidDetermineState state: Inside", "log Entering SUB Region: " + U + " - 1 - 11",
                     "log Session Log: major: 1 minor: 11 uuid: " + U));
-    EXPECT_THAT(manager_->takeAnalytics(),
-                ElementsAre("Beacon Markt/Warengruppen | " + kStore + " | K\xC3\xA4se",
-                            "Beacon Markt/Verweildauer | " + kStore + " | Enter",
-                            "Beacon Views | " + kStore + " | " + U + "+1+11",
-                            "Beacon Warengruppe/Verweildauer | " + kStore + " | Enter",
-                            "Beacon Views | Discovered | " + U + "+1+11"));
+    EXPECT_THAT(analytics_.take(), ElementsAre("Beacon Markt/Warengruppen | " + kStore + " | K\xC3\xA4se",
+                                               "Beacon Markt/Verweildauer | " + kStore + " | Enter",
+                                               "Beacon Views | " + kStore + " | " + U + "+1+11",
+                                               "Beacon Warengruppe/Verweildauer | " + kStore + " | Enter",
+                                               "Beacon Views | Discovered | " + U + "+1+11"));
 
     // Half a minute later the user leaves the counter: exit content, the later line closes.
     platform_->loop->advance(30s);
@@ -133,10 +132,9 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
     EXPECT_THAT(host_->take(), ElementsAre("log Stop ranging for: major: 1 minor: 11 uuid: " + U,
                                            "log Exiting SUB Region: " + U + " - 1 - 11", "content 2",
                                            "log Did find new content: Goodbye"));
-    EXPECT_EQ(manager_->lastBeaconMajorId(), 1);
-    EXPECT_THAT(manager_->takeAnalytics(),
-                ElementsAre("Beacon Warengruppe/Verweildauer | " + kStore + " | Exit",
-                            "Beacon Views | Discovered | " + U + "+1+11"));
+    EXPECT_EQ(testing::engineOf(*manager_).lastBeaconMajorId(), 1);
+    EXPECT_THAT(analytics_.take(), ElementsAre("Beacon Warengruppe/Verweildauer | " + kStore + " | Exit",
+                                               "Beacon Views | Discovered | " + U + "+1+11"));
 
     // A minute later the user leaves the store: the visit is finished and uploaded, discovery stops.
     platform_->loop->advance(60s);
@@ -147,7 +145,7 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
         host_->take(),
         ElementsAre("log Stop ranging for: uuid: " + U, "log Exiting MAIN Region: " + U,
                     "log Stopping discovery with interval", "log Session upload successful finished"));
-    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Markt/Verweildauer | " + kStore + " | Exit"));
+    EXPECT_THAT(analytics_.take(), ElementsAre("Beacon Markt/Verweildauer | " + kStore + " | Exit"));
 
     // What the server stored: the line closed at the counter, then the one closed at the store's exit.
     const auto stored = server_->store().sessions();
@@ -163,15 +161,14 @@ TEST_F(BeaconVisitTest, OneVisitFromTheFirstCallbackToTheStoredSession) {
 TEST_F(BeaconVisitTest, ASecondSubRegionOfTheSameVisitIsNotTheFirstBeacon) {
     vendor().enter(region());
     vendor().enter(region(1, 11));
-    manager_->takeAnalytics();
+    analytics_.take();
     vendor().enter(region(1, 12));
-    EXPECT_THAT(manager_->takeAnalytics(),
-                ElementsAre("Beacon Markt/Warengruppen | " + kStore + " | Milchprodukte",
-                            "Beacon Views | " + kStore + " | " + U + "+1+12",
-                            "Beacon Warengruppe/Verweildauer | " + kStore + " | Enter",
-                            "Beacon Views | Discovered | " + U + "+1+12"));
+    EXPECT_THAT(analytics_.take(), ElementsAre("Beacon Markt/Warengruppen | " + kStore + " | Milchprodukte",
+                                               "Beacon Views | " + kStore + " | " + U + "+1+12",
+                                               "Beacon Warengruppe/Verweildauer | " + kStore + " | Enter",
+                                               "Beacon Views | Discovered | " + U + "+1+12"));
     vendor().enter(region());  // a new visit makes the next sub-region the first again
-    EXPECT_TRUE(manager_->firstBeacon());
+    EXPECT_TRUE(testing::engineOf(*manager_).firstBeacon());
 }
 
 TEST_F(BeaconVisitTest, TheStoreExitNamesTheLastBeaconLeftEvenFromAnEarlierVisit) {
@@ -181,9 +178,9 @@ TEST_F(BeaconVisitTest, TheStoreExitNamesTheLastBeaconLeftEvenFromAnEarlierVisit
     vendor().enter(region());
     vendor().exit(region());
     settle();
-    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Warengruppe/Verweildauer | Reserve | Exit",
-                                                       "Beacon Markt/Verweildauer | Reserve | Exit",
-                                                       "Beacon Markt/Verweildauer | Reserve | Exit"));
+    EXPECT_THAT(analytics_.take(), ElementsAre("Beacon Warengruppe/Verweildauer | Reserve | Exit",
+                                               "Beacon Markt/Verweildauer | Reserve | Exit",
+                                               "Beacon Markt/Verweildauer | Reserve | Exit"));
 }
 
 TEST_F(BeaconVisitTest, StatusLinesKeepTheirCriticalFlagAndNoDelegateDropsThem) {
@@ -194,7 +191,7 @@ TEST_F(BeaconVisitTest, StatusLinesKeepTheirCriticalFlagAndNoDelegateDropsThem) 
     vendor().range({heard(11)}, region());
     settle();
     EXPECT_THAT(host_->events, IsEmpty());
-    EXPECT_THAT(manager_->takeAnalytics(), ElementsAre("Beacon Views | Discovered | " + U + "+1+11"));
+    EXPECT_THAT(analytics_.take(), ElementsAre("Beacon Views | Discovered | " + U + "+1+11"));
 }
 
 // A host that stops: what becomes of the visit in progress.
@@ -208,7 +205,7 @@ class HostStopTest : public BeaconVisitTest {
         vendor().enter(region(1, 11));
         settle();
         host_->take();
-        manager_->takeAnalytics();
+        analytics_.take();
         vendor().takeCalls();
     }
     std::optional<VisitAtStop> stop() {
@@ -303,7 +300,7 @@ class LinuxVisitTest : public testing::ServerTest {
         settings->setKontaktIoAPIKey("kontakt-key");
         engine_ = std::make_shared<platform::RegionEngine>(platform_->loop);
         platform_->services->beaconVendor = engine_;
-        manager_ = PelmBeaconManager::make<testing::RecordingBeaconManager>();
+        manager_ = analytics_.make();
         manager_->delegate = host_;
     }
     void TearDown() override {
@@ -336,7 +333,8 @@ class LinuxVisitTest : public testing::ServerTest {
     std::shared_ptr<platform::RegionEngine> engine_;
     std::shared_ptr<testing::RecordingBeaconDelegate> host_ =
         std::make_shared<testing::RecordingBeaconDelegate>();
-    std::shared_ptr<testing::RecordingBeaconManager> manager_;
+    std::shared_ptr<PelmBeaconManager> manager_;
+    testing::AnalyticsRecorder analytics_;
 };
 
 TEST_F(LinuxVisitTest, ABeaconsSubRegionIsEnteredWithItsLineItsLogLinesAndAnalyticsRowsOneToFive) {
@@ -356,7 +354,7 @@ TEST_F(LinuxVisitTest, ABeaconsSubRegionIsEnteredWithItsLineItsLogLinesAndAnalyt
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "log Entering MAIN Region: " + U), 1);
     EXPECT_THAT(lines, ::testing::Contains("content 1"));
 
-    auto analytics = manager_->takeAnalytics();
+    auto analytics = analytics_.take();
     const std::vector<std::string> rows{"Beacon Markt/Warengruppen | " + kStore + " | K\xC3\xA4se",
                                         "Beacon Markt/Verweildauer | " + kStore + " | Enter",
                                         "Beacon Views | " + kStore + " | " + U + "+1+11",

@@ -279,6 +279,37 @@ TEST(Replay, APipePlaysAsItsFileAndABeaconFirstHeardLateGetsItsContent) {
     EXPECT_THAT(handedOn, ::testing::Contains("Near 1/1"));
 }
 
+// Two UUIDs heard equally often: the first in order of their text is watched, whichever was heard first, in
+// one room or over all of them, so that the same recording always gives the same visits.
+TEST(Replay, OfUuidsHeardEquallyOftenTheFirstInTextIsChosen) {
+    const testing::TempFolder folder("pelm-replay-equals");
+    const auto file = folder.path() / "equals.jsonl";
+    {
+        std::ofstream out(file);
+        for (std::int64_t t = 0; t < 20'000; t += 1000) {
+            for (const auto& [address, uuid] :
+                 {std::pair{"late-in-text", "BBBBBBBBBBBB4BBB8BBBBBBBBBBBBBBB"},
+                  std::pair{"early-in-text", "AAAAAAAAAAAA4AAA8AAAAAAAAAAAAAAA"}}) {
+                out << R"({"t":)" << 1'680'000'000'000 + t << R"(,"address":")" << address
+                    << R"(","rssi":-60,"data":"0201061AFF4C000215)" << uuid
+                    << R"(00010001C5","scanner":"Hall"})"
+                    << "\n";
+            }
+        }
+    }
+    ReplayOptions options;
+    options.recording = file;
+    const auto result = runReplay(options);
+    ASSERT_EQ(result.failure, "");
+    EXPECT_EQ(result.uuid, "AAAAAAAA-AAAA-4AAA-8AAA-AAAAAAAAAAAA");
+    EXPECT_EQ(result.otherUuids, std::vector<std::string>{"BBBBBBBB-BBBB-4BBB-8BBB-BBBBBBBBBBBB"});
+    const auto list = listScanners(file);
+    EXPECT_EQ(list.mostHeardUuid(), "AAAAAAAA-AAAA-4AAA-8AAA-AAAAAAAAAAAA");
+    ASSERT_EQ(list.scanners.size(), 1u);
+    EXPECT_EQ(list.scanners[0].uuidsLine(),
+              "UUIDs AAAAAAAA-AAAA-4AAA-8AAA-AAAAAAAAAAAA (20), BBBBBBBB-BBBB-4BBB-8BBB-BBBBBBBBBBBB (20)");
+}
+
 // Three rooms, each with a fixed beacon of a UUID of its own heard more there than the app's carried beacon,
 // which all three hear: room by room the fixed beacons would win, over the store the app's does.
 TEST(Replay, TheAppsUuidIsChosenOnceOverEveryRoomAndTheRunSaysWhichItIgnored) {

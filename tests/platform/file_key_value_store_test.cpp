@@ -33,7 +33,7 @@ class FileKeyValueStoreTest : public ::testing::Test {
     void SetUp() override {
         // Only what the store touches, and nothing that starts a thread: these tests fork, and a child forked
         // while another thread holds an allocator or libc lock can deadlock on its first allocation.
-        services_->mainQueue = std::make_shared<VirtualLoop>();
+        services_->mainQueue = std::make_shared<testing::VirtualLoop>();
         services_->log = log_;
         install(services_);
         file_ = folder_ / "nested" / "hostapp.json";
@@ -61,8 +61,8 @@ class FileKeyValueStoreTest : public ::testing::Test {
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
 
-    std::shared_ptr<CapturedLogSink> log_ =
-        std::make_shared<CapturedLogSink>();  // the store's own error lines
+    std::shared_ptr<testing::CapturedLogSink> log_ =
+        std::make_shared<testing::CapturedLogSink>();  // the store's own error lines
     std::shared_ptr<Platform> services_ = std::make_shared<Platform>();
     testing::TempFolder temp_{"pelm-store"};
     const fs::path& folder_ = temp_.path();

@@ -19,10 +19,10 @@ using ::testing::IsEmpty;
 const std::string kRecordings = std::string(PELM_TEST_DATA) + "/recordings/";
 
 struct Recorder : RegionMonitorDelegate {
-    std::shared_ptr<VirtualLoop> loop;
+    std::shared_ptr<testing::VirtualLoop> loop;
     Date start;
     std::vector<std::string> events;
-    explicit Recorder(std::shared_ptr<VirtualLoop> l) : loop(std::move(l)), start(loop->now()) {}
+    explicit Recorder(std::shared_ptr<testing::VirtualLoop> l) : loop(std::move(l)), start(loop->now()) {}
     void didChangeLocationAuthorizationStatus(AuthorizationStatus) override {}
     void didDetermineState(RegionState, const BeaconRegion&) override {}
     void didEnterRegion(const BeaconRegion& region) override { note("enter " + region.identifier); }
@@ -46,7 +46,7 @@ class PlayedBeaconVendorTest : public ::testing::Test {
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }
-    std::shared_ptr<VirtualLoop> loop_ = std::make_shared<VirtualLoop>();
+    std::shared_ptr<testing::VirtualLoop> loop_ = std::make_shared<testing::VirtualLoop>();
     std::shared_ptr<Recorder> recorder_ = std::make_shared<Recorder>(loop_);
 };
 

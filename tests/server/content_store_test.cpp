@@ -1,4 +1,5 @@
-// What the store keeps and answers, the same whichever database is behind it.
+// What the store keeps and answers, the same whichever database is behind it: every test runs on each backend
+// of kStoreBackends (tests/support/store_backends.hpp).
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -8,13 +9,32 @@
 #include <vector>
 
 #include "pelm_server/content_store.hpp"
-#include "support/test_database.hpp"
+#include "support/store_backends.hpp"
 
 namespace pelm::server {
 namespace {
 
-TEST(ContentStore, SeedErrorsNameTheEntryAndChangeNothing) {
-    const auto owned = openContentStore(testing::testDatabase());
+class ContentStoreTest : public ::testing::TestWithParam<testing::StoreBackend> {
+  protected:
+    void SetUp() override {
+        if (const auto why = GetParam().unavailable()) GTEST_SKIP() << *why;
+        database_ = GetParam().freshDatabase(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    }
+    void TearDown() override {
+        if (!database_.empty() && std::filesystem::exists(database_)) std::filesystem::remove(database_);
+    }
+    /// A store on this test's database; each call opens another on the same one.
+    std::unique_ptr<ContentStore> open(
+        std::chrono::milliseconds cacheLifetime = ContentStore::kDefaultCacheLifetime) {
+        return openContentStore(database_, ContentStore::Open::CreateIfMissing, cacheLifetime);
+    }
+    std::string database_;
+};
+INSTANTIATE_TEST_SUITE_P(Backends, ContentStoreTest, ::testing::ValuesIn(testing::kStoreBackends),
+                         [](const auto& backend) { return std::string(backend.param.name); });
+
+TEST_P(ContentStoreTest, SeedErrorsNameTheEntryAndChangeNothing) {
+    const auto owned = open();
     auto& store = *owned;
     const auto bad = JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {}}],
         "contents": [{"app_token": "a", "display_type": "sideways", "beacon": {"uuid": "U", "major": 1, "minor": 2},
@@ -62,8 +82,8 @@ TEST(ContentStore, SeedErrorsNameTheEntryAndChangeNothing) {
               "contents[1].content.id: 7 is already the id of contents[0]");
 }
 
-TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {
-    const auto owned = openContentStore(testing::testDatabase());
+TEST_P(ContentStoreTest, FindsContentByBeaconRegardlessOfUuidCase) {
+    const auto owned = open();
     auto& store = *owned;
     store.seed(JSON::parse(R"({"apps": [{"app_token": "a", "app_config": {}}],
         "contents": [{"app_token": "a", "display_type": "entry", "beacon": {"uuid": "f7826da6-aaaa", "major": 1, "minor": 2},
@@ -84,14 +104,11 @@ TEST(ContentStore, FindsContentByBeaconRegardlessOfUuidCase) {
 
 // Uploads arriving together are written together: each is stored once, with its own lines, under its own id,
 // and all of them are in the file once the store is closed.
-TEST(ContentStore, ConcurrentUploadsAreEachStoredOnceWithTheirOwnLines) {
-    const auto file = std::filesystem::path(::testing::TempDir()) / "concurrent-uploads.db";
-    std::filesystem::remove(file);
-    const auto path = testing::testDatabase(file.string());
+TEST_P(ContentStoreTest, ConcurrentUploadsAreEachStoredOnceWithTheirOwnLines) {
     constexpr int kThreads = 16, kEach = 150;
     std::vector<std::vector<std::int64_t>> ids(kThreads);
     {
-        const auto owned = openContentStore(path);
+        const auto owned = open();
         auto& store = *owned;
         std::vector<std::thread> phones;
         for (int phone = 0; phone < kThreads; ++phone) {
@@ -109,7 +126,7 @@ TEST(ContentStore, ConcurrentUploadsAreEachStoredOnceWithTheirOwnLines) {
     for (const auto& each : ids) distinct.insert(each.begin(), each.end());
     EXPECT_EQ(distinct.size(), std::size_t{kThreads * kEach});
 
-    const auto stored = openContentStore(path)->sessions();
+    const auto stored = open()->sessions();
     ASSERT_EQ(stored.size(), std::size_t{kThreads * kEach});
     for (const auto& session : stored) {
         const auto user = session["session_user"].get<std::string>();
@@ -118,17 +135,13 @@ TEST(ContentStore, ConcurrentUploadsAreEachStoredOnceWithTheirOwnLines) {
         EXPECT_EQ(session["session_logs"][0]["minor"], user);
         EXPECT_EQ(session["session_logs"][1]["minor"], user + "b");
     }
-    std::filesystem::remove(file);
 }
 
 // A phone that never heard the answer sends its visit again, perhaps to another server sharing the database:
 // it is kept once, under the id of the first, whatever bytes the texts hold.
-TEST(ContentStore, AnUploadSentAgainIsKeptOnceAndOddTextsAreKept) {
-    const auto file = std::filesystem::path(::testing::TempDir()) / "uploads-again.db";
-    std::filesystem::remove(file);
-    const auto database = testing::testDatabase(file.string());
-    const auto first = openContentStore(database);
-    const auto second = openContentStore(database);
+TEST_P(ContentStoreTest, AnUploadSentAgainIsKeptOnceAndOddTextsAreKept) {
+    const auto first = open();
+    const auto second = open();
     const std::string odd = std::string("K\xC3\xA4se \xFF\xFE ") + '\0' + " \xF0\x9F\x8D\x9E";
     const JSON session = {{"start_time", "2016-07-16T19:20:30.450+0200"}, {"app_version", odd}};
     const JSON lines = JSON::array({{{"uuid", "A"}, {"major", "1"}, {"minor", "11"}}, {{"minor", 12}}});
@@ -141,18 +154,13 @@ TEST(ContentStore, AnUploadSentAgainIsKeptOnceAndOddTextsAreKept) {
     ASSERT_EQ(stored[0]["session_logs"].size(), 2u);
     EXPECT_EQ(stored[0]["session_logs"][0]["minor"], "11");
     EXPECT_EQ(stored[0]["session_logs"][1], JSON::object());  // a number is not a text
-    std::filesystem::remove(file);
 }
 
 // Contents changed by other hands (another server's seed, an editor of the database) are served once the
 // cache lifetime has passed.
-TEST(ContentStore, AChangeMadeElsewhereIsServedWithinTheCacheLifetime) {
-    const auto file = std::filesystem::path(::testing::TempDir()) / "changed-elsewhere.db";
-    std::filesystem::remove(file);
-    const auto database = testing::testDatabase(file.string());
-    const auto serving =
-        openContentStore(database, ContentStore::Open::CreateIfMissing, std::chrono::milliseconds(200));
-    const auto editor = openContentStore(database);
+TEST_P(ContentStoreTest, AChangeMadeElsewhereIsServedWithinTheCacheLifetime) {
+    const auto serving = open(std::chrono::milliseconds(200));
+    const auto editor = open();
     const auto seed = [](int minSdk) {
         return JSON{{"apps", {{{"app_token", "a"}, {"app_config", {{"min_sdk", std::to_string(minSdk)}}}}}}};
     };
@@ -165,7 +173,6 @@ TEST(ContentStore, AChangeMadeElsewhereIsServedWithinTheCacheLifetime) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ((*serving->appConfig("a"))["min_sdk"], "2");
-    std::filesystem::remove(file);
 }
 
 }  // namespace

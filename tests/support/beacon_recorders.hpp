@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <pelm/analytics/solvan_texts.hpp>
+#include <pelm/beacons/beacon_manager_engine.hpp>
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 #include <pelm/model/content.hpp>
 
@@ -33,24 +34,29 @@ class RecordingBeaconDelegate : public PelmBeaconManagerDelegate {
     std::vector<std::string> events;
 };
 
-/// A beacon manager whose analytics events are kept as "category | action | label"; the bridge still gets
-/// them and still does nothing. With a delegate given up front it also hears the set-up lines.
-class RecordingBeaconManager : public PelmBeaconManager {
+/// Makes beacon managers as a host does and keeps their analytics events as "category | action | label"
+/// (the bridge still gets them, and still does nothing).
+class AnalyticsRecorder {
   public:
-    std::vector<std::string> analytics;
-    std::vector<std::string> takeAnalytics() { return std::exchange(analytics, {}); }
+    /// A manager whose analytics this recorder keeps; with `early`, its delegate from the start, so that it
+    /// hears the set-up lines too.
+    std::shared_ptr<PelmBeaconManager> make(std::shared_ptr<PelmBeaconManagerDelegate> early = nullptr) {
+        return detail::BeaconManagerEngine::make(
+            {std::move(early), [events = events_](SolvanAnalyticsCategory category, const std::string& action,
+                                                  const std::optional<std::string>& label) {
+                 events->push_back(std::string(rawValue(category)) + " | " + action + " | " +
+                                   label.value_or("(none)"));
+             }});
+    }
+    std::vector<std::string> take() { return std::exchange(*events_, {}); }
 
-  protected:
-    friend class PelmBeaconManager;
-    explicit RecordingBeaconManager(std::shared_ptr<PelmBeaconManagerDelegate> early = nullptr) {
-        delegate = std::move(early);
-    }
-    void trackEvent(SolvanAnalyticsCategory category, const std::string& action,
-                    const std::optional<std::string>& label) override {
-        analytics.push_back(std::string(rawValue(category)) + " | " + action + " | " +
-                            label.value_or("(none)"));
-        PelmBeaconManager::trackEvent(category, action, label);
-    }
+  private:
+    std::shared_ptr<std::vector<std::string>> events_ = std::make_shared<std::vector<std::string>>();
 };
+
+/// What the manager keeps to itself: its main region, analytics fields and session manager.
+inline detail::BeaconManagerEngine& engineOf(PelmBeaconManager& manager) {
+    return detail::BeaconManagerEngine::of(manager);
+}
 
 }  // namespace pelm::testing

@@ -1,39 +1,13 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#ifdef PELM_TEST_POSTGRESQL
-#include <libpq-fe.h>
-#endif
-#include <unistd.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <fstream>
-#include <stdexcept>
 #include <string>
 
-namespace pelm::testing {
-
-/// True in the build of the server suite that runs against PostgreSQL.
-inline constexpr bool kPostgreSQL =
 #ifdef PELM_TEST_POSTGRESQL
-    true;
-#else
-    false;
+#include "support/postgresql_database.hpp"
 #endif
 
-/// The server started for the tests (tests/support/postgresql.sh), by the address of its maintenance
-/// database.
-inline std::string postgresServer() {
-    const char* folder = std::getenv("PELM_TEST_POSTGRESQL");
-    if (folder == nullptr)
-        throw std::runtime_error("PELM_TEST_POSTGRESQL names no folder: run this through ctest");
-    std::ifstream file(std::string(folder) + "/url");
-    std::string url;
-    if (!std::getline(file, url))
-        throw std::runtime_error(std::string("no PostgreSQL server is running in ") + folder);
-    return url;
-}
+namespace pelm::testing {
 
 /// A database of its own for one test: an empty PostgreSQL database in the server suite's PostgreSQL build,
 /// otherwise SQLite in memory (or `sqliteFile` when one is given).
@@ -41,18 +15,7 @@ inline std::string testDatabase([[maybe_unused]] const std::string& sqliteFile =
 #ifndef PELM_TEST_POSTGRESQL
     return sqliteFile;
 #else
-    static std::atomic<int> made{0};
-    const auto name = "test_" + std::to_string(::getpid()) + "_" + std::to_string(made++);
-    const auto server = postgresServer();
-    auto* connection = PQconnectdb(server.c_str());
-    auto* result = PQexec(connection, ("CREATE DATABASE " + name).c_str());
-    const bool created = PQresultStatus(result) == PGRES_COMMAND_OK;
-    const std::string message = PQerrorMessage(connection);
-    PQclear(result);
-    PQfinish(connection);
-    if (!created) throw std::runtime_error("cannot make a test database: " + message);
-    const auto path = server.find("/postgres?");
-    return server.substr(0, path) + "/" + name + server.substr(path + std::string("/postgres").size());
+    return newPostgreSQLDatabase();
 #endif
 }
 

@@ -30,21 +30,20 @@ struct TestPlatformOptions {
 /// A platform of in-memory parts on a virtual-time main queue, with the real HTTPS transport, installed for
 /// the life of the object.
 struct TestPlatform {
-    std::shared_ptr<platform::VirtualLoop> loop = std::make_shared<platform::VirtualLoop>(kStart);
-    std::shared_ptr<platform::MemoryKeyValueStore> store = std::make_shared<platform::MemoryKeyValueStore>();
-    std::shared_ptr<platform::CapturedLogSink> log = std::make_shared<platform::CapturedLogSink>();
-    std::shared_ptr<platform::FixedIdentity> identity;
+    std::shared_ptr<testing::VirtualLoop> loop = std::make_shared<testing::VirtualLoop>(kStart);
+    std::shared_ptr<testing::MemoryKeyValueStore> store = std::make_shared<testing::MemoryKeyValueStore>();
+    std::shared_ptr<testing::CapturedLogSink> log = std::make_shared<testing::CapturedLogSink>();
+    std::shared_ptr<testing::FixedIdentity> identity;
     std::shared_ptr<platform::CurlTransport> http;
-    std::shared_ptr<platform::ScriptedBeaconVendor> vendor =
-        std::make_shared<platform::ScriptedBeaconVendor>();
-    std::shared_ptr<platform::ScriptedReachability> reachability =
-        std::make_shared<platform::ScriptedReachability>();
-    std::shared_ptr<platform::ScriptedLocation> location = std::make_shared<platform::ScriptedLocation>();
-    std::shared_ptr<platform::ScriptedBluetooth> bluetooth = std::make_shared<platform::ScriptedBluetooth>();
+    std::shared_ptr<testing::ScriptedBeaconVendor> vendor = std::make_shared<testing::ScriptedBeaconVendor>();
+    std::shared_ptr<testing::ScriptedReachability> reachability =
+        std::make_shared<testing::ScriptedReachability>();
+    std::shared_ptr<testing::ScriptedLocation> location = std::make_shared<testing::ScriptedLocation>();
+    std::shared_ptr<testing::ScriptedBluetooth> bluetooth = std::make_shared<testing::ScriptedBluetooth>();
     std::shared_ptr<platform::Platform> services;
 
     explicit TestPlatform(TestPlatformOptions options = {}) {
-        identity = std::make_shared<platform::FixedIdentity>(options.vendorId, "2.4.1", "241");
+        identity = std::make_shared<testing::FixedIdentity>(options.vendorId, "2.4.1", "241");
         platform::CurlTransportOptions httpOptions;
         httpOptions.extraCABundle = options.caFile;
         httpOptions.timeout = options.timeout;

@@ -93,7 +93,7 @@ int statusCommand(const Arguments& args) {
     auto services = installPlatform(args);
     if (const auto host = args.option("host")) {
         // Ask about this host without touching the app's stored settings.
-        auto store = std::make_shared<platform::MemoryKeyValueStore>();
+        auto store = std::make_shared<testing::MemoryKeyValueStore>();
         store->set("pelm.apihost", *host);
         auto adjusted = std::make_shared<platform::Platform>(*services);
         adjusted->store = store;

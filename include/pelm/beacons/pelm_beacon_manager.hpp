@@ -2,25 +2,18 @@
 
 #include <pelm/export.hpp>
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string>
 
-#include <pelm/analytics/solvan.hpp>
 #include <pelm/beacons/pelm_beacon_manager_delegate.hpp>
 #include <pelm/platform/beacon_region.hpp>
 
 namespace pelm {
 
-namespace platform {
-class BeaconVendor;
-}
 namespace detail {
 class BeaconManagerEngine;
 }
-class PelmSessionManager;
 
 /// What became of the visit in progress when a beacon manager stopped (see PelmBeaconManager::stop).
 /// \ingroup host_api
@@ -35,24 +28,15 @@ enum class VisitAtStop {
 /// beacon; the vendor's callbacks drive the session engine, and found content and status lines reach the
 /// host app through `delegate`. Use: `make()`, set `delegate`, `startMonitoring()`; all on the main queue.
 ///
-/// It owns the vendor's monitor and scanner and its session manager; destroying it ends their callbacks.
-/// A subclass (made with `make<Subclass>()`) sees the operations the manager calls on itself: discovery,
-/// stopping the monitoring of a region, and every analytics event.
+/// It owns the vendor's monitor and scanner and its session engine; destroying it ends their callbacks.
 /// \ingroup host_api
-class PELM_EXPORT PelmBeaconManager : public std::enable_shared_from_this<PelmBeaconManager> {
+class PELM_EXPORT PelmBeaconManager final : public std::enable_shared_from_this<PelmBeaconManager> {
   public:
     /// Reads the stored vendor key and UUID once, now, and sets up accordingly. Never fails: without a key
     /// (or without a beacon platform) it stays without vendor services; without a valid UUID, without a
     /// main region.
     static std::shared_ptr<PelmBeaconManager> make();
-    /// The same for a subclass, constructed with `args`.
-    template <class Manager, class... Args>
-    static std::shared_ptr<Manager> make(Args&&... args) {
-        std::shared_ptr<Manager> manager(new Manager(std::forward<Args>(args)...));
-        manager->setUp();
-        return manager;
-    }
-    virtual ~PelmBeaconManager();
+    ~PelmBeaconManager();
     PelmBeaconManager(const PelmBeaconManager&) = delete;
     PelmBeaconManager& operator=(const PelmBeaconManager&) = delete;
 
@@ -62,11 +46,11 @@ class PELM_EXPORT PelmBeaconManager : public std::enable_shared_from_this<PelmBe
     /// Starts monitoring the main region; a line to the log when there is none or no vendor.
     void startMonitoring();
     /// Stops monitoring `region`; none does nothing.
-    virtual void stopMonitoring(const std::optional<platform::BeaconRegion>& region);
+    void stopMonitoring(const std::optional<platform::BeaconRegion>& region);
     /// Starts nearby-device discovery (with the vendor's own interval when none is given) unless one runs.
-    virtual void startDiscoveryWithInterval(std::optional<double> interval);
+    void startDiscoveryWithInterval(std::optional<double> interval);
     /// Stops nearby-device discovery.
-    virtual void stopDiscovery();
+    void stopDiscovery();
     /// Stops for a host that is about to exit. Monitoring, ranging and discovery stop, and no vendor
     /// callback is acted on afterwards. The visit in progress ends as it would had the shopper left the
     /// store at this moment, and is uploaded; no exit content is asked for. `done` is called once, on the
@@ -75,29 +59,8 @@ class PELM_EXPORT PelmBeaconManager : public std::enable_shared_from_this<PelmBe
     /// `startMonitoring()` starts again.
     void stop(std::function<void(VisitAtStop visit)> done);
 
-    /// The main region, watched once monitoring starts; none without a valid stored UUID.
-    const std::optional<platform::BeaconRegion>& mainRegion() const;
-    /// True until the first sub-region of a visit is entered (for the analytics of a visit's start).
-    bool firstBeacon() const;
-    /// The major of the sub-region left last, kept across visits.
-    std::optional<std::int64_t> lastBeaconMajorId() const;
-    /// The session engine this manager drives; its type is the library's own.
-    const std::shared_ptr<PelmSessionManager>& sessionManager() const;
-
-  protected:
-    /// Uses the installed platform's beacon vendor.
-    PelmBeaconManager();
-    /// Uses `vendor`; none means no vendor services.
-    explicit PelmBeaconManager(std::shared_ptr<platform::BeaconVendor> vendor);
-    /// Sets up the vendor, the main region and the session engine; `make` calls it once constructed.
-    void setUp();
-
-    /// Every analytics event is formed here and handed to the bridge, which keeps nothing. A subclass may
-    /// watch them.
-    virtual void trackEvent(SolvanAnalyticsCategory category, const std::string& action,
-                            const std::optional<std::string>& label);
-
   private:
+    PelmBeaconManager();
     friend class detail::BeaconManagerEngine;
     std::unique_ptr<detail::BeaconManagerEngine> engine_;
 };

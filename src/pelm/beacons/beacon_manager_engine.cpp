@@ -59,6 +59,24 @@ BeaconManagerEngine::BeaconManagerEngine(PelmBeaconManager& owner,
                                          std::shared_ptr<platform::BeaconVendor> vendor)
     : owner_(owner), vendor_(std::move(vendor)) {}
 
+std::shared_ptr<PelmBeaconManager> BeaconManagerEngine::make(Hooks hooks) {
+    std::shared_ptr<PelmBeaconManager> manager(new PelmBeaconManager());
+    manager->delegate = std::move(hooks.delegate);
+    manager->engine_->analyticsTap_ = std::move(hooks.analytics);
+    manager->engine_->setUp();
+    return manager;
+}
+
+BeaconManagerEngine& BeaconManagerEngine::of(PelmBeaconManager& manager) {
+    return *manager.engine_;
+}
+
+void BeaconManagerEngine::trackEvent(SolvanAnalyticsCategory category, const std::string& action,
+                                     const std::optional<std::string>& label) const {
+    if (analyticsTap_) analyticsTap_(category, action, label);
+    GoogleAnalyticsManager::trackEvent(category, action, label);
+}
+
 template <class Base>
 std::weak_ptr<Base> BeaconManagerEngine::weakAs() {
     // The engine lives as long as its manager: the aliasing constructor shares the manager's ownership.
@@ -217,7 +235,7 @@ void BeaconManagerEngine::didDetermineState(platform::RegionState state, const B
         case platform::RegionState::Inside:
             line += " state: Inside";
             publishFoundInside(region);
-            owner_.startDiscoveryWithInterval(2.0);
+            startDiscovery(2.0);
             startRangingForRegion(region);
             addSessionEntryLogForRegion(region);
             break;
@@ -241,7 +259,7 @@ void BeaconManagerEngine::didEnterRegion(const BeaconRegion& region) {
         return;
     }
     sendLog("Entering MAIN Region: " + uuid, false);
-    owner_.startDiscoveryWithInterval(2.0);
+    startDiscovery(2.0);
     firstBeacon_ = true;
 }
 
@@ -284,14 +302,14 @@ void BeaconManagerEngine::didExitRegion(const BeaconRegion& region) {
                     std::to_string(*region.minor),
                 false);
         sessionManager_->addExitEvent(beacon);
-        owner_.stopMonitoring(region);
+        stopMonitoring(region);
         lastBeaconMajorId_ = *region.major;
         trackSubRegionExit(region);
         return;
     }
     sendLog("Exiting MAIN Region: " + uuid, false);
     sessionManager_->finishSession();
-    owner_.stopDiscovery();
+    stopDiscovery();
     trackMainRegionExit();
 }
 
@@ -375,9 +393,9 @@ void BeaconManagerEngine::didFindNewContent(std::shared_ptr<Content> content,
         line += ": " + *content->textRecord->name;
     sendLog(line, false);
     if (beacon && beacon->uuid && beacon->major && beacon->minor) {
-        owner_.trackEvent(SolvanAnalyticsCategory::beaconViews,
-                          std::string(rawValue(SolvanAnalyticsAction::discoverd)),
-                          Solvan::eventLabelByBeacon(*beacon->uuid, *beacon->major, *beacon->minor));
+        trackEvent(SolvanAnalyticsCategory::beaconViews,
+                   std::string(rawValue(SolvanAnalyticsAction::discoverd)),
+                   Solvan::eventLabelByBeacon(*beacon->uuid, *beacon->major, *beacon->minor));
     }
 }
 
@@ -396,28 +414,28 @@ void BeaconManagerEngine::trackSubRegionEntry(const BeaconRegion& region) {
     const std::string enter(rawValue(SolvanAnalyticsLabel::enter));
     const auto label = Solvan::eventLabelByBeacon(uuidText(region), std::to_string(*region.major),
                                                   std::to_string(*region.minor));
-    owner_.trackEvent(SolvanAnalyticsCategory::beaconStoreMerchandiseGroup, store,
-                      Solvan::merchandiseGroupName(*region.minor));
+    trackEvent(SolvanAnalyticsCategory::beaconStoreMerchandiseGroup, store,
+               Solvan::merchandiseGroupName(*region.minor));
     if (firstBeacon_) {
-        owner_.trackEvent(SolvanAnalyticsCategory::beaconStoreDwellTime, store, enter);
+        trackEvent(SolvanAnalyticsCategory::beaconStoreDwellTime, store, enter);
         firstBeacon_ = false;
     }
-    owner_.trackEvent(SolvanAnalyticsCategory::beaconViews, store, label);
-    owner_.trackEvent(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime, store, enter);
-    owner_.trackEvent(SolvanAnalyticsCategory::beaconViews,
-                      std::string(rawValue(SolvanAnalyticsAction::discoverd)), label);
+    trackEvent(SolvanAnalyticsCategory::beaconViews, store, label);
+    trackEvent(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime, store, enter);
+    trackEvent(SolvanAnalyticsCategory::beaconViews, std::string(rawValue(SolvanAnalyticsAction::discoverd)),
+               label);
 }
 
 void BeaconManagerEngine::trackSubRegionExit(const BeaconRegion& region) {
-    owner_.trackEvent(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime,
-                      Solvan::storeName(*region.major), std::string(rawValue(SolvanAnalyticsLabel::exit)));
+    trackEvent(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime, Solvan::storeName(*region.major),
+               std::string(rawValue(SolvanAnalyticsLabel::exit)));
 }
 
 void BeaconManagerEngine::trackMainRegionExit() {
     // May name the store of a beacon left during an earlier visit: the value is never cleared.
     if (!lastBeaconMajorId_) return;
-    owner_.trackEvent(SolvanAnalyticsCategory::beaconStoreDwellTime, Solvan::storeName(*lastBeaconMajorId_),
-                      std::string(rawValue(SolvanAnalyticsLabel::exit)));
+    trackEvent(SolvanAnalyticsCategory::beaconStoreDwellTime, Solvan::storeName(*lastBeaconMajorId_),
+               std::string(rawValue(SolvanAnalyticsLabel::exit)));
 }
 
 }  // namespace pelm::detail

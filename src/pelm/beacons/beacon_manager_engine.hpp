@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include <pelm/analytics/solvan.hpp>
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 #include <pelm/platform/region_monitor.hpp>
 #include <pelm/session/pelm_session_manager.hpp>
@@ -15,12 +17,25 @@ namespace pelm::detail {
 
 /// What a PelmBeaconManager is made of: the vendor's monitor and scanner, the session manager, the main
 /// region and the analytics fields, and every callback of the vendor and of the session manager. The host
-/// sees none of it; the manager's overridable operations (discovery, stopping, analytics) are called back on
-/// the manager, so a subclass sees them as before.
+/// sees none of it. Tests reach it through `of(manager)`, and make a manager with `make(hooks)`.
 class BeaconManagerEngine final : public PelmSessionManagerDelegate,
                                   public platform::RegionMonitorDelegate,
                                   public platform::DeviceScannerDelegate {
   public:
+    /// Hears every analytics event as it goes to the bridge.
+    using AnalyticsTap = std::function<void(SolvanAnalyticsCategory category, const std::string& action,
+                                            const std::optional<std::string>& label)>;
+    /// What a test may give a manager before it sets up.
+    struct Hooks {
+        /// The delegate from the start, so that it hears the set-up lines too.
+        std::shared_ptr<PelmBeaconManagerDelegate> delegate;
+        AnalyticsTap analytics;
+    };
+    /// A manager set up as `PelmBeaconManager::make()` sets one up, with `hooks` in place first.
+    static std::shared_ptr<PelmBeaconManager> make(Hooks hooks);
+    /// The engine of `manager`: its main region, analytics fields and session manager.
+    static BeaconManagerEngine& of(PelmBeaconManager& manager);
+
     BeaconManagerEngine(PelmBeaconManager& owner, std::shared_ptr<platform::BeaconVendor> vendor);
 
     /// Reads the stored vendor key and UUID once, now, and sets up accordingly.
@@ -66,11 +81,15 @@ class BeaconManagerEngine final : public PelmSessionManagerDelegate,
     void publishFoundInside(const platform::BeaconRegion& region);
     void sendLog(const std::string& text, bool critical) const;
 
+    /// Every analytics event is formed here and handed to the bridge, which keeps nothing.
+    void trackEvent(SolvanAnalyticsCategory category, const std::string& action,
+                    const std::optional<std::string>& label) const;
     void trackSubRegionEntry(const platform::BeaconRegion& region);
     void trackSubRegionExit(const platform::BeaconRegion& region);
     void trackMainRegionExit();
 
     PelmBeaconManager& owner_;
+    AnalyticsTap analyticsTap_;
     std::shared_ptr<platform::BeaconVendor> vendor_;
     std::unique_ptr<platform::RegionMonitor> beaconManger_;
     std::unique_ptr<platform::DeviceScanner> deviceManager_;

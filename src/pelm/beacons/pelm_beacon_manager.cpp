@@ -1,25 +1,18 @@
 #include <pelm/beacons/pelm_beacon_manager.hpp>
 
-#include <pelm/analytics/google_analytics_manager.hpp>
 #include <pelm/beacons/beacon_manager_engine.hpp>
 #include <pelm/platform/platform.hpp>
 
 namespace pelm {
 
 std::shared_ptr<PelmBeaconManager> PelmBeaconManager::make() {
-    return make<PelmBeaconManager>();
+    return detail::BeaconManagerEngine::make({});
 }
 
-PelmBeaconManager::PelmBeaconManager() : PelmBeaconManager(platform::current()->beaconVendor) {}
-
-PelmBeaconManager::PelmBeaconManager(std::shared_ptr<platform::BeaconVendor> vendor)
-    : engine_(std::make_unique<detail::BeaconManagerEngine>(*this, std::move(vendor))) {}
+PelmBeaconManager::PelmBeaconManager()
+    : engine_(std::make_unique<detail::BeaconManagerEngine>(*this, platform::current()->beaconVendor)) {}
 
 PelmBeaconManager::~PelmBeaconManager() = default;
-
-void PelmBeaconManager::setUp() {
-    engine_->setUp();
-}
 
 void PelmBeaconManager::startMonitoring() {
     engine_->startMonitoring();
@@ -39,27 +32,6 @@ void PelmBeaconManager::stopDiscovery() {
 
 void PelmBeaconManager::stop(std::function<void(VisitAtStop visit)> done) {
     engine_->stop(std::move(done));
-}
-
-const std::optional<platform::BeaconRegion>& PelmBeaconManager::mainRegion() const {
-    return engine_->mainRegion();
-}
-
-bool PelmBeaconManager::firstBeacon() const {
-    return engine_->firstBeacon();
-}
-
-std::optional<std::int64_t> PelmBeaconManager::lastBeaconMajorId() const {
-    return engine_->lastBeaconMajorId();
-}
-
-const std::shared_ptr<PelmSessionManager>& PelmBeaconManager::sessionManager() const {
-    return engine_->sessionManager();
-}
-
-void PelmBeaconManager::trackEvent(SolvanAnalyticsCategory category, const std::string& action,
-                                   const std::optional<std::string>& label) {
-    GoogleAnalyticsManager::trackEvent(category, action, label);
 }
 
 }  // namespace pelm

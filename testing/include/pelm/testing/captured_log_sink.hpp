@@ -6,19 +6,22 @@
 
 #include <pelm/platform/log_sink.hpp>
 
-namespace pelm::platform {
+namespace pelm::testing {
 
 /// Keeps every line written, for tests and for the simulator's timeline.
-class CapturedLogSink final : public LogSink {
+/// \ingroup testing_kit
+class CapturedLogSink final : public platform::LogSink {
   public:
     void write(std::string_view line) override {
         std::lock_guard lock(mutex_);
         lines_.emplace_back(line);
     }
+    /// Every line written so far, in order.
     std::vector<std::string> lines() const {
         std::lock_guard lock(mutex_);
         return lines_;
     }
+    /// Forgets the lines written so far.
     void clear() {
         std::lock_guard lock(mutex_);
         lines_.clear();
@@ -29,4 +32,4 @@ class CapturedLogSink final : public LogSink {
     std::vector<std::string> lines_;
 };
 
-}  // namespace pelm::platform
+}  // namespace pelm::testing

@@ -2,11 +2,13 @@
 
 #include <pelm/platform/device_identity.hpp>
 
-namespace pelm::platform {
+namespace pelm::testing {
 
 /// An identity given up front.
-class FixedIdentity final : public DeviceIdentity {
+/// \ingroup testing_kit
+class FixedIdentity final : public platform::DeviceIdentity {
   public:
+    /// The identifier (none, as a device may have none) and the app's versions this identity gives.
     FixedIdentity(std::optional<std::string> vendorIdentifier, std::string appVersion,
                   std::string appBuildVersion)
         : vendorIdentifier_(std::move(vendorIdentifier)),
@@ -22,4 +24,4 @@ class FixedIdentity final : public DeviceIdentity {
     std::string appBuildVersion_;
 };
 
-}  // namespace pelm::platform
+}  // namespace pelm::testing

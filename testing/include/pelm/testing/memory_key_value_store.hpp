@@ -5,10 +5,11 @@
 
 #include <pelm/platform/key_value_store.hpp>
 
-namespace pelm::platform {
+namespace pelm::testing {
 
 /// A store that lives as long as the object: for tests and simulations.
-class MemoryKeyValueStore final : public KeyValueStore {
+/// \ingroup testing_kit
+class MemoryKeyValueStore final : public platform::KeyValueStore {
   public:
     std::optional<std::string> get(std::string_view key) const override {
         std::lock_guard lock(mutex_);
@@ -24,6 +25,7 @@ class MemoryKeyValueStore final : public KeyValueStore {
         std::lock_guard lock(mutex_);
         if (const auto found = values_.find(key); found != values_.end()) values_.erase(found);
     }
+    /// Whether a value is stored under `key`.
     bool contains(std::string_view key) const {
         std::lock_guard lock(mutex_);
         return values_.find(key) != values_.end();
@@ -34,4 +36,4 @@ class MemoryKeyValueStore final : public KeyValueStore {
     std::map<std::string, std::string, std::less<>> values_;
 };
 
-}  // namespace pelm::platform
+}  // namespace pelm::testing

@@ -8,14 +8,16 @@
 
 #include <pelm/platform/main_queue.hpp>
 
-namespace pelm::platform {
+namespace pelm::testing {
 
 /// A main queue in virtual time: the clock moves only when `advance` is called, timers fire at their exact
 /// virtual instants, and while outside work (a server call) is outstanding the clock waits for its result.
 /// Outside results run only when nothing else is ready, in the order their work began.
 /// Posting is safe from any thread; `advance` and `runUntilIdle` belong to the thread that drives the loop.
-class VirtualLoop final : public MainQueue {
+/// \ingroup testing_kit
+class VirtualLoop final : public platform::MainQueue {
   public:
+    /// A loop whose clock starts at `start`.
     explicit VirtualLoop(Date start = Date{std::chrono::milliseconds{1'700'000'000'000}});
 
     Date now() const override;
@@ -31,6 +33,7 @@ class VirtualLoop final : public MainQueue {
     void advance(std::chrono::milliseconds by);
     /// Moves the clock to the next timer and runs it; false when no timer is pending.
     bool advanceToNextTimer();
+    /// How many timers wait.
     std::size_t pendingTimers() const;
 
   private:
@@ -47,4 +50,4 @@ class VirtualLoop final : public MainQueue {
     Ticket nextTicket_ = 1;
 };
 
-}  // namespace pelm::platform
+}  // namespace pelm::testing

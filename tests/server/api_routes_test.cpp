@@ -1,0 +1,101 @@
+// What each endpoint answers, apart from any connection: the refusals a phone acts on (401: check the token,
+// 422: the upload is wrong, 503 with Retry-After: keep the visit and send it again).
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pelm_server/api_routes.hpp"
+
+namespace pelm::server {
+namespace {
+
+constexpr const char* kBeacon = "uuid=F7826DA6-AAAA&major=1&minor=2&type=BLE";
+
+class ApiRoutesTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::filesystem::remove(file_);
+        store_ = openContentStore(file_.string());
+        store_->seed(JSON::parse(R"({"apps": [{"app_token": "known", "app_config": {}}],
+            "contents": [{"app_token": "known", "display_type": "entry",
+                          "beacon": {"uuid": "F7826DA6-AAAA", "major": 1, "minor": 2}, "content": {"id": 7}}]})"));
+        routes_.emplace(*store_,
+                        [this](const std::string&, const std::string& line) { log_.push_back(line); });
+    }
+    void TearDown() override {
+        routes_.reset();
+        store_.reset();
+        std::filesystem::remove(file_);
+    }
+    ApiAnswer get(const std::string& target) const { return routes_->answer("GET", "/api/v1" + target, {}); }
+    ApiAnswer post(const std::string& body) const {
+        return routes_->answer("POST", "/api/v1/sessions", body);
+    }
+
+    // A file of each test's own: ctest runs tests side by side.
+    std::filesystem::path file_ =
+        std::filesystem::path(::testing::TempDir()) / ("api-routes-" + std::to_string(::getpid()) + ".db");
+    std::unique_ptr<ContentStore> store_;
+    std::vector<std::string> log_;
+    std::optional<ApiRoutes> routes_;
+};
+
+TEST_F(ApiRoutesTest, AnUnknownTokenIsRefusedOnEveryRouteEvenForAKnownBeacon) {
+    ASSERT_EQ(get(std::string("/contents/by_hardware?app_token=known&") + kBeacon).status, 200);
+    for (const auto& target :
+         {std::string("/contents/by_hardware?app_token=other&") + kBeacon,
+          std::string("/contents/7?app_token=other"), std::string("/app_config/by_app_token?app_token=other"),
+          std::string("/status?app_token=other")}) {
+        const auto answer = get(target);
+        EXPECT_EQ(answer.status, 401) << target;
+        EXPECT_NE(answer.body.find("Unknown app token"), std::string::npos) << target;
+    }
+    EXPECT_EQ(post("app_token=other&session_user=u&session%5Bstart_time%5D=x").status, 401);
+}
+
+// Digits past what a number holds name no content, not the content whose id the number started as.
+TEST_F(ApiRoutesTest, AContentIdTooLargeForANumberIsNoContent) {
+    store_->seed(JSON::parse(R"({"apps": [{"app_token": "known", "app_config": {}}],
+        "contents": [{"app_token": "known", "display_type": "exit",
+                      "beacon": {"uuid": "F7826DA6-AAAA", "major": 1, "minor": 3}, "content": {"id": 0}}]})"));
+    ASSERT_EQ(get("/contents/0?app_token=known").status, 200);
+    const auto answer = get("/contents/99999999999999999999?app_token=known");
+    EXPECT_EQ(answer.status, 404);
+    EXPECT_NE(answer.body.find("No such content"), std::string::npos) << answer.body;
+}
+
+TEST_F(ApiRoutesTest, AnUploadWhoseSessionIsNoRecordIsRefusedAndNothingStored) {
+    for (const auto& body : {std::string("app_token=known&session_user=u"),
+                             std::string("app_token=known&session_user=u&session=just%20text"),
+                             std::string("app_token=known&session_user=u&session%5B%5D=a")}) {
+        const auto answer = post(body);
+        EXPECT_EQ(answer.status, 422) << body;
+        EXPECT_NE(answer.body.find("The upload has no session"), std::string::npos) << body;
+    }
+    EXPECT_TRUE(store_->sessions().empty());
+    EXPECT_EQ(post("app_token=known&session_user=u&session%5Bstart_time%5D=x").status, 201);
+    EXPECT_EQ(store_->sessions().size(), 1u);
+}
+
+// The database refuses the write (here: its table was dropped under the server's feet). The phone must hear
+// "not now", with when to try again, not an error that makes it drop the visit.
+TEST_F(ApiRoutesTest, AnUploadTheDatabaseDoesNotTakeIsAnswered503WithRetryAfter) {
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(file_.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "DROP TABLE sessions", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(other);
+
+    const auto answer = post("app_token=known&session_user=u&session%5Bstart_time%5D=x");
+    EXPECT_EQ(answer.status, 503);
+    EXPECT_EQ(answer.retryAfter, ApiRoutes::kRetryAfterSeconds);
+    ASSERT_EQ(log_.size(), 1u);
+    EXPECT_NE(log_[0].find("not stored"), std::string::npos) << log_[0];
+}
+
+}  // namespace
+}  // namespace pelm::server
