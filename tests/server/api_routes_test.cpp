@@ -4,9 +4,12 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <initializer_list>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "pelm_server/api_routes.hpp"
@@ -31,6 +34,17 @@ class ApiRoutesTest : public ::testing::Test {
         routes_.reset();
         store_.reset();
         std::filesystem::remove(file_);
+    }
+    /// Takes tables away under the server's feet, as another hand on the database might.
+    void dropTables(std::initializer_list<const char*> tables) const {
+        sqlite3* other = nullptr;
+        ASSERT_EQ(sqlite3_open(file_.c_str(), &other), SQLITE_OK);
+        for (const char* table : tables) {
+            EXPECT_EQ(
+                sqlite3_exec(other, (std::string("DROP TABLE ") + table).c_str(), nullptr, nullptr, nullptr),
+                SQLITE_OK);
+        }
+        sqlite3_close(other);
     }
     ApiAnswer get(const std::string& target) const { return routes_->answer("GET", "/api/v1" + target, {}); }
     ApiAnswer post(const std::string& body) const {
@@ -82,13 +96,30 @@ TEST_F(ApiRoutesTest, AnUploadWhoseSessionIsNoRecordIsRefusedAndNothingStored) {
     EXPECT_EQ(store_->sessions().size(), 1u);
 }
 
+// While the database is away, the lookups a phone made before are answered from memory, at once: the server's
+// event loop answers them itself instead of handing them to a thread that would wait on the database.
+TEST_F(ApiRoutesTest, ThroughAnOutageWhatWasReadBeforeIsAnsweredFromMemory) {
+    routes_.reset();
+    store_ =
+        openContentStore(file_.string(), ContentStore::Open::CreateIfMissing, std::chrono::milliseconds(20));
+    routes_.emplace(*store_, [this](const std::string&, const std::string& line) { log_.push_back(line); });
+    const auto lookup = std::string("/api/v1/contents/by_hardware?app_token=known&") + kBeacon;
+    ASSERT_EQ(routes_->answer("GET", lookup, {}).status, 200);
+    dropTables({"apps", "contents"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));  // past the cache's lifetime: stale now
+
+    EXPECT_EQ(routes_->answer("GET", lookup, {}).status, 200);  // the database fails; the old answer stands
+    ASSERT_TRUE(store_->outage());
+    const auto fromMemory = routes_->answerFromMemory("GET", lookup);
+    ASSERT_TRUE(fromMemory) << "the loop would have handed the lookup to a thread that waits on the database";
+    EXPECT_EQ(fromMemory->status, 200);
+    EXPECT_NE(fromMemory->body.find("\"id\":7"), std::string::npos) << fromMemory->body;
+}
+
 // The database refuses the write (here: its table was dropped under the server's feet). The phone must hear
 // "not now", with when to try again, not an error that makes it drop the visit.
 TEST_F(ApiRoutesTest, AnUploadTheDatabaseDoesNotTakeIsAnswered503WithRetryAfter) {
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(file_.c_str(), &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "DROP TABLE sessions", nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(other);
+    dropTables({"sessions"});
 
     const auto answer = post("app_token=known&session_user=u&session%5Bstart_time%5D=x");
     EXPECT_EQ(answer.status, 503);

@@ -156,6 +156,46 @@ TEST_P(ContentStoreTest, AnUploadSentAgainIsKeptOnceAndOddTextsAreKept) {
     EXPECT_EQ(stored[0]["session_logs"][1], JSON::object());  // a number is not a text
 }
 
+// Visits that differ in any one field, the lines included, are two visits: each is stored under its own id.
+TEST_P(ContentStoreTest, VisitsThatDifferInAnyOneFieldAreEachStored) {
+    const auto store = open();
+    const JSON session = {{"app_version", "1"},
+                          {"sdk_version", "2"},
+                          {"operating_system", "Linux"},
+                          {"start_time", "2016-07-16T19:20:30.450+0200"},
+                          {"end_time", "2016-07-16T19:30:30.450+0200"}};
+    const JSON beacon = {{"uuid", "A"}, {"major", "1"}, {"minor", "2"}};
+    const JSON line = {
+        {"uuid", "A"}, {"major", "1"}, {"minor", "11"}, {"entrance_time", "t1"}, {"exit_time", "t2"}};
+    const auto first = store->storeSession("T", "phone", session, beacon, JSON::array({line}));
+    std::set<std::int64_t> ids{first};
+    const auto differing = [&](const char* what, const std::string& token, const std::string& user,
+                               const JSON& s, const JSON& b, const JSON& lines) {
+        const auto id = store->storeSession(token, user, s, b, lines);
+        EXPECT_TRUE(ids.insert(id).second) << what << " made no difference";
+    };
+    differing("the token", "U", "phone", session, beacon, JSON::array({line}));
+    differing("the user", "T", "other", session, beacon, JSON::array({line}));
+    for (const auto& [key, value] : session.items()) {
+        auto changed = session;
+        changed[key] = value.get<std::string>() + "x";
+        differing(key.c_str(), "T", "phone", changed, beacon, JSON::array({line}));
+    }
+    for (const auto& [key, value] : beacon.items()) {
+        auto changed = beacon;
+        changed[key] = value.get<std::string>() + "9";
+        differing(("beacon " + key).c_str(), "T", "phone", session, changed, JSON::array({line}));
+    }
+    for (const auto& [key, value] : line.items()) {
+        auto changed = line;
+        changed[key] = value.get<std::string>() + "9";
+        differing(("line " + key).c_str(), "T", "phone", session, beacon, JSON::array({changed}));
+    }
+    differing("a second line", "T", "phone", session, beacon, JSON::array({line, line}));
+    differing("no line", "T", "phone", session, beacon, JSON::array());
+    EXPECT_EQ(store->storeSession("T", "phone", session, beacon, JSON::array({line})), first);
+}
+
 // Contents changed by other hands (another server's seed, an editor of the database) are served once the
 // cache lifetime has passed.
 TEST_P(ContentStoreTest, AChangeMadeElsewhereIsServedWithinTheCacheLifetime) {

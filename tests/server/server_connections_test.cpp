@@ -184,6 +184,23 @@ TEST_F(ServerConnections, AtTheLimitANewConnectionTakesTheSlotOfTheOldestSilentO
     EXPECT_THAT(phone.readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));
 }
 
+// A client at its own limit is not locked out by the connections it left silent: its new one takes the slot
+// of its oldest silent one, as a phone's takes a slot at the server's limit.
+TEST_F(ServerConnections, AtItsAddressLimitAClientsNewConnectionTakesTheSlotOfItsOldestSilentOne) {
+    PelmServer::Options options;
+    options.maxConnectionsPerAddress = 2;
+    const auto server = start(options);
+    RawClient silentOld(server->port(), *server->caFile());
+    RawClient silentNew(server->port(), *server->caFile());
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // both accepted
+    RawClient phone(server->port(), *server->caFile());
+    phone.handshake();
+    phone.send(statusRequest());
+    EXPECT_THAT(phone.readUntilClosed(12), ::testing::StartsWith("HTTP/1.1 200"));
+    EXPECT_TRUE(silentOld.closedBeforeHandshake());
+    EXPECT_FALSE(silentNew.closedBeforeHandshake());
+}
+
 // One client opens more connections than the server takes and sends nothing on any; phones from another
 // address, each opening a new connection for every request, are all answered.
 TEST_F(ServerConnections, TenThousandSilentConnectionsFromOneAddressLeaveThePhonesServed) {
