@@ -35,14 +35,5 @@ TEST(Solvan, LabelsJoinTheTextsUnchanged) {
     EXPECT_EQ(Solvan::eventLabelByBeacon("", "", ""), "++");
 }
 
-TEST(Solvan, VocabularyConvertsFromItsExactRawText) {
-    EXPECT_EQ(fromRawValue<SolvanAnalyticsCategory>("Beacon Views"), SolvanAnalyticsCategory::beaconViews);
-    EXPECT_EQ(fromRawValue<SolvanAnalyticsCategory>("beacon views"), std::nullopt);
-    EXPECT_EQ(rawValue(SolvanAnalyticsCategory::beaconMerchandiseGroupDwellTime),
-              "Beacon Warengruppe/Verweildauer");
-    EXPECT_EQ(rawValue(SolvanAnalyticsAction::discoverd), "Discovered");
-    EXPECT_EQ(rawValue(SolvanAnalyticsLabel::exit), "Exit");
-}
-
 }  // namespace
 }  // namespace pelm

@@ -290,21 +290,6 @@ TEST_F(BeaconManagerTest, DestroyingTheManagerEndsTheVendorCallbacks) {
     EXPECT_THAT(host_->events, IsEmpty());
 }
 
-TEST(DiscoveredBeacon, CopiesAreIndependent) {
-    auto first = DiscoveredBeacon::fromKontaktBeacon({"id", 4, std::nullopt, 90, -60});
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first->firmwareVersion, "");
-    auto copy = *first;
-    copy.identifier = "changed";
-    EXPECT_EQ(first->identifier, "id");
-}
-
-}  // namespace
-}  // namespace pelm
-
-namespace pelm {
-namespace {
-
 // A ranged beacon's distance estimate, as the visit events name it: under half a metre immediate, under three
 // near, farther far, and a negative estimate (the radio could not tell) unknown.
 TEST(VisitEventProximity, EachBandStartsAtItsBoundary) {

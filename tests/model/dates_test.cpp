@@ -145,18 +145,6 @@ TEST(JSONDateTransform, StringsAlwaysGiveADateOtherTypesNone) {
     EXPECT_EQ(transform.transformToJSON(std::nullopt), std::nullopt);
 }
 
-TEST(DateComparison, EachTestsForOneOutcome) {
-    const auto a = utc(2016, 7, 16, 17, 20, 30, 450);
-    const auto b = a + milliseconds{1};
-    EXPECT_TRUE(isGreaterThanDate(b, a));
-    EXPECT_FALSE(isGreaterThanDate(a, a));
-    EXPECT_TRUE(isLessThanDate(a, b));
-    EXPECT_FALSE(isLessThanDate(a, a));
-    EXPECT_TRUE(equalToDate(a, a));
-    EXPECT_FALSE(equalToDate(a, b));
-    EXPECT_EQ(dateByAddingSeconds(a, -60), a - seconds{60});
-}
-
 TEST(DateArithmetic, AddingSecondsSaturatesAtTheEndsOfTheClock) {
     const auto a = utc(2026, 11, 23, 9, 0, 0);
     // 10^12 s is about 31,700 years: beyond the years a date text can name, either way.

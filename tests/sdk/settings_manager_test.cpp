@@ -78,11 +78,5 @@ TEST(PelmConstants, ApiHostIsASnapshotWhileApiUrlFollowsTheStore) {
     EXPECT_EQ(PelmConstants::apiHost(), "first.example");
 }
 
-TEST(PelmConstants, FixedTexts) {
-    EXPECT_EQ(PelmConstants::sdkVersion, "1.0.0");
-    EXPECT_EQ(PelmConstants::operatingSystem, "iOS");
-    EXPECT_EQ(PelmConstants::apiBasePath, "/api/v1");
-}
-
 }  // namespace
 }  // namespace pelm
