@@ -250,6 +250,24 @@ TEST(VisitReport, ADayOfManyBeaconsKeepsItsBoundsAndSaysWhatItLeftOut) {
     EXPECT_THAT(page, HasSubstr("more than 32 devices"));
 }
 
+// An upload the server refused is a lost visit: the page must not say it was stored.
+TEST(VisitReport, AnUploadTheServerRefusedIsReportedFailed) {
+    for (const bool stored : {false, true}) {
+        TimelineEvent event{};
+        event.kind = TimelineEvent::Kind::Visit;
+        event.at = std::chrono::seconds(5);
+        events::VisitUploaded upload;
+        upload.stored = stored;
+        event.visit = upload;
+        event.text = describe(*event.visit);
+        const std::vector<TimelineEvent> events{event};
+        EXPECT_EQ(pictureOf(events, 10s).upload,
+                  stored ? VisitPicture::Upload::Succeeded : VisitPicture::Upload::Failed);
+        const auto page = htmlReport({"Store", "x", Date{}}, events, 10s, JSON::array());
+        EXPECT_THAT(page, HasSubstr(stored ? "<dd class='upload'>uploaded" : "<dd class='upload'>failed"));
+    }
+}
+
 TEST(VisitReport, TextsItDoesNotExpectAreShownEscapedAndAttachedToNothing) {
     std::vector<TimelineEvent> events;
     const auto add = [&](events::VisitEventData data, int second) {

@@ -125,4 +125,12 @@ expect 1 "pelm setup: the settings could not be stored" \
 said=$("$pelm" status --host "localhost:1" --config-dir "$work")
 grep -q "^route to localhost:1 " <<<"$said" || { echo "status does not say it checked a route: $said"; exit 1; }
 [ "$(grep -c "^bluetooth " <<<"$said")" = 1 ] || { echo "status tells Bluetooth more than once: $said"; exit 1; }
+# A run ended by a signal says which by its exit code, 128 plus the signal's number, as a shell's own would.
+"$pelm" simulate --speed 40 >"$work/run.txt" 2>&1 &
+run=$!
+for _ in $(seq 400); do grep -q '^  \[' "$work/run.txt" && break; sleep 0.05; done
+kill -TERM "$run"
+wait "$run"
+rc=$?
+[ "$rc" -eq 143 ] || { echo "simulate exited $rc on SIGTERM, not 143"; tail -3 "$work/run.txt"; exit 1; }
 echo "the tool keeps its contract"
