@@ -27,7 +27,7 @@ import time
 ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), ".."))
 BUILD = os.path.join(ROOT, "build", "plain")
 # Stages that take minutes or need a database, a browser or root: the suite minus these runs in about two.
-SLOW = "PostgreSQL|report_in_browser|FitIn64MiB|FitsIn64MiB|TenThousand|HungDatabase|tool_loses_nothing"
+SLOW = "PostgreSQL|report_in_browser|FitIn64MiB|FitsIn64MiB|TenThousand|HungDatabase"
 TIMEOUT = 900
 
 
