@@ -98,14 +98,15 @@ def try_fault(fault):
 
 def main():
     parser = argparse.ArgumentParser(description="Plants the faults of tests/mutants/*.txt one at a time.")
-    parser.add_argument("--only", help="only the faults whose file or meaning contains this text")
+    parser.add_argument("--only", action="append",
+                        help="only the faults whose file or meaning contains this text (may be repeated)")
     parser.add_argument("--list", action="store_true", help="list the faults and stop")
     parser.add_argument("--from", dest="start", type=int, default=1, help="begin at this fault of the list")
     parser.add_argument("--check", action="store_true", help="check that each fault's text is found once")
     args = parser.parse_args()
     faults = read_faults()
     if args.only:
-        faults = [f for f in faults if args.only in f["file"] or args.only in f["means"]]
+        faults = [f for f in faults if any(text in f["file"] or text in f["means"] for text in args.only)]
     faults = faults[args.start - 1:]
     if args.list:
         for f in faults:
