@@ -11,6 +11,7 @@ packages=(
   libboost-dev libpq-dev postgresql
   libsdbus-c++-dev libsystemd-dev dbus-daemon libglib2.0-dev doxygen
   tzdata openssl systemd
+  pybind11-dev python3-dev python3-venv python3-pytest python3-numpy python3-pandas python3-matplotlib
 )
 if [ "${1:-}" = --browser ]; then
   packages+=(chromium fonts-dejavu-core)
