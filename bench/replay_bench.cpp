@@ -220,6 +220,16 @@ void Replay(benchmark::State& state, bool snoop) {
     }
 #endif
 }
+// The reader alone over the whole recording, nothing done with what it reads: the baseline that
+// bench/python_vs_cpp.sh sets `pelm.read(path).to_numpy()` against.
+void ReaderAlone(benchmark::State& state, bool snoop) {
+    const auto& made = recordings();
+    for (auto _ : state) state.SetIterationTime(readerSeconds(snoop ? made.snoop : made.trace));
+    state.counters["ads"] = benchmark::Counter(static_cast<double>(made.advertisements));
+}
+BENCHMARK_CAPTURE(ReaderAlone, json_trace, false)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ReaderAlone, btsnoop, true)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+
 BENCHMARK_CAPTURE(Replay, json_trace, false)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(Replay, btsnoop, true)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 

@@ -3,12 +3,14 @@ include(CMakePackageConfigHelpers)
 
 # Only the public headers (include/) are installed; what lies under src/ stays inside the library.
 # Each file belongs to one component, and each component becomes one Debian package (cmake/package.cmake):
-# Runtime the shared library, Development what a host builds with, Tools `pelm`, Server `pelm-server`.
+# Runtime the shared library, Development what a host builds with, Tools `pelm`, Server `pelm-server`,
+# Python the package `pelm` for Debian's Python 3.
 # Debian names a shared library's package after its soname, so that two majors can be installed side by side.
 set(PELM_PACKAGE_Runtime libpelm${PROJECT_VERSION_MAJOR})
 set(PELM_PACKAGE_Development libpelm-dev)
 set(PELM_PACKAGE_Tools pelm-tools)
 set(PELM_PACKAGE_Server pelm-server)
+set(PELM_PACKAGE_Python python3-pelm)
 # Every package carries the licence in Debian's copyright format, and a Debian changelog, where Debian looks
 # for them (the changelog is made by cmake/package.cmake).
 function(pelm_install_copyright component)
@@ -70,6 +72,19 @@ if(TARGET pelm-server)
     ${PROJECT_BINARY_DIR}/pelm-server.service @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/pelm-server.service
     DESTINATION lib/systemd/system COMPONENT Server)
+endif()
+if(TARGET pelm_python)
+  # Where Debian keeps modules for every Python 3; the module is linked statically, so it needs no libpelm.
+  set(PELM_PYTHON_DIR lib/python3/dist-packages/pelm)
+  install(TARGETS pelm_python LIBRARY DESTINATION ${PELM_PYTHON_DIR} COMPONENT Python)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/pelm/ DESTINATION ${PELM_PYTHON_DIR} COMPONENT Python
+    FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/python/
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${PELM_PACKAGE_Python}/examples COMPONENT Python
+    FILES_MATCHING PATTERN "*.py")
+  install(FILES ${PROJECT_SOURCE_DIR}/examples/minimal_host/entrance.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${PELM_PACKAGE_Python}/examples COMPONENT Python)
+  pelm_install_copyright(Python)
 endif()
 
 include(CPack)

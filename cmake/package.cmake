@@ -17,6 +17,9 @@ endif()
 if(PELM_BUILD_SERVER)
   list(APPEND CPACK_COMPONENTS_ALL Server)
 endif()
+if(TARGET pelm_python)
+  list(APPEND CPACK_COMPONENTS_ALL Python)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
@@ -82,5 +85,18 @@ user pelm with its data in /var/lib/pelm-server.")
 set(CPACK_DEBIAN_SERVER_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_SERVER_PACKAGE_DEPENDS "adduser")
 pelm_control_files(Server pelm-server.postinst=postinst pelm-server.prerm=prerm pelm-server.postrm=postrm)
+
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "beacon-triggered content for Linux hosts: Python 3 package
+The package pelm: a host app in Python (content, status lines and visit
+events as callbacks, on a blocking loop or asyncio), and recordings read as
+numpy columns and replayed into the visits a phone would log, as pandas
+DataFrames, with the embedded reference server.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+# The module is built for this Python 3 only, as Debian's own python3-* packages of compiled modules are.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+  "python3 (>= ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR}), python3 (<< ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR}.999)")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-numpy, python3-pandas")
+# Python's bytecode cache is made at install and removed before removal, as Debian's Python packages do.
+pelm_control_files(Python python3-pelm.postinst=postinst python3-pelm.prerm=prerm)
 
 # include(CPack) comes last in install.cmake, once every install rule is known.

@@ -2,8 +2,8 @@
 # The whole test suite: installs what it needs, then builds and runs everything with gcc, again under
 # AddressSanitizer + UndefinedBehaviorSanitizer with clang (which also builds the fuzzers), the threaded tests
 # under ThreadSanitizer, clang-tidy's use-after-move check, builds the API reference (no warning allowed),
-# builds the Debian packages and tries them on this machine (install, a host's first content, removal), and
-# gives each fuzzer a short run.
+# installs the Python package with pip into a fresh virtual environment, builds the Debian packages and tries
+# them on this machine (install, a host's first content, removal), and gives each fuzzer a short run.
 #   FUZZ_SECONDS=N   seconds per fuzzer (default 10; 0 skips fuzzing)
 #   SKIP_TSAN=1      leaves out the ThreadSanitizer build
 #   SKIP_PACKAGES=1  leaves out the packages (they are installed and removed with apt, as root)
@@ -20,6 +20,9 @@ scripts/install-deps.sh --browser
 stage "gcc build"
 scripts/build.sh plain
 (cd build/plain && ctest --output-on-failure --no-tests=error -j "$jobs")
+
+stage "Python: pip install . into a fresh virtual environment, offline"
+tests/python/pip_install.sh build/plain/tools/pelm/pelm
 
 stage "API reference: doxygen, no warnings"
 scripts/docs.sh

@@ -5,8 +5,7 @@ from pathlib import Path
 
 import pelm
 
-store = Path(__file__).parent.parent / "minimal_host" / "entrance.json"
-where = sys.argv[1] if len(sys.argv) > 1 else str(store)
+where = sys.argv[1] if len(sys.argv) > 1 else str(Path(__file__).with_name("entrance.json"))
 source = (pelm.adapter() if where == "adapter" else
           pelm.scenario(where) if where.endswith(".json") else pelm.recording(where))
 with pelm.Server() as server:  # the embedded reference server, with the demo data

@@ -9,8 +9,9 @@
 #   check_packages.sh [FOLDER WITH THE .debs]   (default build/package/packages)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
+root=$(pwd)
 debs=${1:-build/package/packages}
-packages=(libpelm2 libpelm-dev pelm-tools pelm-server)
+packages=(libpelm2 libpelm-dev pelm-tools pelm-server python3-pelm)
 unit=/usr/lib/systemd/system/pelm-server.service
 state=/var/lib/pelm-server
 sudo=""
@@ -128,6 +129,16 @@ grep -q '"session_logs"' <<<"$sessions" || fail "the server stored no visit: $se
 echo "the server stored the visit in $state/pelm-server.db"
 
 if [ -n "$server" ]; then $sudo kill "$server"; wait "$server" 2>/dev/null || true; server=""; fi
+
+# The Python package, with Debian's own interpreter (another python3 may come first on PATH): it imports, and
+# its kiosk example gets the first content from its embedded server and uploads the visit at Ctrl-C.
+(cd "$work" && HOME="$work/home" /usr/bin/python3 -c "import pelm; assert pelm.__file__.startswith('/usr/lib/python3/dist-packages/'), pelm.__file__") ||
+  fail "python3 -c 'import pelm' failed after installing python3-pelm"
+kiosk=/usr/share/doc/python3-pelm/examples/kiosk.py
+(cd "$work" && HOME="$work/home" XDG_CONFIG_HOME="$work/home/.config" \
+   "$root/tests/python/kiosk_ctrl_c.sh" /usr/bin/python3 "$kiosk") \
+  >"$work/kiosk.log" 2>&1 || { cat "$work/kiosk.log"; fail "the installed kiosk example did not run to a content and a visit"; }
+echo "python3-pelm: imports, and its kiosk example shows content and uploads the visit at Ctrl-C"
 
 # Removal: nothing of the packages is left but the server's data.
 for package in "${packages[@]}"; do dpkg -L "$package"; done | sort -u >"$work/files.txt"
