@@ -62,27 +62,31 @@ class Recording:
 
     def to_numpy(self) -> dict:
         """The advertisements as numpy arrays of one length, in file order: `time` (datetime64[us], UTC),
-        `address`, `scanner`, `uuid` (str; None where no iBeacon), `rssi`, `major`, `minor` and `power`
-        (-1, -1 and 0 where no iBeacon)."""
+        `rssi`, `major`, `minor` and `power` (-1, -1 and 0 where no iBeacon was heard), and the texts as
+        codes into their tables, as a category holds them: `address` indexes `addresses`, `scanner`
+        `scanners`, `uuid` `uuids` (-1 where no iBeacon). `columns["addresses"][columns["address"]]` gives
+        the texts row by row, should they be wanted (a recording has few senders and many rows)."""
         import numpy as np
 
         columns = self._columns()
 
-        def texts(codes, names):
-            table = np.empty(len(names) + 1, dtype=object)
-            table[:-1] = names
-            table[-1] = None  # code -1
-            return table[codes]
+        def table(names):
+            texts = np.empty(len(names), dtype=object)
+            texts[:] = names
+            return texts
 
         return {
             "time": columns["time"].view("datetime64[us]"),
-            "address": texts(columns["address"], columns["addresses"]),
-            "scanner": texts(columns["scanner"], columns["scanners"]),
-            "uuid": texts(columns["uuid"], columns["uuids"]),
+            "address": columns["address"],
+            "scanner": columns["scanner"],
+            "uuid": columns["uuid"],
             "rssi": columns["rssi"],
             "major": columns["major"],
             "minor": columns["minor"],
             "power": columns["power"],
+            "addresses": table(columns["addresses"]),
+            "scanners": table(columns["scanners"]),
+            "uuids": table(columns["uuids"]),
         }
 
     def to_pandas(self):

@@ -74,30 +74,22 @@ py::object toPython(const JSON& value) {
 
 }  // namespace
 
-void RunRecord::add(const TimelineEvent& event) {
-    report_.add(event);
-    if (event.kind != TimelineEvent::Kind::Heard) {
-        rows_.push_back(flatRow(event));
-        return;
-    }
-    for (const auto& heard : event.signals) {
-        signals_.push_back({millisecondsOf(event.when), heard.uuid, heard.device, heard.major, heard.minor,
-                            heard.rssi, heard.advertisements});
-    }
-}
-
 py::dict RunRecord::events() const {
+    std::vector<JSON> rows;
+    for (const auto& event : timeline) {
+        if (event.kind != TimelineEvent::Kind::Heard) rows.push_back(flatRow(event));
+    }
     // The columns in the order their fields first appear, so that the common ones come first.
     std::vector<std::string> names;
     std::map<std::string, py::list> columns;
-    for (const auto& row : rows_) {
+    for (const auto& row : rows) {
         for (const auto& [key, value] : row.items()) {
             if (columns.count(key) > 0) continue;
             names.push_back(key);
             columns.emplace(key, py::list());
         }
     }
-    for (const auto& row : rows_) {
+    for (const auto& row : rows) {
         for (const auto& name : names) {
             const auto found = row.find(name);
             columns[name].append(found == row.end() ? py::none() : toPython(*found));
@@ -115,14 +107,16 @@ py::dict RunRecord::events() const {
 
 py::dict RunRecord::signals() const {
     py::list t, uuid, major, minor, device, rssi, advertisements;
-    for (const auto& signal : signals_) {
-        t.append(signal.t);
-        uuid.append(signal.uuid);
-        major.append(signal.major);
-        minor.append(signal.minor);
-        device.append(signal.device);
-        rssi.append(signal.rssi);
-        advertisements.append(signal.advertisements);
+    for (const auto& event : timeline) {
+        for (const auto& signal : event.signals) {
+            t.append(millisecondsOf(event.when));
+            uuid.append(signal.uuid);
+            major.append(signal.major);
+            minor.append(signal.minor);
+            device.append(signal.device);
+            rssi.append(signal.rssi);
+            advertisements.append(signal.advertisements);
+        }
     }
     py::dict out;
     out["t"] = t;
@@ -136,7 +130,7 @@ py::dict RunRecord::signals() const {
 }
 
 std::string RunRecord::html() const {
-    return htmlReport(header, report_, length, storedVisits);
+    return htmlReport(header, timeline, length, storedVisits);
 }
 
 }  // namespace pelm::python

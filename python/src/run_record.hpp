@@ -15,16 +15,13 @@
 namespace pelm::python {
 
 using lab::ReportHeader;
-using lab::RunReport;
 using lab::TimelineEvent;
 
-/// What a replay or a simulation leaves for Python: its events as flat rows, what the radio heard, the
-/// visits the server stored and what a report needs. The events are taken as they come; the report's part
-/// stays bounded however long the run.
+/// What a replay or a simulation leaves for Python: its events, the visits the server stored and what a
+/// report needs. The tables and the page are drawn from the events when asked for, so a run costs no more
+/// than the command's until they are.
 class RunRecord {
   public:
-    void add(const TimelineEvent& event);
-
     /// The events but what the radio heard, a column a field: "t" (ms since 1970), "at" (ms from the
     /// start), "kind", "text" and the fields of each kind, None where a kind has none.
     pybind11::dict events() const;
@@ -37,17 +34,7 @@ class RunRecord {
     ReportHeader header;
     std::chrono::milliseconds length{0};
     JSON storedVisits = JSON::array();
-
-  private:
-    struct Signal {
-        std::int64_t t;
-        std::string uuid, device;
-        int major, minor, rssi, advertisements;
-    };
-
-    std::vector<JSON> rows_;
-    std::vector<Signal> signals_;
-    RunReport report_;
+    std::vector<TimelineEvent> timeline;
 };
 
 }  // namespace pelm::python

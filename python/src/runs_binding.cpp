@@ -73,14 +73,13 @@ std::unique_ptr<Replayed> replay(const std::filesystem::path& recording, std::op
     options.host = std::move(host);
     options.token = std::move(token);
     options.caFile = std::move(ca);
-    options.keepTimeline = false;  // the record takes each event as it comes
     InterruptCheck interrupt;
     options.stopRequested = [&interrupt] { return interrupt(); };
     auto out = std::make_unique<Replayed>();
     ReplayResult result;
     {
         py::gil_scoped_release unlocked;
-        result = runReplay(options, [&](const TimelineEvent& event) { out->record.add(event); });
+        result = runReplay(options);
     }
     interrupt.rethrow();
     if (!result.failure.empty()) throw RunError(recording.string() + ": " + result.failure);
@@ -88,7 +87,8 @@ std::unique_ptr<Replayed> replay(const std::filesystem::path& recording, std::op
     out->record.header = {options.scanner ? *options.scanner + " \u2014 " + name : name,
                           recording.string() + ": " + result.summary.line(), result.start};
     out->record.length = result.length;
-    out->record.storedVisits = result.storedVisits;
+    out->record.storedVisits = std::move(result.storedVisits);
+    out->record.timeline = std::move(result.timeline);
     out->summary = result.summary.line();
     out->uuid = result.uuid;
     out->otherUuids = result.otherUuids;
@@ -121,14 +121,13 @@ std::unique_ptr<Simulated> simulate(const std::optional<std::filesystem::path>& 
     options.host = std::move(host);
     options.token = std::move(token);
     options.caFile = std::move(ca);
-    options.keepTimeline = false;
     InterruptCheck interrupt;
     options.stopRequested = [&interrupt] { return interrupt(); };
     auto out = std::make_unique<Simulated>();
     SimulationResult result;
     {
         py::gil_scoped_release unlocked;
-        result = runSimulation(options, [&](const TimelineEvent& event) { out->record.add(event); });
+        result = runSimulation(options);
     }
     interrupt.rethrow();
     if (!result.failure.empty()) throw RunError(result.failure);
@@ -137,7 +136,8 @@ std::unique_ptr<Simulated> simulate(const std::optional<std::filesystem::path>& 
                               std::to_string(options.seed),
                           result.start};
     out->record.length = result.simulated;
-    out->record.storedVisits = result.storedVisits;
+    out->record.storedVisits = std::move(result.storedVisits);
+    out->record.timeline = std::move(result.timeline);
     out->advertisements = result.advertisements;
     out->start = microsecondsOf(result.start);
     return out;

@@ -3,6 +3,7 @@ settings folder of the test's own (the library stores the app token in it)."""
 
 import json
 import os
+import re
 import subprocess
 from pathlib import Path
 
@@ -21,6 +22,14 @@ def cli_json(*args: str) -> list:
     out = subprocess.run([os.environ.get("PELM_CLI", "pelm"), *args, "--json"], check=True,
                          capture_output=True, text=True, timeout=300).stdout
     return json.loads(out[out.index("\n[") + 1:])
+
+
+def cli_table(*args: str) -> list:
+    """The rows of the visit tables `pelm ARGS` prints: (major, minor, entrance, exit) texts, in its order."""
+    out = subprocess.run([os.environ.get("PELM_CLI", "pelm"), *args], check=True, capture_output=True,
+                         text=True, timeout=300).stdout
+    rows = re.findall(r"^    (\d+)/(\d+) +(\S+) +(\S+)$", out, re.MULTILINE)
+    return [(int(major), int(minor), entrance, exit) for major, minor, entrance, exit in rows]
 
 
 def cli_summary(path: Path) -> str:

@@ -36,6 +36,21 @@ def test_content_comes_with_its_beacon_and_the_visit_is_uploaded_at_stop(server)
     manager.close()
 
 
+def test_a_visit_the_server_cannot_take_at_stop_is_told_critical_and_not_uploaded(server):
+    pelm.set_app_token("demo-token", server.host, ca=server.ca)
+    lines = []
+    manager = pelm.BeaconManager(on_content=lambda content: pelm.stop(),
+                                 on_status=lambda text, critical: lines.append((text, critical)),
+                                 source=pelm.scenario(ENTRANCE))
+    manager.start()
+    pelm.run(30)
+    server.close()
+    assert manager.stop() == "not uploaded"
+    assert ("Failed to upload session", True) in lines
+    assert all(not critical for text, critical in lines if text.startswith("Entering"))
+    manager.close()
+
+
 def test_a_token_the_server_does_not_know_is_refused_with_the_reason(server):
     ok, reason = pelm.set_app_token("no-such-token", server.host, ca=server.ca)
     assert not ok

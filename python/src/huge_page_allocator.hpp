@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/mman.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace pelm::python {
+
+/// Memory for the big blocks a recording's columns take (hundreds of megabytes) and for the table of its
+/// senders, which is read at random once per advertisement: in 2 MiB pages where the kernel gives them, so
+/// that filling a column costs one page fault per 2 MiB, not per 4 KiB, and a lookup no TLB miss. Blocks
+/// under a huge page come from the ordinary heap.
+template <class T>
+struct HugePageAllocator {
+    using value_type = T;
+    static constexpr std::size_t kHugePage = std::size_t{2} << 20;
+
+    HugePageAllocator() = default;
+    template <class U>
+    HugePageAllocator(const HugePageAllocator<U>&) noexcept {}
+
+    T* allocate(std::size_t count) {
+        const auto bytes = count * sizeof(T);
+        if (bytes < kHugePage) return std::allocator<T>{}.allocate(count);
+        const auto rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+        void* block = std::aligned_alloc(kHugePage, rounded);
+        if (block == nullptr) throw std::bad_alloc();
+        ::madvise(block, rounded, MADV_HUGEPAGE);  // advice only: without huge pages it works all the same
+        return static_cast<T*>(block);
+    }
+    void deallocate(T* block, std::size_t count) noexcept {
+        if (count * sizeof(T) < kHugePage) return std::allocator<T>{}.deallocate(block, count);
+        std::free(block);
+    }
+    friend bool operator==(const HugePageAllocator&, const HugePageAllocator&) { return true; }
+};
+
+template <class T>
+using HugeVector = std::vector<T, HugePageAllocator<T>>;
+
+}  // namespace pelm::python
