@@ -20,9 +20,9 @@ namespace {
 
 // Hands a column to numpy without copying it: the array owns the vector from now on.
 template <class T>
-py::array_t<T> toArray(HugeVector<T>&& column) {
-    auto* owned = new HugeVector<T>(std::move(column));
-    py::capsule free(owned, [](void* data) { delete static_cast<HugeVector<T>*>(data); });
+py::array_t<T> toArray(MappedColumn<T>&& column) {
+    auto* owned = new MappedColumn<T>(std::move(column));
+    py::capsule free(owned, [](void* data) { delete static_cast<MappedColumn<T>*>(data); });
     return py::array_t<T>(static_cast<py::ssize_t>(owned->size()), owned->data(), free);
 }
 

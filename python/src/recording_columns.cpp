@@ -2,36 +2,57 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <exception>
 #include <map>
+#include <mutex>
+#include <thread>
 
 #include <pelm/platform/ble/ibeacon_advertisement.hpp>
 #include <pelm/platform/ble/recording_reader.hpp>
 
 namespace pelm::python {
 
-bool TextCodes::holds(const Slot& slot, std::string_view text, Hash hash) const {
-    if (slot.hash != hash) return false;
-    if (text.size() <= kInline)
-        return slot.length == text.size() && std::memcmp(slot.text, text.data(), text.size()) == 0;
-    return texts_[static_cast<std::size_t>(slot.code)] == text;
+TextCodes::Key TextCodes::keyOf(std::string_view text) {
+    Key key;
+    key.length = text.size();
+    const auto shown = std::min(text.size(), kInline);
+    for (std::size_t word = 0; word < key.words.size() && word * 8 < shown; ++word) {
+        const auto bytes = std::min<std::size_t>(8, shown - word * 8);
+        if (bytes == 8) {
+            std::memcpy(&key.words[word], text.data() + word * 8, 8);  // one load
+        } else {
+            std::memcpy(&key.words[word], text.data() + word * 8, bytes);
+        }
+    }
+    if (text.size() > kInline) {
+        key.hash = std::hash<std::string_view>{}(text);
+        return key;
+    }
+    // A multiply-and-fold of the three words: a short text's hash in a few cycles.
+    std::uint64_t hash = key.length * 0x9E3779B97F4A7C15ULL;
+    for (const auto word : key.words) hash = (hash ^ word) * 0xBF58476D1CE4E5B9ULL;
+    key.hash = hash ^ (hash >> 31);
+    return key;
 }
 
-std::int32_t TextCodes::code(std::string_view text, Hash hash) {
+std::int32_t TextCodes::code(std::string_view text, const Key& key) {
     const auto mask = slots_.size() - 1;
-    auto at = hash & mask;
+    auto at = key.hash & mask;
     for (; slots_[at].code >= 0; at = (at + 1) & mask) {
-        if (holds(slots_[at], text, hash)) return slots_[at].code;
+        const auto& slot = slots_[at];
+        // Word by word: std::array's == is a call to memcmp here.
+        if (slot.words[0] == key.words[0] && slot.words[1] == key.words[1] && slot.words[2] == key.words[2] &&
+            slot.length == key.length &&
+            (key.length <= kInline || texts_[static_cast<std::size_t>(slot.code)] == text))
+            return slot.code;
     }
-    auto& slot = slots_[at];
-    slot.hash = hash;
-    slot.code = static_cast<std::int32_t>(texts_.size());
-    if (text.size() <= kInline) {
-        slot.length = static_cast<std::uint8_t>(text.size());
-        std::memcpy(slot.text, text.data(), text.size());
-    }
+    slots_[at] = {key.words, static_cast<std::uint32_t>(key.length),
+                  static_cast<std::int32_t>(texts_.size())};
     texts_.emplace_back(text);
-    const auto code = slot.code;
+    const auto code = slots_[at].code;
     if (texts_.size() * 2 > slots_.size()) grow();
     return code;
 }
@@ -41,7 +62,7 @@ void TextCodes::grow() {
     const auto mask = bigger.size() - 1;
     for (const auto& slot : slots_) {
         if (slot.code < 0) continue;
-        auto at = slot.hash & mask;
+        auto at = keyOf(texts_[static_cast<std::size_t>(slot.code)]).hash & mask;
         while (bigger[at].code >= 0) at = (at + 1) & mask;
         bigger[at] = slot;
     }
@@ -70,9 +91,9 @@ class UuidCodes {
 };
 
 void add(RecordingColumns& columns, UuidCodes& uuids, const platform::HeardAdvertisement& heard,
-         TextCodes::Hash addressHash) {
+         const TextCodes::Key& addressKey) {
     columns.time.push_back(heard.at.time_since_epoch().count());
-    columns.address.push_back(columns.addresses.code(heard.address, addressHash));
+    columns.address.push_back(columns.addresses.code(heard.address, addressKey));
     columns.scanner.push_back(columns.scanners.code(heard.receiver));
     columns.rssi.push_back(static_cast<std::int16_t>(heard.rssi));
     const auto frame = platform::parseIBeacon(heard.data);
@@ -82,39 +103,123 @@ void add(RecordingColumns& columns, UuidCodes& uuids, const platform::HeardAdver
     columns.power.push_back(frame ? frame->measuredPower : 0);
 }
 
-// Room for the advertisements a file of this size likely holds (a btsnoop record of one is some 60 bytes),
-// so that the columns are seldom copied as they grow.
-void reserveFor(RecordingColumns& columns, const std::filesystem::path& file) {
-    std::error_code unknown;
-    const auto size = std::filesystem::file_size(file, unknown);
-    const auto expected = unknown ? 0 : std::min<std::uintmax_t>(size / 64, 1u << 30);
-    columns.time.reserve(expected);
-    for (auto* column : {&columns.address, &columns.scanner, &columns.uuid, &columns.major, &columns.minor})
-        column->reserve(expected);
-    for (auto* column : {&columns.rssi, &columns.power}) column->reserve(expected);
+// The reader on a thread of its own, a batch of advertisements at a time, while the caller's thread adds the
+// batch before to the columns: each takes a core, so the columns cost little more time than the reader does.
+// Batches go round between the two (their advertisements keep the memory of their texts).
+class ReadAhead {
+  public:
+    static constexpr std::size_t kBatch = 4096;
+    struct Batch {
+        std::vector<platform::HeardAdvertisement> heard = std::vector<platform::HeardAdvertisement>(kBatch);
+        std::size_t count = 0;
+    };
+
+    explicit ReadAhead(platform::RecordingReader& reader) : reader_(reader) {
+        for (auto& batch : batches_) empty_.push_back(&batch);
+        thread_ = std::thread([this] { read(); });
+    }
+    ~ReadAhead() {
+        {
+            const std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+    ReadAhead(const ReadAhead&) = delete;
+    ReadAhead& operator=(const ReadAhead&) = delete;
+
+    /// The next batch read, none at the end; rethrows what the reader threw.
+    Batch* next() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return !full_.empty() || ended_; });
+        if (!full_.empty()) {
+            auto* batch = full_.front();
+            full_.pop_front();
+            return batch;
+        }
+        if (error_) std::rethrow_exception(error_);
+        return nullptr;
+    }
+    /// A batch added to the columns, for the reader to fill again.
+    void done(Batch* batch) {
+        {
+            const std::lock_guard lock(mutex_);
+            empty_.push_back(batch);
+        }
+        changed_.notify_all();
+    }
+
+  private:
+    void read() {
+        try {
+            for (bool more = true; more;) {
+                Batch* batch = nullptr;
+                {
+                    std::unique_lock lock(mutex_);
+                    changed_.wait(lock, [this] { return !empty_.empty() || stopping_; });
+                    if (stopping_) return;
+                    batch = empty_.front();
+                    empty_.pop_front();
+                }
+                batch->count = 0;
+                while (batch->count < kBatch && (more = reader_.next(batch->heard[batch->count])))
+                    ++batch->count;
+                {
+                    const std::lock_guard lock(mutex_);
+                    full_.push_back(batch);
+                }
+                changed_.notify_all();
+            }
+        } catch (...) {
+            const std::lock_guard lock(mutex_);
+            error_ = std::current_exception();
+        }
+        {
+            const std::lock_guard lock(mutex_);
+            ended_ = true;
+        }
+        changed_.notify_all();
+    }
+
+    platform::RecordingReader& reader_;
+    std::array<Batch, 4> batches_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Batch*> empty_, full_;
+    bool ended_ = false, stopping_ = false;
+    std::exception_ptr error_;
+    std::thread thread_;
+};
+
+// A batch into the columns. The addresses' slots are asked for a few advertisements ahead, so that the table
+// lookup finds them in the cache.
+void addBatch(RecordingColumns& columns, UuidCodes& uuids, const ReadAhead::Batch& batch,
+              std::vector<TextCodes::Key>& keys) {
+    constexpr std::size_t kAhead = 8;
+    keys.resize(batch.count);
+    for (std::size_t i = 0; i < batch.count; ++i) keys[i] = TextCodes::keyOf(batch.heard[i].address);
+    for (std::size_t i = 0; i < batch.count && i < kAhead; ++i) columns.addresses.prefetch(keys[i]);
+    for (std::size_t i = 0; i < batch.count; ++i) {
+        if (i + kAhead < batch.count) columns.addresses.prefetch(keys[i + kAhead]);
+        add(columns, uuids, batch.heard[i], keys[i]);
+    }
 }
 
 }  // namespace
 
 RecordingColumns readColumns(const std::filesystem::path& file) {
     RecordingColumns columns;
-    reserveFor(columns, file);
     UuidCodes uuids(columns.uuids);
     const auto reader = platform::RecordingReader::open(file);
     columns.format = reader->format();
-    // Two advertisements in hand: while one is added, the slot of the next one's address is on its way
-    // into the cache.
-    platform::HeardAdvertisement heard[2];
-    bool more = reader->next(heard[0]);
-    auto hash = more ? TextCodes::hashOf(heard[0].address) : 0;
-    if (more) columns.addresses.prefetch(hash);
-    for (int now = 0; more; now ^= 1) {
-        const bool following = reader->next(heard[now ^ 1]);
-        const auto nextHash = following ? TextCodes::hashOf(heard[now ^ 1].address) : 0;
-        if (following) columns.addresses.prefetch(nextHash);
-        add(columns, uuids, heard[now], hash);
-        more = following;
-        hash = nextHash;
+    {
+        ReadAhead ahead(*reader);
+        std::vector<TextCodes::Key> keys;
+        while (auto* batch = ahead.next()) {
+            addBatch(columns, uuids, *batch, keys);
+            ahead.done(batch);
+        }
     }
     columns.warning = reader->warning();
     return columns;

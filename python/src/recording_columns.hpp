@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -8,33 +9,39 @@
 #include <vector>
 
 #include "huge_page_allocator.hpp"
+#include "mapped_column.hpp"
 
 namespace pelm::python {
 
 /// Texts that repeat (addresses, receivers, UUIDs) kept once each and named by their number, as a pandas
 /// category is: a recording of millions of advertisements has thousands of senders. Asked once per
-/// advertisement, so the table is open-addressed in one block with short texts (a Bluetooth address) kept in
-/// their slot: a lookup touches one cache line, which `prefetch` can ask for while the reader works.
+/// advertisement, so the table is open-addressed in one block, and a text of up to 24 bytes (a Bluetooth
+/// address) is kept in its slot as three words: a lookup compares words in one cache line, which
+/// `prefetch` can ask for while the reader works on.
 class TextCodes {
   public:
-    using Hash = std::uint64_t;
-    static Hash hashOf(std::string_view text) { return std::hash<std::string_view>{}(text); }
-    /// Brings the slot of a text of this hash into the cache; a later code() of it finds it there.
-    void prefetch(Hash hash) const { __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]); }
-    std::int32_t code(std::string_view text) { return code(text, hashOf(text)); }
-    std::int32_t code(std::string_view text, Hash hash);
+    /// A text's first 24 bytes as words (zero beyond its end), its length and its hash.
+    struct Key {
+        std::array<std::uint64_t, 3> words{};
+        std::uint64_t length = 0;
+        std::uint64_t hash = 0;
+    };
+    static constexpr std::size_t kInline = sizeof(Key::words);
+    static Key keyOf(std::string_view text);
+
+    /// Brings the slot of this key into the cache; a later code() of it finds it there.
+    void prefetch(const Key& key) const { __builtin_prefetch(&slots_[key.hash & (slots_.size() - 1)]); }
+    std::int32_t code(std::string_view text) { return code(text, keyOf(text)); }
+    std::int32_t code(std::string_view text, const Key& key);
     const std::vector<std::string>& texts() const { return texts_; }
 
   private:
-    static constexpr std::size_t kInline = 19;
     struct Slot {
-        Hash hash = 0;
+        std::array<std::uint64_t, 3> words{};
+        std::uint32_t length = 0;
         std::int32_t code = -1;
-        std::uint8_t length = 0;
-        char text[kInline] = {};
     };
     static_assert(sizeof(Slot) == 32);
-    bool holds(const Slot& slot, std::string_view text, Hash hash) const;
     void grow();
 
     HugeVector<Slot> slots_ = HugeVector<Slot>(1024);
@@ -44,11 +51,11 @@ class TextCodes {
 /// A whole recording as columns, one entry per advertisement, in file order.
 struct RecordingColumns {
     /// Microseconds since 1970, UTC.
-    HugeVector<std::int64_t> time;
-    HugeVector<std::int32_t> address, scanner;
+    MappedColumn<std::int64_t> time;
+    MappedColumn<std::int32_t> address, scanner;
     /// -1 where the advertisement holds no iBeacon frame, and so are major and minor; power is 0 there.
-    HugeVector<std::int32_t> uuid, major, minor;
-    HugeVector<std::int16_t> rssi, power;
+    MappedColumn<std::int32_t> uuid, major, minor;
+    MappedColumn<std::int16_t> rssi, power;
     TextCodes addresses, scanners, uuids;
     std::string format;
     std::optional<std::string> warning;

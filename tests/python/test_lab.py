@@ -1,6 +1,8 @@
 """pelm.read, pelm.replay, pelm.simulate and pelm.report against the pelm command on the same files."""
 
+import os
 import re
+import subprocess
 import uuid
 
 import numpy as np
@@ -91,6 +93,20 @@ def test_files_that_are_not_what_they_claim_raise_the_commands_words(tmp_path):
         pelm.replay(text)
     cut = tmp_path / "cut.btsnoop"
     cut.write_bytes(RECORDINGS[0].read_bytes()[:20])
+    # A record that is not one, well into the file: the same words as the command's, from every way in.
+    broken = tmp_path / "broken.btsnoop"
+    whole = RECORDINGS[0].read_bytes()
+    broken.write_bytes(whole[:3000] + b"\xff" * 40 + whole[3000:])
+    command = subprocess.run([os.environ.get("PELM_CLI", "pelm"), "replay", str(broken)], capture_output=True,
+                             text=True, timeout=60)
+    assert command.returncode == 1
+    said = command.stderr.strip().removeprefix("pelm replay: ")
+    assert "expected a record length" in said
+    for attempt in (lambda: pelm.read(broken).to_numpy(), lambda: list(pelm.read(broken)),
+                    lambda: pelm.replay(broken)):
+        with pytest.raises(pelm.RecordingError) as raised:
+            attempt()
+        assert str(raised.value) == said
     # A last record cut short is the end of the recording, told as a warning.
     cut_short = pelm.read(cut)
     assert list(cut_short) == [] and "offset 16" in cut_short.warning
