@@ -233,7 +233,10 @@ void ReaderAlone(benchmark::State& state, bool snoop) {
     for (auto _ : state) state.SetIterationTime(readerSeconds(snoop ? made.snoop : made.trace));
     state.counters["ads"] = benchmark::Counter(static_cast<double>(made.advertisements));
 }
-BENCHMARK_CAPTURE(ReaderAlone, json_trace, false)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ReaderAlone, json_trace, false)
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ReaderAlone, btsnoop, true)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 BENCHMARK_CAPTURE(Replay, json_trace, false)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);

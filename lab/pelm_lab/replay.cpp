@@ -604,4 +604,10 @@ ReplayResult runReplay(const ReplayOptions& options,
     return result;
 }
 
+ReportHeader reportHeader(const ReplayOptions& options, const ReplayResult& result) {
+    const auto name = options.recording.filename().string();
+    return {options.scanner ? *options.scanner + " \u2014 " + name : name,
+            options.recording.string() + ": " + result.summary.line(), result.start};
+}
+
 }  // namespace pelm::lab

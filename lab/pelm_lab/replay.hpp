@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "pelm_lab/report.hpp"
 #include "pelm_lab/visit_harness.hpp"
 
 namespace pelm::lab {
@@ -107,5 +108,9 @@ struct ReplayResult {
 /// platform::RecordingError for a file that is not what it claims.
 ReplayResult runReplay(const ReplayOptions& options,
                        const std::function<void(const TimelineEvent&)>& onEvent = {});
+
+/// What the report of a replay says before its events: the recording's name (the receiver's first, when
+/// one was chosen) and what the recording holds.
+ReportHeader reportHeader(const ReplayOptions& options, const ReplayResult& result);
 
 }  // namespace pelm::lab

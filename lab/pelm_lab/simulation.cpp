@@ -5,6 +5,7 @@
 #include <pelm/model/json_text.hpp>
 #include <pelm/platform/ble/ibeacon_advertisement.hpp>
 
+#include "pelm_lab/timeline_output.hpp"
 #include "pelm_server/demo_seed.hpp"
 
 namespace pelm::lab {
@@ -48,6 +49,13 @@ SimulationResult runSimulation(
     result.timeline = harness.takeEvents();
     result.storedVisits = harness.storedVisits();
     return result;
+}
+
+ReportHeader reportHeader(const SimulationOptions& options, const SimulationResult& result) {
+    return {options.scenario.name,
+            "A simulated walk of " + clockText(options.scenario.duration()) + ", seed " +
+                std::to_string(options.seed),
+            result.start};
 }
 
 }  // namespace pelm::lab

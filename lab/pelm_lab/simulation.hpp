@@ -10,6 +10,7 @@
 #include <pelm/model/json_binding.hpp>
 #include <pelm/platform/sim/simulated_store.hpp>
 
+#include "pelm_lab/report.hpp"
 #include "pelm_lab/visit_harness.hpp"
 
 namespace pelm::lab {
@@ -47,5 +48,8 @@ struct SimulationResult {
 SimulationResult runSimulation(
     const SimulationOptions& options, const std::function<void(const TimelineEvent&)>& onEvent = {},
     const std::function<void(std::chrono::milliseconds, std::chrono::milliseconds)>& onProgress = {});
+
+/// What the report of a walk says before its events: the scenario's name, the walk's length and seed.
+ReportHeader reportHeader(const SimulationOptions& options, const SimulationResult& result);
 
 }  // namespace pelm::lab

@@ -9,8 +9,7 @@ import uuid as uuidlib
 from typing import Optional
 
 from . import _pelm
-
-_EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
+from ._recordings import _EPOCH
 
 
 def _date(text: Optional[str]) -> Optional[datetime.datetime]:

@@ -4,14 +4,15 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <memory>
 #include <new>
+#include <vector>
 
 namespace pelm::python {
 
-/// Memory for the big blocks a recording's columns take (hundreds of megabytes) and for the table of its
-/// senders, which is read at random once per advertisement: in 2 MiB pages where the kernel gives them, so
-/// that filling a column costs one page fault per 2 MiB, not per 4 KiB, and a lookup no TLB miss. Blocks
-/// under a huge page come from the ordinary heap.
+/// Memory for the table of a recording's senders, which is read at random once per advertisement: in 2 MiB
+/// pages where the kernel gives them, so that a lookup costs no TLB miss. Blocks under a huge page come from
+/// the ordinary heap. (The columns themselves are MappedColumns: for them huge pages were slower.)
 template <class T>
 struct HugePageAllocator {
     using value_type = T;

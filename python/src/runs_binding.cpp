@@ -18,7 +18,6 @@
 #include "interrupt_check.hpp"
 #include "pelm_lab/replay.hpp"
 #include "pelm_lab/simulation.hpp"
-#include "pelm_lab/timeline_output.hpp"
 #include "pelm_server/demo_seed.hpp"
 #include "pelm_server/pelm_server.hpp"
 #include "run_record.hpp"
@@ -53,14 +52,39 @@ std::int64_t microsecondsOf(Date when) {
     return when.time_since_epoch().count();
 }
 
-void checkServerChoice(const std::optional<std::string>& host, const std::optional<std::string>& token) {
-    if (host.has_value() != token.has_value()) throw std::invalid_argument("host and token go together");
+// A server of one's own for a run, or the embedded one when no host is given; checked before anything else.
+struct ServerArguments {
+    ServerArguments(std::optional<std::string> host, std::optional<std::string> token,
+                    std::optional<std::string> ca)
+        : host(std::move(host)), token(std::move(token)), ca(std::move(ca)) {
+        if (this->host.has_value() != this->token.has_value())
+            throw std::invalid_argument("host and token go together");
+    }
+    std::optional<std::string> host, token, ca;
+};
+
+// Runs `run(options)` with the GIL released, on the server chosen, Ctrl-C noticed as the run goes; raises
+// what Python's signal handlers raised. Replay and simulation options name their server alike.
+template <class Options, class Run>
+auto runUnlocked(Options& options, ServerArguments server, Run run) {
+    options.host = std::move(server.host);
+    options.token = std::move(server.token);
+    options.caFile = std::move(server.ca);
+    InterruptCheck interrupt;
+    options.stopRequested = [&interrupt] { return interrupt(); };
+    decltype(run(options)) result;
+    {
+        py::gil_scoped_release unlocked;
+        result = run(options);
+    }
+    interrupt.rethrow();
+    return result;
 }
 
 std::unique_ptr<Replayed> replay(const std::filesystem::path& recording, std::optional<std::string> uuid,
                                  std::optional<std::string> scanner, std::optional<std::string> host,
                                  std::optional<std::string> token, std::optional<std::string> ca) {
-    checkServerChoice(host, token);
+    ServerArguments server(std::move(host), std::move(token), std::move(ca));
     ReplayOptions options;
     options.recording = recording;
     options.scanner = std::move(scanner);
@@ -70,22 +94,11 @@ std::unique_ptr<Replayed> replay(const std::filesystem::path& recording, std::op
             throw std::invalid_argument("uuid takes a UUID like F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
         options.uuid = parsed->uuidString();
     }
-    options.host = std::move(host);
-    options.token = std::move(token);
-    options.caFile = std::move(ca);
-    InterruptCheck interrupt;
-    options.stopRequested = [&interrupt] { return interrupt(); };
-    auto out = std::make_unique<Replayed>();
-    ReplayResult result;
-    {
-        py::gil_scoped_release unlocked;
-        result = runReplay(options);
-    }
-    interrupt.rethrow();
+    auto result =
+        runUnlocked(options, std::move(server), [](const ReplayOptions& o) { return runReplay(o); });
     if (!result.failure.empty()) throw RunError(recording.string() + ": " + result.failure);
-    const auto name = recording.filename().string();
-    out->record.header = {options.scanner ? *options.scanner + " \u2014 " + name : name,
-                          recording.string() + ": " + result.summary.line(), result.start};
+    auto out = std::make_unique<Replayed>();
+    out->record.header = reportHeader(options, result);
     out->record.length = result.length;
     out->record.storedVisits = std::move(result.storedVisits);
     out->record.timeline = std::move(result.timeline);
@@ -108,7 +121,7 @@ JSON scenarioJSON(const std::optional<std::filesystem::path>& file) {
 std::unique_ptr<Simulated> simulate(const std::optional<std::filesystem::path>& scenario, std::int64_t seed,
                                     std::optional<std::string> host, std::optional<std::string> token,
                                     std::optional<std::string> ca) {
-    checkServerChoice(host, token);
+    ServerArguments server(std::move(host), std::move(token), std::move(ca));
     if (seed < 0 || seed > (std::int64_t{1} << 53))
         throw std::invalid_argument("seed takes a whole number from 0 to 2^53");
     SimulationOptions options;
@@ -118,23 +131,11 @@ std::unique_ptr<Simulated> simulate(const std::optional<std::filesystem::path>& 
         throw std::invalid_argument(std::string("bad scenario: ") + e.what());
     }
     options.seed = static_cast<std::uint64_t>(seed);
-    options.host = std::move(host);
-    options.token = std::move(token);
-    options.caFile = std::move(ca);
-    InterruptCheck interrupt;
-    options.stopRequested = [&interrupt] { return interrupt(); };
-    auto out = std::make_unique<Simulated>();
-    SimulationResult result;
-    {
-        py::gil_scoped_release unlocked;
-        result = runSimulation(options);
-    }
-    interrupt.rethrow();
+    auto result =
+        runUnlocked(options, std::move(server), [](const SimulationOptions& o) { return runSimulation(o); });
     if (!result.failure.empty()) throw RunError(result.failure);
-    out->record.header = {options.scenario.name,
-                          "A simulated walk of " + clockText(options.scenario.duration()) + ", seed " +
-                              std::to_string(options.seed),
-                          result.start};
+    auto out = std::make_unique<Simulated>();
+    out->record.header = reportHeader(options, result);
     out->record.length = result.simulated;
     out->record.storedVisits = std::move(result.storedVisits);
     out->record.timeline = std::move(result.timeline);

@@ -100,10 +100,8 @@ int replayOne(ReplayOptions& options, const Arguments& args, const server::StopS
     const auto result = runReplay(options, [&](const TimelineEvent& event) { output.show(event); });
     if (result.interrupted) return output.interrupted(stop.exitCode());
     if (const auto failure = reportRun(options, result, args)) return *failure;
-    const auto name = options.recording.filename().string();
-    const ReportHeader header{options.scanner ? *options.scanner + " \u2014 " + name : name,
-                              options.recording.string() + ": " + result.summary.line(), result.start};
-    if (const auto failure = output.finish(header, result.length, result.storedVisits)) return *failure;
+    if (const auto failure = output.finish(reportHeader(options, result), result.length, result.storedVisits))
+        return *failure;
     return 0;
 }
 

@@ -111,11 +111,9 @@ int simulateCommand(const Arguments& args) {
         std::printf("The visit as the server stored it:\n");
         printStoredVisits(result.storedVisits, args.flag("json"));
     }
-    const ReportHeader header{options.scenario.name,
-                              "A simulated walk of " + clockText(options.scenario.duration()) + ", seed " +
-                                  std::to_string(options.seed),
-                              result.start};
-    if (const auto failure = output.finish(header, result.simulated, result.storedVisits)) return *failure;
+    if (const auto failure =
+            output.finish(reportHeader(options, result), result.simulated, result.storedVisits))
+        return *failure;
     return 0;
 }
 
