@@ -22,13 +22,13 @@ using namespace pelm;
 struct Stage {
     std::filesystem::path folder =
         std::filesystem::temp_directory_path() / ("pelm-bench-" + std::to_string(::getpid()));
-    std::unique_ptr<server::PelmServer> server;
+    std::unique_ptr<pelm::testing::TestServer> server;
     std::unique_ptr<pelm::testing::TestPlatform> platform;
 
     Stage() {
         server::PelmServer::Options options;
         options.certificateFolder = folder;
-        server = std::make_unique<server::PelmServer>(options);
+        server = std::make_unique<pelm::testing::TestServer>(options);
         server->store().seed(pelm::testing::testSeed());
         server->start();
         pelm::testing::TestPlatformOptions platformOptions;

@@ -13,8 +13,8 @@
 #include <pelm/platform/sim/simulated_store.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
+#include "pelm_lab/demo_scenario.hpp"
 #include "pelm_lab/simulation.hpp"
-#include "pelm_server/demo_seed.hpp"
 #include "support/test_platform.hpp"
 
 namespace {
@@ -164,7 +164,7 @@ BENCHMARK_CAPTURE(RecordingThroughTheStack, btsnoop, true)->Unit(benchmark::kMic
 
 void DemoVisit(benchmark::State& state) {
     lab::SimulationOptions options;
-    options.scenario = platform::Scenario::fromJSON(*parseJSONText(server::demoScenarioText()));
+    options.scenario = platform::Scenario::fromJSON(*parseJSONText(lab::demoScenarioText()));
     double simulatedSeconds = 0;
     for (auto _ : state) {
         const auto result = lab::runSimulation(options);

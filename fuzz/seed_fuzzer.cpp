@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "pelm_server/content_store.hpp"
+#include "pelm_server/store_factory.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const auto json = pelm::parseJSONText(std::string_view(reinterpret_cast<const char*>(data), size));

@@ -5,17 +5,17 @@
 
 #include <pelm/version.hpp>
 
-#include "pelm_arguments/arguments.hpp"
+#include "pelm_cli/arguments.hpp"
 #include "pelm_server/server_main.hpp"
 
 int main(int argc, char** argv) {
-    const pelm::tools::Arguments args(argc, argv, {"help", "version"});
+    const pelm::cli::Arguments args(argc, argv, {"help", "version", "check"});
     if (args.flag("help")) {
         std::printf(
             "usage: pelm-server [options]\n       pelm-server sessions --db FILE|URI\n"
             "       pelm-server --version | --help\n\n  sessions           print the stored uploads as "
             "JSON\n%s",
-            pelm::tools::optionLines(pelm::server::serverOptions()).c_str());
+            pelm::cli::optionLines(pelm::server::serverOptions()).c_str());
         return 0;
     }
     if (args.flag("version")) return std::printf("pelm-server %s\n", pelm::version()), 0;

@@ -16,6 +16,7 @@
 
 #include "pelm_lab/event_lines.hpp"
 #include "pelm_lab/refusal_watch.hpp"
+#include "pelm_server/content_store.hpp"
 #include "pelm_server/pelm_server.hpp"
 
 namespace pelm::lab {
@@ -155,7 +156,7 @@ VisitHarness::VisitHarness(const ServerChoice& server, Date start,
         embedded_->start();
         host = embedded_->host();
         token = server.token.value_or("demo-token");
-        ca = embedded_->caFile()->string();
+        ca = *embedded_->caFile();
     }
     loop_ = std::make_shared<testing::VirtualLoop>(start);
     recorder_ = std::make_shared<Recorder>(loop_, std::move(onEvent), keepEvents);

@@ -10,7 +10,7 @@
 #include <pelm/model/content.hpp>
 #include <pelm/model/json_date_transform.hpp>
 
-#include "pelm_server/text_numbers.hpp"
+#include "pelm_cli/text_numbers.hpp"
 
 namespace pelm::lab {
 namespace {
@@ -20,7 +20,7 @@ double secondsOf(std::chrono::milliseconds at) {
 }
 
 std::optional<int> number(std::string_view text) {
-    const auto value = server::wholeNumber(text, 0, 65535);
+    const auto value = cli::wholeNumber(text, 0, 65535);
     return value ? std::optional<int>(static_cast<int>(*value)) : std::nullopt;
 }
 

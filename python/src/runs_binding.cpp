@@ -16,8 +16,10 @@
 
 #include "bindings.hpp"
 #include "interrupt_check.hpp"
+#include "pelm_lab/demo_scenario.hpp"
 #include "pelm_lab/replay.hpp"
 #include "pelm_lab/simulation.hpp"
+#include "pelm_server/content_store.hpp"
 #include "pelm_server/demo_seed.hpp"
 #include "pelm_server/pelm_server.hpp"
 #include "run_record.hpp"
@@ -112,7 +114,7 @@ std::unique_ptr<Replayed> replay(const std::filesystem::path& recording, std::op
 }
 
 JSON scenarioJSON(const std::optional<std::filesystem::path>& file) {
-    if (!file) return *parseJSONText(server::demoScenarioText());
+    if (!file) return *parseJSONText(lab::demoScenarioText());
     auto read = platform::readJSONFile(*file);
     if (!read.json) throw std::invalid_argument(read.error);
     return std::move(*read.json);
@@ -225,7 +227,7 @@ void bindRuns(py::module_& module) {
     py::class_<EmbeddedServer>(module, "Server")
         .def(py::init<const std::optional<std::string>&>(), py::arg("seed") = py::none())
         .def_property_readonly("host", [](EmbeddedServer& s) { return s.server().host(); })
-        .def_property_readonly("ca", [](EmbeddedServer& s) { return s.server().caFile()->string(); })
+        .def_property_readonly("ca", [](EmbeddedServer& s) { return *s.server().caFile(); })
         .def("visits_json", [](EmbeddedServer& s) { return jsonText(s.server().store().sessions()); })
         .def("close", &EmbeddedServer::close, py::call_guard<py::gil_scoped_release>());
 }

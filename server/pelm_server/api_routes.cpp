@@ -10,8 +10,11 @@
 namespace pelm::server {
 namespace {
 
-ApiAnswer reply(int status, const JSON& body) {
-    return {status, jsonText(body), std::nullopt};
+Reply reply(int status, const JSON& body) {
+    Reply made;
+    made.status = status;
+    made.body = sharedText(jsonText(body));
+    return made;
 }
 
 std::string text(const JSON& form, const char* key) {
@@ -38,22 +41,27 @@ std::optional<std::string_view> contentId(std::string_view path) {
 
 }  // namespace
 
-ApiAnswer ApiRoutes::error(int status, const std::string& message) {
+Reply ApiRoutes::error(int status, const std::string& message) {
     return reply(status, JSON{{"status", "error"}, {"message", message}});
 }
 
-ApiAnswer ApiRoutes::unavailable(const std::string& message) {
+Reply ApiRoutes::unavailable(const std::string& message) {
     auto answer = error(503, message);
     answer.retryAfter = kRetryAfterSeconds;
     return answer;
 }
 
-ApiAnswer ApiRoutes::answer(std::string_view method, std::string_view target, const std::string& body) const {
+Reply ApiRoutes::answer(std::string_view method, std::string_view target, const std::string& body) {
     const auto mark = target.find('?');
     const auto path = target.substr(0, mark);
     const auto query = mark == std::string_view::npos ? std::string_view() : target.substr(mark + 1);
+    const auto generation = store_.generation();
+    ReadAt readAt = std::chrono::steady_clock::now();
+    ReadAt* oldest = &readAt;
     try {
-        return route(method, path, query, body);
+        auto made = route(method, path, query, body, oldest);
+        if (oldest) answers_.keep(target, made, readAt, generation);
+        return made;
     } catch (const StoreError& e) {
         log_("database unavailable",
              "request " + std::string(method) + " " + std::string(path) + " not answered: " + e.what());
@@ -65,18 +73,15 @@ ApiAnswer ApiRoutes::answer(std::string_view method, std::string_view target, co
     }
 }
 
-std::optional<ApiAnswer> ApiRoutes::answerFromMemory(std::string_view method, std::string_view target) const {
+std::optional<Reply> ApiRoutes::answerFromMemory(std::string_view method, std::string_view target) const {
     if (method != "GET") return std::nullopt;
-    const ContentStore::MemoryOnly memoryOnly;
-    try {
-        return answer(method, target, {});
-    } catch (const ContentStore::NotInMemory&) {
-        return std::nullopt;
-    }
+    return answers_.find(target);
 }
 
-ApiAnswer ApiRoutes::route(std::string_view method, std::string_view path, std::string_view query,
-                           const std::string& body) const {
+Reply ApiRoutes::route(std::string_view method, std::string_view path, std::string_view query,
+                       const std::string& body, ReadAt*& oldest) const {
+    const auto lookup = oldest;
+    oldest = nullptr;
     const std::string_view base = PelmConstants::apiBasePath;
     if (path.substr(0, base.size()) != base) return error(404, "Not found");
     path.remove_prefix(base.size());
@@ -84,14 +89,14 @@ ApiAnswer ApiRoutes::route(std::string_view method, std::string_view path, std::
     if (method != "GET") return error(404, "Not found");
     const auto parameters = parseFormBody(query);
     if (path == "/status") return status(parameters);
-    if (path == "/app_config/by_app_token") return appConfig(parameters);
-    if (path == "/contents/by_hardware") return contentForHardware(parameters);
+    if (path == "/app_config/by_app_token") return appConfig(parameters, oldest = lookup);
+    if (path == "/contents/by_hardware") return contentForHardware(parameters, oldest = lookup);
     if (const auto id = contentId(path)) return content(parameters, *id);
     return error(404, "Not found");
 }
 
 // Answered from the cache through an outage; "database" then says what the server knows of it.
-ApiAnswer ApiRoutes::status(const JSON& query) const {
+Reply ApiRoutes::status(const JSON& query) const {
     if (!store_.appConfig(text(query, "app_token"))) return error(401, "Unknown app token");
     const auto outage = store_.outage();
     return reply(200, {{"status", "successful"},
@@ -101,13 +106,13 @@ ApiAnswer ApiRoutes::status(const JSON& query) const {
                        {"database", outage ? "unavailable: " + *outage : std::string("available")}});
 }
 
-ApiAnswer ApiRoutes::appConfig(const JSON& query) const {
-    const auto config = store_.appConfig(text(query, "app_token"));
+Reply ApiRoutes::appConfig(const JSON& query, ReadAt* oldest) const {
+    const auto config = store_.appConfig(text(query, "app_token"), oldest);
     if (!config) return error(401, "Unknown app token");
     return reply(200, {{"status", "successful"}, {"app_config", *config}});
 }
 
-ApiAnswer ApiRoutes::content(const JSON& query, std::string_view digits) const {
+Reply ApiRoutes::content(const JSON& query, std::string_view digits) const {
     const auto token = text(query, "app_token");
     if (!store_.appConfig(token)) return error(401, "Unknown app token");
     std::int64_t id = 0;
@@ -118,13 +123,13 @@ ApiAnswer ApiRoutes::content(const JSON& query, std::string_view digits) const {
     return reply(200, {{"status", "successful"}, {"content", *content}});
 }
 
-ApiAnswer ApiRoutes::contentForHardware(const JSON& query) const {
+Reply ApiRoutes::contentForHardware(const JSON& query, ReadAt* oldest) const {
     const auto token = text(query, "app_token");
-    if (!store_.appConfig(token)) return error(401, "Unknown app token");
+    if (!store_.appConfig(token, oldest)) return error(401, "Unknown app token");
     if (text(query, "type") != "BLE") return error(400, "Unsupported hardware type");
     const auto uuid = text(query, "uuid"), major = text(query, "major"), minor = text(query, "minor");
-    const auto entry = store_.contentForBeacon(token, uuid, major, minor, "entry");
-    const auto exit = store_.contentForBeacon(token, uuid, major, minor, "exit");
+    const auto entry = store_.contentForBeacon(token, uuid, major, minor, "entry", oldest);
+    const auto exit = store_.contentForBeacon(token, uuid, major, minor, "exit", oldest);
     if (!entry && !exit) return error(404, "No content for this beacon");
     JSON body = {{"status", "successful"}};
     if (entry) body["content_entry"] = *entry;
@@ -134,7 +139,7 @@ ApiAnswer ApiRoutes::contentForHardware(const JSON& query) const {
 
 // An upload the database did not take (or whose token it could not check) is answered 503, so that the
 // phone keeps the visit and sends it again, and the operator reads why.
-ApiAnswer ApiRoutes::upload(const std::string& body) const {
+Reply ApiRoutes::upload(const std::string& body) const {
     const auto form = parseFormBody(body);
     const auto token = text(form, "app_token");
     try {

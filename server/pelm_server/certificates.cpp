@@ -2,6 +2,7 @@
 
 #include <openssl/bn.h>
 #include <openssl/ec.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
@@ -299,6 +300,21 @@ ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int 
         }
     }
     return makeThrowawayCertificate(folder, days, names);
+}
+
+std::optional<std::string> certificateProblem(const std::filesystem::path& certFile,
+                                              const std::filesystem::path& keyFile) {
+    const auto cert = readCertificate(certFile);
+    if (!cert) return "cannot read the certificate " + certFile.string() + " (not a PEM certificate)";
+    const auto key = readKey(keyFile);
+    if (!key) return "cannot read the key " + keyFile.string() + " (not a PEM private key, or protected)";
+    if (X509_check_private_key(cert.get(), key.get()) != 1) {
+        ERR_clear_error();
+        return "the key " + keyFile.string() + " is not the key of the certificate " + certFile.string();
+    }
+    if (!validFor(cert.get(), 0))
+        return "the certificate " + certFile.string() + " is not valid now (expired, or not valid yet)";
+    return std::nullopt;
 }
 
 }  // namespace pelm::server

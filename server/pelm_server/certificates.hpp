@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "pelm_server/server_names.hpp"
+
 namespace pelm::server {
 
 /// A throwaway certificate authority and a server certificate it signed, for localhost and the loopback
@@ -16,10 +18,6 @@ struct ThrowawayCertificate {
     /// Whether this call made the authority (false: the folder's was reused, as devices already trust it).
     bool madeAuthority = true;
 };
-
-/// Names a server certificate holds besides localhost, 127.0.0.1 and ::1: host names and IP addresses under
-/// which devices on the LAN reach the server.
-using ServerNames = std::vector<std::string>;
 
 /// Why `name` cannot go into a certificate (not a host name nor an IP address), if it cannot.
 std::optional<std::string> serverNameProblem(const std::string& name);
@@ -44,5 +42,10 @@ ThrowawayCertificate makeThrowawayCertificate(const std::filesystem::path& folde
 /// same folder.
 ThrowawayCertificate folderCertificate(const std::filesystem::path& folder, int days = 365,
                                        const ServerNames& names = {});
+
+/// Why the server could not serve with this certificate and key: a file missing or not PEM, a key that is not
+/// the certificate's, a certificate not yet or no longer valid. None when it could.
+std::optional<std::string> certificateProblem(const std::filesystem::path& certFile,
+                                              const std::filesystem::path& keyFile);
 
 }  // namespace pelm::server

@@ -12,9 +12,6 @@
 #include <set>
 #include <stdexcept>
 
-#include "pelm_server/postgres_store.hpp"
-#include "pelm_server/sqlite_store.hpp"
-
 namespace pelm::server {
 namespace {
 
@@ -82,21 +79,11 @@ void put(JSON& object, const char* key, const std::optional<std::string>& text) 
     if (text) object[key] = *text;
 }
 
-thread_local bool memoryOnly = false;
-
-void requireDatabaseAllowed() {
-    if (memoryOnly) throw ContentStore::NotInMemory{};
+void lower(ContentStore::ReadAt* oldest, ContentStore::ReadAt readAt) {
+    if (oldest && readAt < *oldest) *oldest = readAt;
 }
 
 }  // namespace
-
-ContentStore::MemoryOnly::MemoryOnly() {
-    memoryOnly = true;
-}
-
-ContentStore::MemoryOnly::~MemoryOnly() {
-    memoryOnly = false;
-}
 
 ContentStore::ContentStore(std::chrono::milliseconds cacheLifetime) : cacheLifetime_(cacheLifetime) {}
 
@@ -153,7 +140,7 @@ void ContentStore::seed(const JSON& data) {
     }
     std::unique_lock cache(cacheMutex_);
     cache_.clear();
-    ++generation_;
+    generation_.fetch_add(1, std::memory_order_release);
     writeSeed(appRows, contentRows);
 }
 
@@ -165,6 +152,7 @@ auto ContentStore::throughOutage(Call&& call) const -> decltype(call()) {
         std::lock_guard lock(outageMutex_);
         throw StoreError(lastError_);
     }
+    callsMade_.fetch_add(1, std::memory_order_relaxed);
     try {
         auto result = call();
         failing_ = false;
@@ -181,6 +169,7 @@ void ContentStore::noteFailure(const StoreError& error) const {
     std::lock_guard lock(outageMutex_);
     lastError_ = error.what();
     failing_ = true;
+    callsFailed_.fetch_add(1, std::memory_order_relaxed);
 }
 
 std::optional<std::string> ContentStore::outage() const {
@@ -190,7 +179,8 @@ std::optional<std::string> ContentStore::outage() const {
 }
 
 std::optional<JSON> ContentStore::cached(const std::string& key,
-                                         const std::function<std::optional<std::string>()>& query) const {
+                                         const std::function<std::optional<std::string>()>& query,
+                                         ReadAt* oldest) const {
     std::uint64_t generation = 0;
     const auto now = std::chrono::steady_clock::now();
     std::optional<Cached> stale;
@@ -198,21 +188,28 @@ std::optional<JSON> ContentStore::cached(const std::string& key,
         std::shared_lock lock(cacheMutex_);
         if (const auto found = cache_.find(key); found != cache_.end()) {
             const auto age = now - found->second.readAt;
-            if (age < cacheLifetime_) return found->second.value;
+            if (age < cacheLifetime_) {
+                lower(oldest, found->second.readAt);
+                return found->second.value;
+            }
             if (age < kLongestStale) stale = found->second;
         }
         generation = generation_;
     }
     // Through an outage the last answer stands, without a wait on the database.
-    if (stale && failing_.load()) return stale->value;
-    requireDatabaseAllowed();
+    if (stale && failing_.load()) {
+        lower(oldest, stale->readAt);
+        return stale->value;
+    }
     std::optional<std::string> text;
     try {
         text = throughOutage(query);
     } catch (const StoreError&) {
-        if (stale) return stale->value;
-        throw;
+        if (!stale) throw;
+        lower(oldest, stale->readAt);
+        return stale->value;
     }
+    lower(oldest, now);
     std::optional<JSON> value;
     if (text) value = storedJSON(*text);
     std::unique_lock lock(cacheMutex_);
@@ -223,12 +220,12 @@ std::optional<JSON> ContentStore::cached(const std::string& key,
     return value;
 }
 
-std::optional<JSON> ContentStore::appConfig(const std::string& token) const {
-    return cached("a" + token, [&] { return queryAppConfig(token); });
+std::optional<JSON> ContentStore::appConfig(const std::string& token, ReadAt* oldest) const {
+    return cached(
+        "a" + token, [&] { return queryAppConfig(token); }, oldest);
 }
 
 std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t id) const {
-    requireDatabaseAllowed();
     const auto text = throughOutage([&] { return queryContent(token, id); });
     if (!text) return std::nullopt;
     return storedJSON(*text);
@@ -236,7 +233,7 @@ std::optional<JSON> ContentStore::content(const std::string& token, std::int64_t
 
 std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, const std::string& uuid,
                                                    const std::string& major, const std::string& minor,
-                                                   const std::string& displayType) const {
+                                                   const std::string& displayType, ReadAt* oldest) const {
     std::string upperUuid = uuid;
     for (auto& c : upperUuid) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     std::string key = "c";
@@ -246,12 +243,12 @@ std::optional<JSON> ContentStore::contentForBeacon(const std::string& token, con
         key += ':';
         key += *part;
     }
-    return cached(key, [&] { return queryContentForBeacon(token, uuid, major, minor, displayType); });
+    return cached(
+        key, [&] { return queryContentForBeacon(token, uuid, major, minor, displayType); }, oldest);
 }
 
 std::int64_t ContentStore::storeSession(const std::string& token, const std::string& user,
                                         const JSON& session, const JSON& beacon, const JSON& sessionLogs) {
-    requireDatabaseAllowed();
     Upload upload{storable(token),
                   storable(user),
                   textMember(session, "app_version"),
@@ -308,16 +305,6 @@ JSON ContentStore::storedJSON(const std::string& text) {
     auto parsed = parseJSONText(text);
     if (!parsed) throw std::runtime_error("the database holds a record that is not JSON");
     return std::move(*parsed);
-}
-
-bool isPostgresAddress(const std::string& database) {
-    return database.rfind("postgresql://", 0) == 0 || database.rfind("postgres://", 0) == 0;
-}
-
-std::unique_ptr<ContentStore> openContentStore(const std::string& database, ContentStore::Open open,
-                                               std::chrono::milliseconds cacheLifetime) {
-    if (isPostgresAddress(database)) return std::make_unique<PostgresStore>(database, cacheLifetime);
-    return std::make_unique<SqliteStore>(database, open, cacheLifetime);
 }
 
 }  // namespace pelm::server

@@ -41,18 +41,9 @@ class ContentStore {
     /// outage. Past it a lookup fails like an upload.
     static constexpr std::chrono::hours kLongestStale{1};
 
-    /// Thrown, inside a MemoryOnly scope, by a call that would have to wait on the database.
-    struct NotInMemory {};
-    /// While one lives on a thread, the store answers that thread from memory only and throws NotInMemory
-    /// otherwise: the server's event loop answers what it can at once, and hands the rest to threads that
-    /// may wait.
-    class MemoryOnly {
-      public:
-        MemoryOnly();
-        ~MemoryOnly();
-        MemoryOnly(const MemoryOnly&) = delete;
-        MemoryOnly& operator=(const MemoryOnly&) = delete;
-    };
+    /// When what an answer was made of was read from the database: a cache of answers keeps one no longer
+    /// than the oldest of its parts.
+    using ReadAt = std::chrono::steady_clock::time_point;
 
     virtual ~ContentStore();
     ContentStore(const ContentStore&) = delete;
@@ -64,12 +55,14 @@ class ContentStore {
     /// them.
     void seed(const JSON& data);
 
-    std::optional<JSON> appConfig(const std::string& token) const;
+    /// The lookups a phone makes on every start and beacon are kept in memory (see kDefaultCacheLifetime);
+    /// `oldest`, when given, is lowered to the time the answer was read from the database.
+    std::optional<JSON> appConfig(const std::string& token, ReadAt* oldest = nullptr) const;
     std::optional<JSON> content(const std::string& token, std::int64_t id) const;
     /// The first content of that display type for the beacon; the UUID is compared without regard to case.
     std::optional<JSON> contentForBeacon(const std::string& token, const std::string& uuid,
                                          const std::string& major, const std::string& minor,
-                                         const std::string& displayType) const;
+                                         const std::string& displayType, ReadAt* oldest = nullptr) const;
 
     /// Stores one upload and answers its id. The same upload sent again (a phone that never heard the
     /// answer, to this server or to another sharing the database) is stored once and answers the same id.
@@ -80,8 +73,19 @@ class ContentStore {
     virtual JSON sessions() const = 0;
     /// Which database this is, for the operator: "SQLite file X", "PostgreSQL database D on H".
     virtual std::string description() const = 0;
+    /// Which kind of database: "sqlite" or "postgresql".
+    virtual const char* backend() const = 0;
     /// Why the last call to the database failed, while it fails; none once one succeeds again.
     std::optional<std::string> outage() const;
+    /// Whether the last call to the database failed: an atomic read, for every request.
+    bool failing() const { return failing_.load(std::memory_order_relaxed); }
+    /// Counts seedings through this store: an answer made before one must not be served after it.
+    std::uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
+    /// Calls made to the database, and how many of them failed, since the store was opened.
+    struct Calls {
+        std::uint64_t made = 0, failed = 0;
+    };
+    Calls calls() const { return {callsMade_.load(), callsFailed_.load()}; }
 
   protected:
     explicit ContentStore(std::chrono::milliseconds cacheLifetime);
@@ -133,7 +137,8 @@ class ContentStore {
         std::chrono::steady_clock::time_point readAt;
     };
     std::optional<JSON> cached(const std::string& key,
-                               const std::function<std::optional<std::string>()>& query) const;
+                               const std::function<std::optional<std::string>()>& query,
+                               ReadAt* oldest) const;
 
     std::chrono::milliseconds cacheLifetime_;
     // Bounded, since lookups of tokens and beacons that have nothing are kept too.
@@ -141,23 +146,13 @@ class ContentStore {
     mutable std::shared_mutex cacheMutex_;
     mutable std::unordered_map<std::string, Cached> cache_;
     // Counts seedings, so that an answer read before one is not kept after it.
-    std::uint64_t generation_ = 0;
+    std::atomic<std::uint64_t> generation_{0};
 
+    mutable std::atomic<std::uint64_t> callsMade_{0}, callsFailed_{0};
     mutable std::atomic<bool> failing_{false};
     mutable std::atomic<bool> probing_{false};
     mutable std::mutex outageMutex_;
     mutable std::string lastError_;
 };
-
-/// True for a PostgreSQL connection URI ("postgresql://…" or "postgres://…").
-bool isPostgresAddress(const std::string& database);
-
-/// PostgreSQL for a connection URI (an empty one, "postgresql://", takes everything from PGHOST, PGSERVICE
-/// and the other libpq variables), otherwise a SQLite file (":memory:" keeps everything in memory). Throws
-/// std::runtime_error when the database cannot be opened or, with ExistingOnly, a file does not exist
-/// (nothing is created then).
-std::unique_ptr<ContentStore> openContentStore(
-    const std::string& database, ContentStore::Open open = ContentStore::Open::CreateIfMissing,
-    std::chrono::milliseconds cacheLifetime = ContentStore::kDefaultCacheLifetime);
 
 }  // namespace pelm::server

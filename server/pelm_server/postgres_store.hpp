@@ -24,6 +24,7 @@ class PostgresStore final : public ContentStore {
 
     JSON sessions() const override;
     std::string description() const override { return description_; }
+    const char* backend() const override { return "postgresql"; }
 
   private:
     class Lease;

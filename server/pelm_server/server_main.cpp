@@ -10,10 +10,15 @@
 #include <pelm/model/json_text.hpp>
 #include <pelm/platform/linux/bounded_file.hpp>
 
+#include "pelm_cli/stop_signals.hpp"
+#include "pelm_cli/text_numbers.hpp"
+#include "pelm_server/certificates.hpp"
+#include "pelm_server/content_store.hpp"
 #include "pelm_server/demo_seed.hpp"
 #include "pelm_server/pelm_server.hpp"
-#include "pelm_server/stop_signals.hpp"
-#include "pelm_server/text_numbers.hpp"
+#include "pelm_server/store_factory.hpp"
+
+#include <unistd.h>
 
 namespace pelm::server {
 namespace {
@@ -33,16 +38,16 @@ int say(const ServeStyle& style, const std::string& message, int code) {
 }
 
 // A whole number from `low` to `high`, or the usage error `what`.
-long long numberOption(const tools::Arguments& args, const char* name, long long low, long long high,
+long long numberOption(const cli::Arguments& args, const char* name, long long low, long long high,
                        long long otherwise, const std::string& what) {
     const auto text = args.option(name);
     if (!text) return otherwise;
-    const auto value = wholeNumber(*text, low, high);
+    const auto value = cli::wholeNumber(*text, low, high);
     if (!value) throw UsageError{what};
     return *value;
 }
 
-PelmServer::Options readOptions(const tools::Arguments& args, const ServeStyle& style) {
+PelmServer::Options readOptions(const cli::Arguments& args, const ServeStyle& style) {
     PelmServer::Options options;
     options.database = args.option("db").value_or("pelm-server.db");
     options.port = static_cast<int>(numberOption(args, "port", 1, 65535, style.port.value_or(0),
@@ -67,11 +72,15 @@ PelmServer::Options readOptions(const tools::Arguments& args, const ServeStyle& 
     if (options.certFile && !options.names.empty())
         throw UsageError{"--name goes into the throwaway certificate; --cert brings its own names"};
     if (!options.certFile) options.certificateFolder = std::filesystem::absolute("pelm-server-certificate");
+    if (const auto log = args.option("access-log")) {
+        if (log->empty()) throw UsageError{"--access-log takes a file"};
+        options.accessLog = *log;
+    }
     return options;
 }
 
 // The seed to serve: the file given, the demo data, or none.
-std::optional<JSON> readSeed(const tools::Arguments& args, const ServeStyle& style) {
+std::optional<JSON> readSeed(const cli::Arguments& args, const ServeStyle& style) {
     if (const auto path = args.option("seed")) {
         auto read = platform::readJSONFile(*path);
         if (!read.json) throw std::runtime_error(read.error);
@@ -79,6 +88,59 @@ std::optional<JSON> readSeed(const tools::Arguments& args, const ServeStyle& sty
     }
     if (style.demoData) return parseJSONText(demoSeedText());
     return std::nullopt;
+}
+
+// What a service manager runs before a start (ExecStartPre=): everything a start would read is read, nothing
+// is served, nothing is made. One line per part; the first problem ends it with exit code 1.
+int check(const PelmServer::Options& options, const std::optional<JSON>& seed, const ServeStyle& style) {
+    const auto line = [&](const std::string& part, const std::string& text) {
+        std::printf("%s: %s: %s\n", style.program.c_str(), part.c_str(), text.c_str());
+        std::fflush(stdout);  // before a problem's line on standard error
+    };
+    line("options", "read");
+    if (seed) {
+        openContentStore(":memory:")->seed(*seed);
+        line("seed", std::to_string(seed->value("apps", JSON::array()).size()) + " apps, " +
+                         std::to_string(seed->value("contents", JSON::array()).size()) + " contents");
+    }
+    const auto sqlite = !isPostgresAddress(options.database) && options.database != ":memory:";
+    if (sqlite && !std::filesystem::exists(options.database)) {
+        const auto folder = std::filesystem::absolute(options.database).parent_path();
+        if (::access(folder.c_str(), W_OK) != 0)
+            throw std::runtime_error("cannot make the database " + options.database + ": the folder " +
+                                     folder.string() + " is not writable");
+        line("database", "SQLite file " + options.database + " (made at the start)");
+    } else {
+        try {
+            line("database",
+                 openContentStore(options.database, ContentStore::Open::ExistingOnly)->description());
+        } catch (const std::exception& e) {
+            throw std::runtime_error("the database " + options.database + " cannot be used: " + e.what());
+        }
+    }
+    if (options.certFile && options.keyFile) {
+        if (const auto problem = certificateProblem(*options.certFile, *options.keyFile))
+            throw std::runtime_error(*problem);
+        line("certificate", *options.certFile);
+    } else if (const std::filesystem::path folder = *options.certificateFolder;
+               std::filesystem::exists(folder / "cert.pem")) {
+        if (const auto problem = certificateProblem(folder / "cert.pem", folder / "key.pem"))
+            line("certificate", *problem + "; a new throwaway one is made at the start");
+        else
+            line("certificate", "throwaway, in " + folder.string());
+    } else {
+        line("certificate", "a throwaway one is made in " + folder.string() + " at the start");
+    }
+    if (options.accessLog) {
+        const auto folder = std::filesystem::absolute(*options.accessLog).parent_path();
+        const bool writable = std::filesystem::exists(*options.accessLog)
+                                  ? ::access(options.accessLog->c_str(), W_OK) == 0
+                                  : ::access(folder.c_str(), W_OK) == 0;
+        if (!writable) throw std::runtime_error("cannot write the access log " + *options.accessLog);
+        line("access log", *options.accessLog);
+    }
+    std::printf("%s: ready to serve\n", style.program.c_str());
+    return 0;
 }
 
 int listSessions(const PelmServer::Options& options) {
@@ -106,7 +168,7 @@ int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, c
     // Before the server's threads start, so that the signals come to the watcher alone. Until the server
     // listens there is nothing to finish: a stop then ends the process at once, even while a database keeps
     // it waiting.
-    auto& stop = StopSignals::watch();
+    auto& stop = cli::StopSignals::watch();
     // Kept for the process's life: the watcher may read it at any moment, also after a failed start.
     static std::string stoppedWhileStarting;
     stoppedWhileStarting = style.program + ": stopped while starting; nothing was served";
@@ -154,8 +216,8 @@ int serve(const PelmServer::Options& options, const std::optional<JSON>& seed, c
 
 }  // namespace
 
-const std::vector<tools::Option>& serverOptions() {
-    static const std::vector<tools::Option> options = {
+const std::vector<cli::Option>& serverOptions() {
+    static const std::vector<cli::Option> options = {
         {"db", "FILE|URI",
          "the SQLite database (default pelm-server.db), or a PostgreSQL one, "
          "postgresql://USER@HOST:PORT/NAME, "
@@ -178,22 +240,30 @@ const std::vector<tools::Option>& serverOptions() {
          "./pelm-server-certificate/ "
          "signs one, kept across restarts"},
         {"key", "FILE", "the certificate's private key"},
+        {"access-log", "FILE",
+         "append one line per request to FILE (time, client address, method, path without the query, "
+         "status, bytes, seconds); off by default"},
+        {"check", "",
+         "read the options, the seed, the database and the certificate, say what a start would serve, and "
+         "exit: 0 when it would start, 1 when not (for a unit's ExecStartPre=)"},
     };
     return options;
 }
 
-int serverMain(const tools::Arguments& args, const std::vector<std::string>& words, const ServeStyle& style) {
-    if (args.error()) return say(style, *args.error(), 2);
+int serverMain(const cli::Arguments& args, const std::vector<std::string>& words, const ServeStyle& style) {
+    // An unknown option first: a mistyped one at the end is no option lacking its value.
     if (const auto unknown = args.firstUnknown(serverOptions());
         unknown && *unknown != "--help" && *unknown != "--version") {
         return say(style, "unknown option " + *unknown + " (--help lists them)", 2);
     }
+    if (args.error()) return say(style, *args.error(), 2);
     const bool sessions = words.size() == 1 && words[0] == "sessions";
     if (!words.empty() && !sessions)
         return say(style, "unknown command " + words[0] + " (--help lists them)", 2);
     try {
         const auto options = readOptions(args, style);
         if (sessions) return listSessions(options);
+        if (args.flag("check")) return check(options, readSeed(args, style), style);
         return serve(options, readSeed(args, style), style);
     } catch (const UsageError& e) {
         return say(style, e.message, 2);

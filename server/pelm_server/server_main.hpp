@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "pelm_arguments/arguments.hpp"
+#include "pelm_cli/arguments.hpp"
 
 namespace pelm::server {
 
@@ -20,10 +20,10 @@ struct ServeStyle {
 };
 
 /// The options the server program takes, for its usage text and for `pelm serve --help`.
-const std::vector<tools::Option>& serverOptions();
+const std::vector<cli::Option>& serverOptions();
 
 /// The server program: `words` are the positional words after the program (or command) name, "sessions" or
 /// none. Serves until SIGINT or SIGTERM; returns the exit code (0, 1 for a failure, 2 for a usage mistake).
-int serverMain(const tools::Arguments& args, const std::vector<std::string>& words, const ServeStyle& style);
+int serverMain(const cli::Arguments& args, const std::vector<std::string>& words, const ServeStyle& style);
 
 }  // namespace pelm::server

@@ -20,6 +20,7 @@ class SqliteStore final : public ContentStore {
 
     JSON sessions() const override;
     std::string description() const override { return "SQLite file " + path_; }
+    const char* backend() const override { return "sqlite"; }
 
   private:
     struct PendingUpload {

@@ -50,11 +50,11 @@ class APIClientTest : public testing::ServerTest {
         EXPECT_EQ(result.calls, 1);
         return result;
     }
-    void fault(const std::string& path, PelmServer::Fault fault) {
+    void fault(const std::string& path, testing::ServerFault fault) {
         server_->setFault(path, std::move(fault));
     }
-    static PelmServer::Fault replying(int status, std::string body) {
-        PelmServer::Fault fault;
+    static testing::ServerFault replying(int status, std::string body) {
+        testing::ServerFault fault;
         fault.status = status;
         fault.body = std::move(body);
         return fault;
@@ -203,7 +203,7 @@ TEST_F(APIClientTest, EnvelopeStatusDoesNotDecideSuccess) {
 }
 
 TEST_F(APIClientTest, EveryUnusableReplyFailsOnceWithOneLine) {
-    const std::vector<std::pair<PelmServer::Fault, std::string>> cases = {
+    const std::vector<std::pair<testing::ServerFault, std::string>> cases = {
         {replying(200, ""), "The reply could not be read: its body is empty."},
         {replying(200, "[]"), "The reply could not be read: its body is not a JSON object."},
         {replying(200, "\"successful\""), "The reply could not be read: its body is not a JSON object."},
@@ -253,12 +253,12 @@ TEST_F(APIClientTest, UnknownTokenOrContentIsAFailure) {
 }
 
 TEST_F(APIClientTest, NetworkFailuresCompleteOnceWithFalse) {
-    PelmServer::Fault dropped;
+    testing::ServerFault dropped;
     dropped.dropConnection = true;
     fault(kByHardware, dropped);
     EXPECT_FALSE(lookup(beacon()).successful);
 
-    PelmServer::Fault huge =
+    testing::ServerFault huge =
         replying(200, R"({"status":"successful","pad":")" + std::string(1 << 20, 'x') + "\"}");
     fault(kByHardware, huge);
     EXPECT_FALSE(lookup(beacon()).successful);
@@ -296,14 +296,14 @@ TEST_F(APIClientTest, ACertificateTheClientDoesNotTrustFailsTheCall) {
 }
 
 TEST_F(APIClientTest, RedirectsAreFollowedOnlyToTheSameHostOverHttps) {
-    PelmServer::Fault sameHost = replying(302, "");
+    testing::ServerFault sameHost = replying(302, "");
     sameHost.location = "https://" + server_->host() +
                         "/api/v1/contents/by_hardware?app_token=" + testing::kToken +
                         "&major=1&minor=12&session_user=U&type=BLE&uuid=" + testing::kUuid;
     fault("/api/v1/moved", sameHost);
     fault(kByHardware, sameHost);
     server_->clearFaults();
-    PelmServer::Fault first = replying(307, "");
+    testing::ServerFault first = replying(307, "");
     first.location = sameHost.location;
     fault("/api/v1/status", first);
     int calls = 0;
@@ -317,13 +317,13 @@ TEST_F(APIClientTest, RedirectsAreFollowedOnlyToTheSameHostOverHttps) {
     for (const auto& elsewhere :
          {"http://" + server_->host() + "/api/v1/status",
           "https://127.0.0.1:" + std::to_string(server_->port()) + "/api/v1/status"}) {
-        PelmServer::Fault away = replying(302, "");
+        testing::ServerFault away = replying(302, "");
         away.location = elsewhere;
         fault(kByHardware, away);
         EXPECT_FALSE(lookup(beacon()).successful) << elsewhere;
         EXPECT_THAT(lines().back(), HasSubstr("Refused a redirect"));
     }
-    PelmServer::Fault loop = replying(302, "");
+    testing::ServerFault loop = replying(302, "");
     loop.location = "https://" + server_->host() + kByHardware;
     fault(kByHardware, loop);
     EXPECT_FALSE(lookup(beacon()).successful);
@@ -354,7 +354,7 @@ TEST_F(APIClientTest, ADroppedClientStillCompletesItsCall) {
 }
 
 TEST_F(APIClientTest, ShuttingTheTransportDownEndsCallsInFlight) {
-    PelmServer::Fault slow;
+    testing::ServerFault slow;
     slow.delay = std::chrono::milliseconds(1500);
     fault(kByHardware, slow);
     std::vector<bool> outcomes;
@@ -386,7 +386,7 @@ class SlowReplyTest : public APIClientTest {
 };
 
 TEST_F(SlowReplyTest, AReplySlowerThanTheTimeOutFails) {
-    PelmServer::Fault slow;
+    testing::ServerFault slow;
     slow.delay = std::chrono::milliseconds(1200);
     fault(kByHardware, slow);
     EXPECT_FALSE(lookup(beacon()).successful);

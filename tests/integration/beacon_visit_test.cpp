@@ -280,7 +280,7 @@ TEST_F(HostStopTest, AListenerThatComesDuringTheUploadHearsTheWholeVisit) {
 
 TEST_F(HostStopTest, AVisitTheServerRefusesIsReportedLost) {
     walkIn();
-    server::PelmServer::Fault refused;
+    testing::ServerFault refused;
     refused.status = 500;
     server_->setFault("/api/v1/sessions", refused);
     EXPECT_EQ(stop(), VisitAtStop::notUploaded);

@@ -64,7 +64,7 @@ TEST_F(PelmSDKTest, AFailureTellsTheHostWhatToCheck) {
     EXPECT_EQ(ask("unknown-token", host).second,
               "the server " + host + " does not know this app token (HTTP 401); check the token");
 
-    server::PelmServer::Fault fault;
+    testing::ServerFault fault;
     fault.status = 503;
     server_->setFault("/api/v1/app_config/by_app_token", fault);
     EXPECT_EQ(ask(testing::kToken, host).second,
@@ -120,7 +120,7 @@ TEST_F(PelmSDKTest, AConfigurationWithoutAValueRemovesIt) {
     EXPECT_EQ(settings()->kontaktIoAPIKey(), std::nullopt);
     EXPECT_EQ(settings()->defaultBeaconUUID(), testing::kUuid);
 
-    server::PelmServer::Fault noConfig;
+    testing::ServerFault noConfig;
     noConfig.status = 200;
     noConfig.body = R"({"status":"error"})";
     server_->setFault("/api/v1/app_config/by_app_token", noConfig);

@@ -42,7 +42,7 @@ class SessionManagerTest : public testing::ServerTest {
         return count;
     }
     void serve(const char* body) {
-        server::PelmServer::Fault fault;
+        testing::ServerFault fault;
         fault.status = 200;
         fault.body = body;
         server_->setFault("/api/v1/contents/by_hardware", fault);
@@ -163,7 +163,7 @@ TEST_F(SessionManagerTest, CoolDownOfZeroIsColdAtOnceAndNoneMakesNoRecord) {
 }
 
 TEST_F(SessionManagerTest, FailedLookupsAndMissingContentLeaveNoTrace) {
-    server::PelmServer::Fault broken;
+    testing::ServerFault broken;
     broken.status = 500;
     broken.body = "{}";
     server_->setFault("/api/v1/contents/by_hardware", broken);
@@ -253,7 +253,7 @@ TEST_F(SessionManagerTest, EndingAVisitWithoutLinesOrWithAFailedUpload) {
     EXPECT_THAT(delegate_->take(),
                 ElementsAre("line Cant' finish session, session logs array is empty (critical)"));
 
-    server::PelmServer::Fault refused;
+    testing::ServerFault refused;
     refused.status = 503;
     refused.body = R"({"status":"error"})";
     server_->setFault("/api/v1/sessions", refused);

@@ -3,8 +3,8 @@
 
 #include <pelm/model/json_text.hpp>
 
+#include "pelm_lab/demo_scenario.hpp"
 #include "pelm_lab/simulation.hpp"
-#include "pelm_server/demo_seed.hpp"
 
 namespace pelm::lab {
 namespace {
@@ -13,7 +13,7 @@ using ::testing::ElementsAre;
 
 SimulationOptions demo(std::uint64_t seed) {
     SimulationOptions options;
-    options.scenario = platform::Scenario::fromJSON(*parseJSONText(server::demoScenarioText()));
+    options.scenario = platform::Scenario::fromJSON(*parseJSONText(lab::demoScenarioText()));
     options.seed = seed;
     return options;
 }

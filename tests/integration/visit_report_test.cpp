@@ -8,11 +8,11 @@
 #include <pelm/model/content.hpp>
 #include <pelm/model/json_text.hpp>
 
+#include "pelm_lab/demo_scenario.hpp"
 #include "pelm_lab/event_lines.hpp"
 #include "pelm_lab/report.hpp"
 #include "pelm_lab/simulation.hpp"
 #include "pelm_lab/visit_picture.hpp"
-#include "pelm_server/demo_seed.hpp"
 
 namespace pelm::lab {
 namespace {
@@ -36,7 +36,7 @@ std::vector<BeaconMark::Kind> kinds(const BeaconRow& row) {
 
 TEST(VisitReport, TheDemoWalkGivesEveryBeaconItsRowMarksSignalAndBattery) {
     SimulationOptions options;
-    options.scenario = platform::Scenario::fromJSON(*parseJSONText(server::demoScenarioText()));
+    options.scenario = platform::Scenario::fromJSON(*parseJSONText(lab::demoScenarioText()));
     const auto result = runSimulation(options);
     ASSERT_TRUE(result.configured) << result.failure;
     const auto picture = pictureOf(result.timeline, result.simulated);
@@ -79,7 +79,7 @@ TEST(VisitReport, TheDemoWalkGivesEveryBeaconItsRowMarksSignalAndBattery) {
 // The demo store's scenario with only the beacons `minors`, all at (x, y), and a shopper who walks in from
 // far away, stays `dwell` seconds and leaves, `visits` times.
 SimulationOptions walkTo(std::vector<int> minors, int x, int y, int dwell, int visits) {
-    auto scenario = *parseJSONText(server::demoScenarioText());
+    auto scenario = *parseJSONText(lab::demoScenarioText());
     JSON beacons = JSON::array();
     for (auto beacon : scenario["beacons"]) {
         if (std::find(minors.begin(), minors.end(), beacon["minor"].get<int>()) == minors.end()) continue;

@@ -67,6 +67,10 @@ else
   user=$(sed -n 's/^User=//p' "$unit")
   folder=$(sed -n 's/^WorkingDirectory=//p' "$unit")
   command=$(sed -n 's/^ExecStart=//p' "$unit")
+  check=$(sed -n 's/^ExecStartPre=//p' "$unit")
+  [ -n "$check" ] || fail "the unit checks nothing before it starts"
+  $sudo runuser -u "$user" -- sh -c "cd '$folder' && exec $check" >"$work/check.log" 2>&1 ||
+    { cat "$work/check.log"; fail "the unit's check before the start failed: $check"; }
   echo "no systemd here: starting as the unit does, as $user in $folder: $command"
   $sudo runuser -u "$user" -- sh -c "cd '$folder' && exec $command" >"$work/server.log" 2>&1 &
   server=$!

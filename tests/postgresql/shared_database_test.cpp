@@ -14,6 +14,7 @@
 #include <pelm/model/json_text.hpp>
 
 #include "pelm_server/certificates.hpp"
+#include "pelm_server/store_factory.hpp"
 #include "support/server_fixture.hpp"
 #include "support/server_process.hpp"
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "pelm_server/api_routes.hpp"
+#include "pelm_server/store_factory.hpp"
 
 namespace pelm::server {
 namespace {
@@ -46,10 +47,8 @@ class ApiRoutesTest : public ::testing::Test {
         }
         sqlite3_close(other);
     }
-    ApiAnswer get(const std::string& target) const { return routes_->answer("GET", "/api/v1" + target, {}); }
-    ApiAnswer post(const std::string& body) const {
-        return routes_->answer("POST", "/api/v1/sessions", body);
-    }
+    Reply get(const std::string& target) { return routes_->answer("GET", "/api/v1" + target, {}); }
+    Reply post(const std::string& body) { return routes_->answer("POST", "/api/v1/sessions", body); }
 
     // A file of each test's own: ctest runs tests side by side.
     std::filesystem::path file_ =
@@ -67,7 +66,7 @@ TEST_F(ApiRoutesTest, AnUnknownTokenIsRefusedOnEveryRouteEvenForAKnownBeacon) {
           std::string("/status?app_token=other")}) {
         const auto answer = get(target);
         EXPECT_EQ(answer.status, 401) << target;
-        EXPECT_NE(answer.body.find("Unknown app token"), std::string::npos) << target;
+        EXPECT_NE(answer.text().find("Unknown app token"), std::string::npos) << target;
     }
     EXPECT_EQ(post("app_token=other&session_user=u&session%5Bstart_time%5D=x").status, 401);
 }
@@ -80,7 +79,7 @@ TEST_F(ApiRoutesTest, AContentIdTooLargeForANumberIsNoContent) {
     ASSERT_EQ(get("/contents/0?app_token=known").status, 200);
     const auto answer = get("/contents/99999999999999999999?app_token=known");
     EXPECT_EQ(answer.status, 404);
-    EXPECT_NE(answer.body.find("No such content"), std::string::npos) << answer.body;
+    EXPECT_NE(answer.text().find("No such content"), std::string::npos) << answer.text();
 }
 
 TEST_F(ApiRoutesTest, AnUploadWhoseSessionIsNoRecordIsRefusedAndNothingStored) {
@@ -89,7 +88,7 @@ TEST_F(ApiRoutesTest, AnUploadWhoseSessionIsNoRecordIsRefusedAndNothingStored) {
                              std::string("app_token=known&session_user=u&session%5B%5D=a")}) {
         const auto answer = post(body);
         EXPECT_EQ(answer.status, 422) << body;
-        EXPECT_NE(answer.body.find("The upload has no session"), std::string::npos) << body;
+        EXPECT_NE(answer.text().find("The upload has no session"), std::string::npos) << body;
     }
     EXPECT_TRUE(store_->sessions().empty());
     EXPECT_EQ(post("app_token=known&session_user=u&session%5Bstart_time%5D=x").status, 201);
@@ -113,7 +112,44 @@ TEST_F(ApiRoutesTest, ThroughAnOutageWhatWasReadBeforeIsAnsweredFromMemory) {
     const auto fromMemory = routes_->answerFromMemory("GET", lookup);
     ASSERT_TRUE(fromMemory) << "the loop would have handed the lookup to a thread that waits on the database";
     EXPECT_EQ(fromMemory->status, 200);
-    EXPECT_NE(fromMemory->body.find("\"id\":7"), std::string::npos) << fromMemory->body;
+    EXPECT_NE(fromMemory->text().find("\"id\":7"), std::string::npos) << fromMemory->text();
+}
+
+// A lookup's answer is kept whole for the event loop, but never longer than the data it was made of: an
+// answer made late from data the store had kept for a while goes when that data would, not a lifetime after.
+TEST_F(ApiRoutesTest, AKeptAnswerLastsNoLongerThanTheDataItWasMadeOf) {
+    routes_.reset();
+    const std::chrono::milliseconds lifetime(400);
+    store_ = openContentStore(file_.string(), ContentStore::Open::CreateIfMissing, lifetime);
+    routes_.emplace(
+        *store_, [this](const std::string&, const std::string& line) { log_.push_back(line); }, lifetime);
+    const auto lookup = std::string("/api/v1/contents/by_hardware?app_token=known&") + kBeacon;
+    // The same lookup, its parameters in another order: another answer, the same data.
+    const auto reordered = std::string("/api/v1/contents/by_hardware?") + kBeacon + "&app_token=known";
+    EXPECT_FALSE(routes_->answerFromMemory("GET", lookup)) << "nothing was asked yet";
+    ASSERT_EQ(routes_->answer("GET", lookup, {}).status, 200);
+    EXPECT_TRUE(routes_->answerFromMemory("GET", lookup));
+    EXPECT_FALSE(routes_->answerFromMemory("POST", lookup));
+
+    std::this_thread::sleep_for(lifetime * 6 / 10);
+    ASSERT_EQ(routes_->answer("GET", reordered, {}).status, 200);  // from the store's kept data
+    ASSERT_TRUE(routes_->answerFromMemory("GET", reordered));
+    std::this_thread::sleep_for(lifetime * 6 / 10);
+    EXPECT_FALSE(routes_->answerFromMemory("GET", reordered)) << "served past the lifetime of its data";
+    EXPECT_FALSE(routes_->answerFromMemory("GET", lookup));
+}
+
+// A seed through the server's store is served at once: what was kept of the data it replaced is not.
+TEST_F(ApiRoutesTest, ASeedReplacesTheKeptAnswersAtOnce) {
+    const auto lookup = std::string("/api/v1/contents/by_hardware?app_token=known&") + kBeacon;
+    ASSERT_NE(routes_->answer("GET", lookup, {}).text().find("\"id\":7"), std::string::npos);
+    ASSERT_TRUE(routes_->answerFromMemory("GET", lookup));
+    store_->seed(JSON::parse(R"({"apps": [{"app_token": "known", "app_config": {}}],
+        "contents": [{"app_token": "known", "display_type": "entry",
+                      "beacon": {"uuid": "F7826DA6-AAAA", "major": 1, "minor": 2},
+                      "content": {"id": 7, "name": "renewed"}}]})"));
+    EXPECT_FALSE(routes_->answerFromMemory("GET", lookup));
+    EXPECT_NE(routes_->answer("GET", lookup, {}).text().find("renewed"), std::string::npos);
 }
 
 // The database refuses the write (here: its table was dropped under the server's feet). The phone must hear

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "pelm_server/content_store.hpp"
+#include "pelm_server/store_factory.hpp"
 #include "support/store_backends.hpp"
 
 namespace pelm::server {

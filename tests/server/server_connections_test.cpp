@@ -51,8 +51,11 @@ class RawClient {
             const auto read = stream_.read_some(net::buffer(chunk), error);
             received.append(chunk, read);
         }
+        ended_ = error;
         return received;
     }
+    /// How the last read ended: eof after the server's TLS goodbye, stream_truncated when it just closed.
+    boost::system::error_code ended() const { return ended_; }
     const char* cipher() { return SSL_get_cipher_name(stream_.native_handle()); }
     /// Whether the server closed the connection without a word (the handshake never finished).
     bool closedBeforeHandshake() {
@@ -73,6 +76,7 @@ class RawClient {
     net::io_context io_;
     net::ssl::context tls_;
     net::ssl::stream<tcp::socket> stream_;
+    boost::system::error_code ended_;
 };
 
 std::string statusRequest() {
@@ -82,10 +86,10 @@ std::string statusRequest() {
 
 class ServerConnections : public ::testing::Test {
   protected:
-    std::unique_ptr<PelmServer> start(PelmServer::Options options) {
+    std::unique_ptr<testing::TestServer> start(PelmServer::Options options) {
         options.certificateFolder = folder_.path();
         options.database = testing::testDatabase();
-        auto server = std::make_unique<PelmServer>(options);
+        auto server = std::make_unique<testing::TestServer>(options);
         server->store().seed(testing::testSeed());
         server->start();
         return server;
@@ -137,7 +141,7 @@ TEST_F(ServerConnections, WithEverySlotBusyANewConnectionIsClosedAndThoseOpenAre
     PelmServer::Options options;
     options.maxConnections = 2;
     const auto server = start(options);
-    PelmServer::Fault slow;
+    testing::ServerFault slow;
     slow.delay = std::chrono::milliseconds(500);
     server->setFault("/api/v1/status", slow);
     RawClient first(server->port(), *server->caFile()), second(server->port(), *server->caFile());
@@ -271,10 +275,26 @@ TEST_F(ServerConnections, TlsTwelveTakesOnlyAuthenticatedEncryptionInTheServersO
     EXPECT_STREQ(both.cipher(), "ECDHE-ECDSA-AES128-GCM-SHA256");
 }
 
+// A connection the server ends ends with TLS's goodbye (close_notify): the client can tell a whole answer
+// from one cut short by the network, after an answer with "Connection: close" and when the server stops.
+TEST_F(ServerConnections, TheServerSaysGoodbyeInTlsBeforeItCloses) {
+    auto server = start({});
+    RawClient asked(server->port(), *server->caFile()), idle(server->port(), *server->caFile());
+    asked.handshake();
+    idle.handshake();
+    asked.send("GET /api/v1/status?app_token=" + std::string(testing::kToken) +
+               " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+    EXPECT_THAT(asked.readUntilClosed(), ::testing::HasSubstr("Connection: close"));
+    EXPECT_EQ(asked.ended(), net::error::eof) << asked.ended().message();
+    server->stop();
+    EXPECT_EQ(idle.readUntilClosed(), "");
+    EXPECT_EQ(idle.ended(), net::error::eof) << idle.ended().message();
+}
+
 // Stopping closes idle connections at once and lets a request in flight be answered.
 TEST_F(ServerConnections, StoppingAnswersTheRequestInFlightAndClosesTheIdle) {
     auto server = start({});
-    PelmServer::Fault slow;
+    testing::ServerFault slow;
     slow.delay = std::chrono::milliseconds(300);
     server->setFault("/api/v1/status", slow);
     RawClient idle(server->port(), *server->caFile()), busy(server->port(), *server->caFile());

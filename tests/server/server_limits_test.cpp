@@ -3,6 +3,7 @@
 
 #include <pelm/platform/linux/curl_transport.hpp>
 
+#include "pelm_server/store_factory.hpp"
 #include "support/server_fixture.hpp"
 #include "support/temp_folder.hpp"
 
@@ -47,34 +48,6 @@ TEST_F(ServerLimits, TooManyOrTooLargeHeadersAndTooLargeBodiesAreRefusedWithThei
     EXPECT_EQ(exchange("POST", "/api/v1/sessions", formType, under).status, 201);
     EXPECT_EQ(exchange("POST", "/api/v1/sessions", formType, form + "1").status, 201);
     EXPECT_EQ(server_->store().sessions().size(), 2u);
-}
-
-TEST(ServerMemory, RequestsAreKeptOnlyWhenAskedAndThenOnlyTheLatest) {
-    const testing::TempFolder folder("pelm-server-test");
-    for (const std::size_t kept : {std::size_t{0}, std::size_t{3}}) {
-        PelmServer::Options options;
-        options.certificateFolder = folder.path();
-        options.recordRequests = kept;
-        options.database = testing::testDatabase();
-        PelmServer server(options);
-        server.store().seed(testing::testSeed());
-        server.start();
-        testing::TestPlatformOptions platformOptions;
-        platformOptions.caFile = server.caFile();
-        testing::TestPlatform platform(platformOptions);
-        for (int i = 0; i < 5; ++i) {
-            platform.http->send(
-                {"GET", "https://" + server.host() + "/api/v1/status?n=" + std::to_string(i), {}, {}},
-                [](platform::HttpReply) {});
-            platform.loop->runUntilIdle();
-        }
-        const auto requests = server.requests();
-        ASSERT_EQ(requests.size(), kept);
-        if (kept > 0) {
-            EXPECT_EQ(requests.front().target, "/api/v1/status?n=2");
-            EXPECT_EQ(requests.back().target, "/api/v1/status?n=4");
-        }
-    }
 }
 
 TEST(ServerPorts, ASecondServerOnAPortInUseFailsNamingItAndAMissingDatabaseIsNotMade) {

@@ -10,6 +10,7 @@
 #include "support/temp_folder.hpp"
 #include "support/test_database.hpp"
 #include "support/test_platform.hpp"
+#include "support/test_server.hpp"
 
 namespace pelm::testing {
 
@@ -47,9 +48,9 @@ class ServerTest : public ::testing::Test {
     void SetUp() override {
         server::PelmServer::Options options;
         options.certificateFolder = folder_;
-        options.recordRequests = 10000;
         options.database = testDatabase();
-        server_ = std::make_unique<server::PelmServer>(options);
+        configure(options);
+        server_ = std::make_unique<TestServer>(options);
         server_->store().seed(testSeed());
         server_->start();
         TestPlatformOptions platformOptions;
@@ -62,6 +63,8 @@ class ServerTest : public ::testing::Test {
         server_->stop();
     }
     virtual std::chrono::milliseconds timeout() const { return std::chrono::seconds(5); }
+    /// What a test changes of the server's options before it starts.
+    virtual void configure(server::PelmServer::Options&) {}
 
     /// Runs the main queue until every call in flight has completed.
     void settle() { platform_->loop->runUntilIdle(); }
@@ -70,7 +73,7 @@ class ServerTest : public ::testing::Test {
     // Declared first, so it is removed last.
     TempFolder temp_{"pelm-server-test"};
     const std::filesystem::path& folder_ = temp_.path();
-    std::unique_ptr<server::PelmServer> server_;
+    std::unique_ptr<TestServer> server_;
     std::unique_ptr<TestPlatform> platform_;
 };
 

@@ -7,7 +7,7 @@
 #include <pelm/platform/proximity_uuid.hpp>
 
 #include "cli.hpp"
-#include "pelm_server/text_numbers.hpp"
+#include "pelm_cli/text_numbers.hpp"
 
 namespace pelm::cli {
 namespace {
@@ -17,8 +17,7 @@ JSON orNull(const auto& record) {
 }
 
 std::optional<std::int64_t> integerArgument(const std::string& text) {
-    return server::wholeNumber(text, std::numeric_limits<long long>::min(),
-                               std::numeric_limits<long long>::max());
+    return wholeNumber(text, std::numeric_limits<long long>::min(), std::numeric_limits<long long>::max());
 }
 
 // The beacon's identity as the server expects it, checked before anything is sent.
@@ -27,8 +26,7 @@ std::optional<std::string> beaconProblem(const std::string& uuid, const std::str
     if (!platform::ProximityUUID::parse(uuid))
         return uuid + " is not a UUID (like F7826DA6-4FA2-4E98-8024-BC5B71E0893E)";
     for (const auto& [name, value] : {std::pair{"MAJOR", major}, std::pair{"MINOR", minor}}) {
-        if (!server::wholeNumber(value, 0, 65535))
-            return std::string(name) + " takes a whole number from 0 to 65535";
+        if (!wholeNumber(value, 0, 65535)) return std::string(name) + " takes a whole number from 0 to 65535";
     }
     return std::nullopt;
 }

@@ -11,7 +11,7 @@
 #include <pelm/platform/platform.hpp>
 #include <pelm/sdk/settings_manager.hpp>
 
-#include "pelm_arguments/arguments.hpp"
+#include "pelm_cli/arguments.hpp"
 
 namespace pelm::lab {}
 
@@ -19,8 +19,6 @@ namespace pelm::cli {
 
 // The tool speaks the lab's vocabulary: its runs, events, timeline and report.
 using namespace pelm::lab;
-
-using tools::Arguments;
 
 /// What a command returns for words it cannot take: the tool prints the command's usage and exits 2.
 inline constexpr int kShowUsage = -1;

@@ -10,7 +10,7 @@
 
 namespace {
 
-using pelm::tools::Option;
+using pelm::cli::Option;
 
 struct Command {
     const char* name;
@@ -92,8 +92,8 @@ void usage(std::FILE* out) {
 void usage(std::FILE* out, const Command& command) {
     std::fprintf(out, "usage: pelm %s %s%s[options]\n  %s\n\noptions:\n", command.name, command.synopsis,
                  *command.synopsis != '\0' ? " " : "", command.summary);
-    std::fprintf(out, "%s", pelm::tools::optionLines(command.options).c_str());
-    std::fprintf(out, "%s", pelm::tools::optionLines({{"help", "", "show this text"}}).c_str());
+    std::fprintf(out, "%s", pelm::cli::optionLines(command.options).c_str());
+    std::fprintf(out, "%s", pelm::cli::optionLines({{"help", "", "show this text"}}).c_str());
 }
 
 // What a user typed, as an error line shows it: a long text (a file pasted in place of its name, say) is cut,
@@ -136,7 +136,7 @@ int run(const Command& command, const pelm::cli::Arguments& args) {
 
 int main(int argc, char** argv) {
     const pelm::cli::Arguments args(argc, argv,
-                                    {"version", "help", "watch", "show-token", "json", "scanners"});
+                                    {"version", "help", "watch", "show-token", "json", "scanners", "check"});
     if (args.positional().empty()) {
         if (args.flag("version")) {
             std::printf("pelm %s\n", pelm::version());

@@ -1,10 +1,10 @@
 #include <cstdio>
 
 #include "cli.hpp"
+#include "pelm_cli/stop_signals.hpp"
+#include "pelm_cli/text_numbers.hpp"
 #include "pelm_lab/output_file.hpp"
 #include "pelm_lab/trace_recorder.hpp"
-#include "pelm_server/stop_signals.hpp"
-#include "pelm_server/text_numbers.hpp"
 
 namespace pelm::cli {
 
@@ -13,7 +13,7 @@ int recordCommand(const Arguments& args) {
     if (words.size() != 2) return kShowUsage;
     std::optional<std::chrono::milliseconds> duration;
     if (const auto seconds = args.option("seconds")) {
-        const auto value = server::wholeNumber(*seconds, 1, 7 * 24 * 3600);
+        const auto value = wholeNumber(*seconds, 1, 7 * 24 * 3600);
         if (!value) {
             std::fprintf(stderr, "pelm record: --seconds takes a whole number from 1 to 604800\n");
             return 2;
@@ -29,7 +29,7 @@ int recordCommand(const Arguments& args) {
         return 1;
     }
     // Ctrl-C and SIGTERM end the recording; they are taken here, between lines, never in the middle of one.
-    const auto& stop = server::StopSignals::watch();
+    const auto& stop = StopSignals::watch();
     const auto stopRequested = [&stop] { return stop.requested(); };
     std::fprintf(stderr, "Recording to %s%s; Ctrl-C ends it.\n", words[1].c_str(),
                  duration ? (" for " + std::to_string(duration->count() / 1000) + " s").c_str() : "");

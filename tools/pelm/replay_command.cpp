@@ -5,9 +5,9 @@
 #include <pelm/platform/proximity_uuid.hpp>
 
 #include "cli.hpp"
+#include "pelm_cli/stop_signals.hpp"
+#include "pelm_cli/text_numbers.hpp"
 #include "pelm_lab/replay.hpp"
-#include "pelm_server/stop_signals.hpp"
-#include "pelm_server/text_numbers.hpp"
 #include "run_output.hpp"
 
 namespace pelm::cli {
@@ -21,7 +21,7 @@ std::optional<int> readOptions(const Arguments& args, ReplayOptions& options) {
     options.host = args.option("host");
     options.token = args.option("token");
     options.caFile = args.option("ca");
-    const auto speed = server::decimalNumber(args.option("speed").value_or("0"));
+    const auto speed = decimalNumber(args.option("speed").value_or("0"));
     // Unset (0) plays as fast as it can; a speed given must be a real one.
     if (!speed || *speed < 0 || (args.option("speed") && *speed <= 0)) {
         std::fprintf(stderr, "pelm replay: --speed takes a number above 0\n");
@@ -92,8 +92,7 @@ std::optional<int> reportRun(const ReplayOptions& options, const ReplayResult& r
     return std::nullopt;
 }
 
-int replayOne(ReplayOptions& options, const Arguments& args, const server::StopSignals& stop,
-              RunOutput& output) {
+int replayOne(ReplayOptions& options, const Arguments& args, const StopSignals& stop, RunOutput& output) {
     std::printf("Replaying %s%s\nWhat the host app sees:\n", options.recording.c_str(),
                 options.scanner ? (" as heard by " + *options.scanner).c_str() : "");
     std::fflush(stdout);
@@ -106,7 +105,7 @@ int replayOne(ReplayOptions& options, const Arguments& args, const server::StopS
 }
 
 // Each receiver as a phone of its own, one after the other, and one report of them all.
-int replayEachScanner(ReplayOptions& options, const Arguments& args, const server::StopSignals& stop,
+int replayEachScanner(ReplayOptions& options, const Arguments& args, const StopSignals& stop,
                       RunOutput& output) {
     const auto list = listScanners(options.recording);
     // One app in one store: the UUID is chosen once, over every room, not room by room.
@@ -150,7 +149,7 @@ int replayCommand(const Arguments& args) {
     if (const auto failure = readOptions(args, options)) return *failure;
     try {
         if (args.flag("scanners")) return listScannersOf(options);
-        auto& stop = server::StopSignals::watch();  // before the embedded server's threads start
+        auto& stop = StopSignals::watch();  // before the embedded server's threads start
         RunOutput output("replay");
         if (const auto failure = output.open(args, {options.recording.string()})) return *failure;
         options.stopRequested = [&stop] { return stop.requested(); };

@@ -7,18 +7,18 @@
 #include <pelm/platform/linux/bounded_file.hpp>
 
 #include "cli.hpp"
+#include "pelm_cli/stop_signals.hpp"
+#include "pelm_cli/text_numbers.hpp"
+#include "pelm_lab/demo_scenario.hpp"
 #include "pelm_lab/simulation.hpp"
 #include "pelm_lab/timeline_output.hpp"
-#include "pelm_server/demo_seed.hpp"
-#include "pelm_server/stop_signals.hpp"
-#include "pelm_server/text_numbers.hpp"
 #include "run_output.hpp"
 
 namespace pelm::cli {
 namespace {
 
 std::optional<JSON> readScenario(const std::vector<std::string>& words, std::string& error) {
-    if (words.size() < 2) return parseJSONText(server::demoScenarioText());
+    if (words.size() < 2) return parseJSONText(lab::demoScenarioText());
     auto read = platform::readJSONFile(words[1]);
     error = std::move(read.error);
     return std::move(read.json);
@@ -37,7 +37,7 @@ int simulateCommand(const Arguments& args) {
         std::fprintf(stderr, "pelm simulate: %s\n", problem->c_str());
         return 2;
     }
-    auto& stop = server::StopSignals::watch();  // before the embedded server's threads start
+    auto& stop = StopSignals::watch();  // before the embedded server's threads start
     std::string error;
     const auto json = readScenario(args.positional(), error);
     if (!json) {
@@ -45,8 +45,8 @@ int simulateCommand(const Arguments& args) {
         return 1;
     }
     SimulationOptions options;
-    const auto seed = server::wholeNumber(args.option("seed").value_or("1"), 0, 1LL << 53);
-    const auto speed = server::decimalNumber(args.option("speed").value_or("0"));
+    const auto seed = wholeNumber(args.option("seed").value_or("1"), 0, 1LL << 53);
+    const auto speed = decimalNumber(args.option("speed").value_or("0"));
     // Unset (0) runs as fast as it can; a speed given must be a real one.
     if (!seed) {
         std::fprintf(stderr, "pelm simulate: --seed takes a whole number from 0 to 2^53\n");

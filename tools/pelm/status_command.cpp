@@ -11,7 +11,7 @@
 #include <pelm/testing/memory_key_value_store.hpp>
 
 #include "cli.hpp"
-#include "pelm_server/stop_signals.hpp"
+#include "pelm_cli/stop_signals.hpp"
 
 namespace pelm::cli {
 namespace {
@@ -73,7 +73,7 @@ void watchUntilStopped() {
     std::atomic<bool> stopped{false};
     auto queue = platform::current()->mainQueue;
     std::thread waiter([&] {
-        server::StopSignals::watch().wait();
+        StopSignals::watch().wait();
         stopped = true;
         queue->post([] {});
     });
@@ -89,7 +89,7 @@ int statusCommand(const Arguments& args) {
         return 2;
     }
     const bool watch = args.flag("watch");
-    if (watch) server::StopSignals::watch();
+    if (watch) StopSignals::watch();
     auto services = installPlatform(args);
     if (const auto host = args.option("host")) {
         // Ask about this host without touching the app's stored settings.

@@ -1,9 +1,9 @@
-#include "pelm_arguments/arguments.hpp"
+#include "pelm_cli/arguments.hpp"
 
 #include <algorithm>
 #include <string_view>
 
-namespace pelm::tools {
+namespace pelm::cli {
 
 Arguments::Arguments(int argc, char** argv, std::vector<std::string> flags) {
     for (int i = 1; i < argc; ++i) {
@@ -82,4 +82,4 @@ std::string optionLines(const std::vector<Option>& options) {
     return text;
 }
 
-}  // namespace pelm::tools
+}  // namespace pelm::cli

@@ -1,4 +1,4 @@
-#include "pelm_server/stop_signals.hpp"
+#include "pelm_cli/stop_signals.hpp"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -12,7 +12,7 @@
 #include <mutex>
 #include <thread>
 
-namespace pelm::server {
+namespace pelm::cli {
 namespace {
 
 // Closer together than this, two signals are one press passed on twice.
@@ -112,4 +112,4 @@ void StopSignals::stopExitingAtOnce() {
     state().exitLine = nullptr;
 }
 
-}  // namespace pelm::server
+}  // namespace pelm::cli

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string_view>
 
-namespace pelm::server {
+namespace pelm::cli {
 
 /// The whole number `text` spells exactly (decimal digits, an optional "-"), when it lies in [low, high].
 /// Anything else, " 80", "80x", "+80" or "8e1" included, is none: a typo must not become a number.
@@ -26,4 +26,4 @@ inline std::optional<double> decimalNumber(std::string_view text) {
     return value;
 }
 
-}  // namespace pelm::server
+}  // namespace pelm::cli

@@ -1,6 +1,6 @@
 #pragma once
 
-namespace pelm::server {
+namespace pelm::cli {
 
 /// SIGINT and SIGTERM for a program that stops cleanly. The first is taken by a thread of its own, which
 /// raises a flag the program reads at no cost and wakes whoever waits for it; a second, 200 ms or more after
@@ -30,4 +30,4 @@ class StopSignals {
     void run();
 };
 
-}  // namespace pelm::server
+}  // namespace pelm::cli

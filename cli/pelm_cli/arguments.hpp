@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace pelm::tools {
+namespace pelm::cli {
 
 /// One option as the usage text shows it.
 struct Option {
@@ -41,4 +41,4 @@ class Arguments {
 /// "  --port N           the port ..." for each option, as a usage text lists them.
 std::string optionLines(const std::vector<Option>& options);
 
-}  // namespace pelm::tools
+}  // namespace pelm::cli
