@@ -66,6 +66,7 @@ struct Options {
 
 struct Phone {
     std::uint64_t answers = 0;
+    std::uint64_t uploads = 0;  // answered 201: stored
     std::uint64_t errors = 0;
     std::vector<std::uint32_t> micros;  // one per answer
 };
@@ -154,6 +155,7 @@ net::awaitable<void> phone(Run& run, int index) {
                     continue;
                 }
                 ++phone.answers;
+                if (response.result_int() == 201) ++phone.uploads;
                 phone.micros.push_back(static_cast<std::uint32_t>(micros.count()));
                 if (run.options.reconnect) break;
             }
@@ -272,9 +274,10 @@ ServerFigures serverFigures(int pid) {
 
 void report(const Run& run, double seconds, const ServerFigures& before, const ServerFigures& after) {
     std::vector<std::uint32_t> all;
-    std::uint64_t answers = 0, errors = 0, starved = 0;
+    std::uint64_t answers = 0, uploads = 0, errors = 0, starved = 0;
     for (const auto& phone : run.phones) {
         answers += phone.answers;
+        uploads += phone.uploads;
         errors += phone.errors;
         starved += phone.answers == 0 ? 1 : 0;
         all.insert(all.end(), phone.micros.begin(), phone.micros.end());
@@ -290,8 +293,8 @@ void report(const Run& run, double seconds, const ServerFigures& before, const S
                 run.phones.size(), static_cast<unsigned long long>(answers),
                 static_cast<double>(answers) / seconds, at(0.5), at(0.99),
                 all.empty() ? 0.0 : all.back() / 1000.0);
-    std::printf("starved_phones %llu\nerrors %llu\n", static_cast<unsigned long long>(starved),
-                static_cast<unsigned long long>(errors));
+    std::printf("uploads %llu\nstarved_phones %llu\nerrors %llu\n", static_cast<unsigned long long>(uploads),
+                static_cast<unsigned long long>(starved), static_cast<unsigned long long>(errors));
     if (!run.options.attack.empty()) {
         std::printf("attack %s\nattack_connections %llu\nattack_refused %llu\nattack_bytes %llu\n",
                     run.options.attack.c_str(), static_cast<unsigned long long>(run.attackConnections),

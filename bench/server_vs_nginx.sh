@@ -99,15 +99,28 @@ phones_run() {
   awk '$1 == "req_per_s" {r = $2} $1 == "p99_ms" {p = $2} $1 == "starved_phones" {s = $2}
        END {printf "%.0f %.2f %d\n", r, p, s}' "$work/phones"
 }
+# "requests uploads" answered so far, from pelm-server's own metrics (its scrapes left out).
+served() {
+  curl -sf --cacert "$certs/ca.pem" "https://localhost:$pelm_port/metrics" |
+    awk '/^pelm_requests_total/ && !/route="metrics"/ {r += $NF} /^pelm_uploads_stored_total/ {u = $NF}
+         END {printf "%d %d\n", r, u}'
+}
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2f", (b > 0 ? a / b : 0)}'; }
 
 for round in $(seq "$rounds"); do
   for load in "wrk 200" "wrk 2000" "phones 200"; do
     set -- $load
     read -r n_rps n_p99 n_bad < <("${1}_run" "$nginx_port" "$2")
+    read -r before_requests before_uploads < <(served)
     read -r p_rps p_p99 p_bad < <("${1}_run" "$pelm_port" "$2")
+    read -r after_requests after_uploads < <(served)
     printf 'round %d  %-6s %5d conns: pelm-server %6d req/s p99 %7.2f ms | nginx %6d req/s p99 %7.2f ms | req/s ratio %s, p99 ratio %s%s\n' \
       "$round" "$1" "$2" "$p_rps" "$p_p99" "$n_rps" "$n_p99" "$(ratio "$p_rps" "$n_rps")" "$(ratio "$p_p99" "$n_p99")" \
       "$([ "${p_bad:-0}" != 0 ] || [ "${n_bad:-0}" != 0 ] && echo " (non-2xx or starved: pelm $p_bad, nginx $n_bad)")"
+    if [ "$1" = phones ]; then
+      echo "         /metrics over that run: $((after_requests - before_requests)) requests answered," \
+        "$((after_uploads - before_uploads)) uploads stored; pelm-phones counted $(awk '$1 == "answers" {print $2}' "$work/phones")" \
+        "answers, $(awk '$1 == "uploads" {print $2}' "$work/phones") of them uploads"
+    fi
   done
 done
