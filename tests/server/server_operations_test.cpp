@@ -181,5 +181,15 @@ TEST(AccessLog, APathThatIsNoPlainTextIsEscapedAndAnUnwritableLogIsRefusedByName
     EXPECT_THROW(AccessLog(folder.path() / "missing" / "access.log"), std::runtime_error);
 }
 
+// A disk that takes nothing (here /dev/full) costs the log its lines, counted, and the server nothing.
+TEST(AccessLog, LinesADiskDoesNotTakeAreCountedAsDropped) {
+    AccessLog log("/dev/full");
+    for (int i = 0; i < 3; ++i)
+        log.write("10.0.0.1", "GET", "/api/v1/status", 200, 5, std::chrono::milliseconds(1));
+    log.flush();
+    EXPECT_EQ(log.takeDropped(), 3u);
+    EXPECT_EQ(log.takeDropped(), 0u);
+}
+
 }  // namespace
 }  // namespace pelm::server
