@@ -100,8 +100,11 @@ int check(const PelmServer::Options& options, const std::optional<JSON>& seed, c
     line("options", "read");
     if (seed) {
         openContentStore(":memory:")->seed(*seed);
-        line("seed", std::to_string(seed->value("apps", JSON::array()).size()) + " apps, " +
-                         std::to_string(seed->value("contents", JSON::array()).size()) + " contents");
+        const auto count = [](std::size_t n, const char* what) {
+            return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+        };
+        line("seed", count(seed->value("apps", JSON::array()).size(), "app") + ", " +
+                         count(seed->value("contents", JSON::array()).size(), "content"));
     }
     const auto sqlite = !isPostgresAddress(options.database) && options.database != ":memory:";
     if (sqlite && !std::filesystem::exists(options.database)) {

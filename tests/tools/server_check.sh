@@ -20,7 +20,7 @@ expect() {
 
 expect 0 "^pelm-server: ready to serve$" --check --seed "$data/demo_seed.json" --db "$work/shop.db" \
   --access-log "$work/access.log"
-grep -q "^pelm-server: seed: 1 apps" out.txt || { echo "the seed's line is missing:"; cat out.txt; exit 1; }
+grep -q "^pelm-server: seed: 1 app, 7 contents$" out.txt || { echo "the seed's line is missing:"; cat out.txt; exit 1; }
 for made in shop.db access.log pelm-server-certificate; do
   [ ! -e "$made" ] || { echo "--check made $made"; exit 1; }
 done
