@@ -28,10 +28,18 @@ done
 # A start makes the certificate; a second check finds it sound, then a key that is not its own.
 "$server" --db "$work/shop.db" --port $((20000 + RANDOM % 20000)) >serve.txt 2>&1 &
 pid=$!
-for _ in $(seq 100); do grep -q listening serve.txt 2>/dev/null && break; sleep 0.05; done
+for _ in $(seq 200); do grep -q listening serve.txt 2>/dev/null && break; sleep 0.05; done
 kill -TERM "$pid" && wait "$pid"
-mkdir -p other && ( cd other && "$server" --db "$work/other.db" --port $((20000 + RANDOM % 20000)) >serve.txt 2>&1 &
-  p=$!; for _ in $(seq 100); do grep -q listening serve.txt 2>/dev/null && break; sleep 0.05; done; kill -TERM "$p"; wait "$p" )
+# The second server in a folder of its own: cd before the server goes to the background, so that the wait
+# below reads that server's output and not the first one's.
+mkdir -p other
+(
+  cd other || exit 1
+  "$server" --db "$work/other.db" --port $((20000 + RANDOM % 20000)) >serve.txt 2>&1 &
+  p=$!
+  for _ in $(seq 200); do grep -q listening serve.txt 2>/dev/null && break; sleep 0.05; done
+  kill -TERM "$p" && wait "$p"
+)
 expect 0 "^pelm-server: certificate: throwaway, in " --check --db "$work/shop.db"
 expect 1 "^pelm-server: the key .*other/pelm-server-certificate/key.pem is not the key of the certificate" --check \
   --db "$work/shop.db" --cert "$work/pelm-server-certificate/cert.pem" \
